@@ -1,0 +1,162 @@
+#include "util/Logger.h"
+
+#include <gtest/gtest.h>
+
+#include <iostream>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+#include "util/System.h"
+#include "util/TempDir.h"
+
+namespace {
+
+// A logger of its own per test, with a fixed header so contents compare.
+class LoggerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    mLog.setShowHeaderFn([](std::ostream& os) { os << "H: "; });
+    mLog.setGlobalMask(LOG_INFO);
+    mLog.setMaxFileSize(100);
+  }
+  std::string backlog(int n) const { return mPath + "." + std::to_string(n); }
+  // Backlogs "<n>-old" for the given numbers and a current file of size bytes.
+  void prepare(std::initializer_list<int> backlogs, size_t size) {
+    for (int n : backlogs) TempDir::write(backlog(n), std::to_string(n) + "-old");
+    TempDir::write(mPath, std::string(size, 'c'));
+    mLog.setLogFile(mPath);
+  }
+  std::string read(int n) const { return TempDir::read(n == 0 ? mPath : backlog(n)); }
+
+  TempDir mDir;
+  std::string mPath = mDir.file("tool.log");
+  Logger mLog;
+};
+
+}  // namespace
+
+TEST_F(LoggerTest, OffByDefaultThenTimeStampedRecords) {
+  Logger fresh;
+  EXPECT_EQ(0, fresh.getGlobalMask());
+  fresh.setLogFile(mPath);
+  fresh.log(LOG_INFO, "Logging enabled for tool");
+  EXPECT_EQ("", read(0));
+
+  fresh.setGlobalMask(LOG_INFO);
+  fresh.log(LOG_INFO, "Logging enabled for tool");
+  fresh.log(LOG_DEBUG, "not at info level");
+  fresh.setGlobalMask(3);
+  fresh.log(LOG_DEBUG, "debug 1");
+  // The buffered record stream composes a record and hands it over whole.
+  LogStream stream;
+  stream.start(fresh, LOG_INFO);
+  stream << "value " << 42;
+  stream.finish();
+  const std::regex records(
+      "\\[\\d{4}/\\d\\d/\\d\\d \\d\\d:\\d\\d:\\d\\d\\] 0x[0-9a-f]+: Logging enabled for tool\n"
+      "\\[[^\\]]+\\] 0x[0-9a-f]+: debug 1\n"
+      "\\[[^\\]]+\\] 0x[0-9a-f]+: value 42\n");
+  EXPECT_TRUE(std::regex_match(read(0), records)) << read(0);
+
+  // The process logger behind the record macro.
+  Logger& process = Logger::getInstance();
+  process.setLogFile(mDir.file("process.log"));
+  HC_LOG_INFO("suppressed " << 1);
+  process.setGlobalMask(LOG_INFO);
+  HC_LOG_INFO("count " << 2);
+  HC_LOG_DEBUG("suppressed " << 3);
+  process.setGlobalMask(0);
+  process.setLogFile("");
+  const std::string text = TempDir::read(mDir.file("process.log"));
+  EXPECT_TRUE(std::regex_match(text, std::regex("\\[[^\\]]+\\] 0x[0-9a-f]+: count 2\n"))) << text;
+}
+
+TEST_F(LoggerTest, FullFileIsRolledBeforeTheNextRecord) {
+  prepare({1, 2, 3}, 99);
+  mLog.log(LOG_INFO, "a");  // 99 bytes is below the limit: appended
+  EXPECT_EQ(std::string(99, 'c') + "H: a\n", read(0));
+  EXPECT_EQ("3-old", read(3));
+  mLog.log(LOG_INFO, "b");  // now over the limit: rolled first
+  EXPECT_EQ("H: b\n", read(0));
+  EXPECT_EQ(std::string(99, 'c') + "H: a\n", read(1));
+  EXPECT_EQ("1-old", read(2));
+  EXPECT_EQ("2-old", read(3));
+  EXPECT_EQ("3-old", read(4));
+  EXPECT_FALSE(System::fileExists(backlog(5)));
+}
+
+TEST_F(LoggerTest, FileExactlyAtTheLimitIsRolled) {
+  prepare({}, 100);
+  mLog.log(LOG_INFO, "x");
+  EXPECT_EQ("H: x\n", read(0));
+  EXPECT_EQ(std::string(100, 'c'), read(1));
+}
+
+TEST_F(LoggerTest, RetentionLimitDropsTheOldest) {
+  mLog.setFilesToRetain(2);
+  prepare({1, 2}, 100);
+  mLog.log(LOG_INFO, "x");
+  EXPECT_EQ("H: x\n", read(0));
+  EXPECT_EQ(std::string(100, 'c'), read(1));
+  EXPECT_EQ("1-old", read(2));
+  EXPECT_FALSE(System::fileExists(backlog(3)));
+}
+
+TEST_F(LoggerTest, GapInTheNumberingStopsTheShift) {
+  prepare({1, 3}, 100);
+  mLog.log(LOG_INFO, "x");
+  EXPECT_EQ(std::string(100, 'c'), read(1));
+  EXPECT_EQ("1-old", read(2));
+  EXPECT_EQ("3-old", read(3));
+}
+
+TEST_F(LoggerTest, UnlimitedRetentionKeepsTheCurrentFile) {
+  mLog.setFilesToRetain(-1);
+  prepare({1}, 100);
+  mLog.log(LOG_INFO, "x");
+  EXPECT_EQ(std::string(100, 'c') + "H: x\n", read(0));
+  EXPECT_FALSE(System::fileExists(backlog(1)));
+  EXPECT_EQ("1-old", read(2));
+}
+
+TEST_F(LoggerTest, UnopenableFileFallsBackToStandardLog) {
+  std::ostringstream captured;
+  std::streambuf* saved = std::clog.rdbuf(captured.rdbuf());
+  mLog.setLogFile(mDir.file("no/such/dir/log"));
+  const bool onClog = mLog.getStream() == &std::clog;
+  mLog.log(LOG_INFO, "still logged");
+  std::clog.rdbuf(saved);
+  EXPECT_TRUE(onClog);
+  EXPECT_EQ("Unable to open log file: " + mDir.file("no/such/dir/log") + "\nH: still logged\n",
+            captured.str());
+}
+
+TEST_F(LoggerTest, ConcurrentRecordsStayWholeAcrossRollOvers) {
+  mLog.setFilesToRetain(50);
+  mLog.setMaxFileSize(400);
+  mLog.setLogFile(mPath);
+  {
+    Logger::Sentry sentry(mLog);
+    EXPECT_FALSE(mLog.okToLog()) << "the holder must not start a second record";
+    bool otherMayLog = false;
+    std::thread([&] { otherMayLog = mLog.okToLog(); }).join();
+    EXPECT_TRUE(otherMayLog);
+  }
+  std::vector<std::thread> writers;
+  for (int t = 0; t < 4; ++t) {
+    writers.emplace_back([this, t] {
+      for (int i = 0; i < 100; ++i) mLog.log(LOG_INFO, "writer " + std::to_string(t) + " record " + std::to_string(i));
+    });
+  }
+  for (auto& w : writers) w.join();
+  const std::regex line("H: writer [0-3] record [0-9]+");
+  int records = 0;
+  for (int n = 0; n <= 50; ++n) {
+    std::istringstream in(read(n));
+    for (std::string l; std::getline(in, l); ++records) {
+      ASSERT_TRUE(std::regex_match(l, line)) << "file " << n << ": " << l;
+    }
+  }
+  EXPECT_EQ(400, records);
+}

@@ -1,0 +1,142 @@
+#include "util/System.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "util/TempDir.h"
+
+TEST(SystemTest, ReadDirectoryListsEverythingIncludingDots) {
+  TempDir dir;
+  std::vector<std::string> names;
+  ASSERT_TRUE(System::readDirectory(dir.path(), names));
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(std::vector<std::string>({".", ".."}), names);
+
+  // Enough long names to need several reads of the entry buffer.
+  std::vector<std::string> expected = {".", ".."};
+  for (int i = 0; i < 150; ++i) {
+    expected.push_back("entry_with_a_fairly_long_name_" + std::to_string(i));
+    TempDir::write(dir.file(expected.back()), "x");
+  }
+  names.clear();
+  ASSERT_TRUE(System::readDirectory(dir.path(), names));
+  std::sort(names.begin(), names.end());
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(expected, names);
+}
+
+TEST(SystemTest, ExistenceAttributesAndRemoval) {
+  TempDir dir;
+  const std::string file = dir.file("f"), link = dir.file("dangling");
+  TempDir::write(file, "12345");
+  ASSERT_EQ(0, symlink(dir.file("nowhere").c_str(), link.c_str()));
+  EXPECT_TRUE(System::fileExists(file, FOLLOW_SYMLINK));
+  EXPECT_FALSE(System::fileExists(link, FOLLOW_SYMLINK));
+  EXPECT_TRUE(System::fileExists(link, DONT_FOLLOW_SYMLINK));
+
+  FileAttributes attrs;
+  ASSERT_TRUE(attrs.stat(file, FOLLOW_SYMLINK));
+  EXPECT_EQ(5, attrs.mSize);
+  ASSERT_TRUE(attrs.stat(link, DONT_FOLLOW_SYMLINK));
+  EXPECT_EQ(TYPE_SYMLINK, attrs.getType());
+  EXPECT_TRUE(attrs.isRegularFile()) << "a link read without following counts as regular";
+
+  EXPECT_EQ(0, System::remove(dir.file("missing")));
+  EXPECT_EQ(0, System::remove(file + "/below"));  // ENOTDIR counts as gone
+  EXPECT_EQ(0, System::remove(file));
+  EXPECT_FALSE(System::fileExists(file));
+  EXPECT_EQ(System::OS_LINUX, System::makeOSID("LINUX"));
+  EXPECT_EQ(System::OS_INVALID, System::makeOSID("linux2"));
+}
+
+TEST(SystemTest, RetriesReportTheFirstErrorNumber) {
+  int calls = 0;
+  const int errors[] = {EACCES, EBUSY, ENOENT};
+  EXPECT_FALSE(System::retryOperation([&] { errno = errors[calls++ % 3]; return false; }, 3, 1));
+  EXPECT_EQ(3, calls);
+  EXPECT_EQ(EACCES, errno);
+  calls = 0;
+  EXPECT_TRUE(System::retryOperation([&] { return ++calls == 2; }, 5, 1));
+  EXPECT_EQ(2, calls);
+
+  TempDir dir;
+  const std::string from = dir.file("from");
+  TempDir::write(from, "data");
+  errno = 0;
+  EXPECT_FALSE(System::retryMove(from, dir.file("no/such/dir"), false, 3, 1));
+  EXPECT_EQ(ENOENT, errno);
+  ASSERT_TRUE(System::makeDirectory(dir.file("full"), 0755));
+  TempDir::write(dir.file("full/x"), "x");
+  EXPECT_FALSE(System::retryRemove(dir.file("full"), true, 2, 1));
+  EXPECT_EQ(ENOTEMPTY, errno);
+  EXPECT_TRUE(System::retryMove(from, dir.file("to")));
+  EXPECT_EQ("data", TempDir::read(dir.file("to")));
+}
+
+TEST(SystemTest, DescriptorServices) {
+  TempDir dir;
+  const std::string path = dir.file("out");
+  {
+    System::FileDescriptor fd = System::openForWrite(path, 0600, O_TRUNC);
+    ASSERT_TRUE(fd.valid());
+    ASSERT_TRUE(System::writeAll(fd.get(), "hello world", 11));
+    ASSERT_TRUE(System::truncateFile(fd.get(), 5));
+    ASSERT_TRUE(System::changeMode(fd.get(), 0640));
+  }
+  FileAttributes attrs;
+  ASSERT_TRUE(attrs.stat(path, DONT_FOLLOW_SYMLINK));
+  EXPECT_EQ(5, attrs.mSize);
+  EXPECT_EQ(0640, attrs.permissions());
+
+  System::FileDescriptor in = System::openForRead(path);
+  ASSERT_TRUE(in.valid());
+  EXPECT_TRUE(::fcntl(in.get(), F_GETFD) & FD_CLOEXEC);
+  char buf[16] = {};
+  EXPECT_EQ(3, System::preadSome(in.get(), buf, sizeof buf, 2));
+  EXPECT_EQ("llo", std::string(buf, 3));
+  EXPECT_EQ(5, System::readFull(in.get(), buf, sizeof buf));
+
+  // Never through a symbolic link at the last component.
+  const std::string link = dir.file("link");
+  ASSERT_EQ(0, symlink(path.c_str(), link.c_str()));
+  EXPECT_FALSE(System::openForWrite(link, 0600).valid());
+  EXPECT_EQ(ELOOP, errno);
+  EXPECT_FALSE(System::makeDirectory(link, 0700));
+  EXPECT_EQ(EEXIST, errno);
+  EXPECT_TRUE(System::removeFile(link));
+  EXPECT_TRUE(System::fileExists(path)) << "only the link is removed";
+}
+
+TEST(SystemTest, ShellCommandsStreamsAndSignals) {
+  TempDir dir;
+  EXPECT_EQ(0, System::runShellCommand("true"));
+  EXPECT_EQ(3, System::runShellCommand("exit 3"));
+  EXPECT_EQ(128 + SIGTERM, System::runShellCommand("kill -TERM $$"));
+  // The child starts with an empty mask even when the caller blocks signals.
+  sigset_t term, saved;
+  sigemptyset(&term);
+  sigaddset(&term, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &term, &saved);
+  const int status = System::runShellCommand("grep -q '^SigBlk:[[:space:]]*0*$' /proc/self/status");
+  pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+  EXPECT_EQ(0, status);
+
+  auto out = System::make_ofstream(dir.file("log"), std::ios::out, true);
+  ASSERT_TRUE(out->good());
+  *out << "line\n";
+  // A child process sees the descriptor only when close-on-exec is off.
+  const std::string seesLog = "ls -l /proc/self/fd/ | grep -q '" + dir.file("log") + "'";
+  EXPECT_NE(0, System::runShellCommand(seesLog));
+  auto inherited = System::make_ofstream(dir.file("log"), std::ios::app, false);
+  EXPECT_EQ(0, System::runShellCommand(seesLog));
+  inherited.reset();
+  out->close();
+  EXPECT_EQ("line\n", TempDir::read(dir.file("log")));
+  EXPECT_EQ("No signal", System::signalName(static_cast<int>(0x80000000u)));
+}

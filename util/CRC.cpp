@@ -1,0 +1,69 @@
+#include "util/CRC.h"
+
+#include <array>
+#include <cstdint>
+#include <cstring>
+
+namespace {
+
+using Table = std::array<std::array<uint32_t, 256>, 8>;
+
+// Table 0 is the register update for one byte; table k+1 advances table k's
+// entry by one more zero byte, so table k handles a byte k positions early.
+constexpr Table makeTable() {
+  Table t{};
+  for (uint32_t i = 0; i < 256; ++i) {
+    uint32_t c = i;
+    for (int bit = 0; bit < 8; ++bit) c = (c & 1) ? (c >> 1) ^ 0x82F63B78u : c >> 1;
+    t[0][i] = c;
+  }
+  for (int k = 0; k + 1 < 8; ++k) {
+    for (uint32_t i = 0; i < 256; ++i) t[k + 1][i] = (t[k][i] >> 8) ^ t[0][t[k][i] & 0xff];
+  }
+  return t;
+}
+
+constexpr Table kTable = makeTable();
+
+inline uint32_t byteStep(uint32_t crc, unsigned char b) {
+  return kTable[0][(crc ^ b) & 0xff] ^ (crc >> 8);
+}
+
+// Little-endian 32-bit word at an aligned address.
+inline uint32_t loadWord(const unsigned char* p) {
+  uint32_t w;
+  std::memcpy(&w, p, sizeof w);
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+  w = __builtin_bswap32(w);
+#endif
+  return w;
+}
+
+inline uint32_t wordStep(uint32_t crc, const unsigned char* p) {
+  crc ^= loadWord(p);
+  return kTable[3][crc & 0xff] ^ kTable[2][(crc >> 8) & 0xff] ^
+         kTable[1][(crc >> 16) & 0xff] ^ kTable[0][crc >> 24];
+}
+
+}  // namespace
+
+namespace CRC {
+
+unsigned int crc32c(const unsigned char* data, unsigned long length, unsigned int crc) {
+  if (length == 0) return crc;
+  uint32_t c = ~static_cast<uint32_t>(crc);
+  const unsigned char* p = data;
+  const unsigned char* const end = data + length;
+  while (p != end && (reinterpret_cast<uintptr_t>(p) & 3) != 0) c = byteStep(c, *p++);
+  while (end - p >= 32) {
+    for (int i = 0; i < 8; ++i, p += 4) c = wordStep(c, p);
+  }
+  while (end - p >= 4) {
+    c = wordStep(c, p);
+    p += 4;
+  }
+  while (p != end) c = byteStep(c, *p++);
+  return ~c;
+}
+
+}  // namespace CRC

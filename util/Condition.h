@@ -1,0 +1,42 @@
+// Condition variable used together with Mutex::Lock.
+#ifndef HC_UTIL_CONDITION_H
+#define HC_UTIL_CONDITION_H
+
+#include <condition_variable>
+
+#include "util/Mutex.h"
+#include "util/Time.h"
+
+class Condition {
+ public:
+  Condition() = default;
+  Condition(const Condition&) = delete;
+  Condition& operator=(const Condition&) = delete;
+
+  // Releases the lock while waiting; the lock is held again on return.
+  // Spurious wake-ups are possible: re-check the predicate.
+  void wait(Mutex::Lock& lock) { mCond.wait(lock.mLock); }
+
+  // Waits until pred() is true.
+  template <typename Pred>
+  void wait(Mutex::Lock& lock, Pred pred) { mCond.wait(lock.mLock, pred); }
+
+  // Waits until woken or the wall-clock deadline passes. Returns false when
+  // the deadline passed.
+  bool waitUntil(Mutex::Lock& lock, const Time& deadline);
+
+  // Waits until pred() is true or ms milliseconds have passed (monotonic).
+  // Returns the final value of pred().
+  template <typename Pred>
+  bool waitFor(Mutex::Lock& lock, long ms, Pred pred) {
+    return mCond.wait_for(lock.mLock, std::chrono::milliseconds(ms), pred);
+  }
+
+  void signal() { mCond.notify_one(); }
+  void broadcast() { mCond.notify_all(); }
+
+ private:
+  std::condition_variable mCond;
+};
+
+#endif  // HC_UTIL_CONDITION_H

@@ -1,0 +1,40 @@
+// Non-recursive mutex and its scoped lock. The lock can be released and
+// re-taken inside its scope, which is what a Condition wait needs.
+#ifndef HC_UTIL_MUTEX_H
+#define HC_UTIL_MUTEX_H
+
+#include <mutex>
+
+class Condition;
+
+class Mutex {
+ public:
+  Mutex() = default;
+  Mutex(const Mutex&) = delete;
+  Mutex& operator=(const Mutex&) = delete;
+
+  // Standard Lockable interface, so std::lock_guard<Mutex> works too.
+  void lock() { mMutex.lock(); }
+  void unlock() { mMutex.unlock(); }
+  bool try_lock() { return mMutex.try_lock(); }
+
+  // Scoped lock: locks on construction, unlocks on destruction if held.
+  class Lock {
+   public:
+    explicit Lock(Mutex& m) : mLock(m.mMutex) {}
+    Lock(const Lock&) = delete;
+    Lock& operator=(const Lock&) = delete;
+    void lock() { mLock.lock(); }
+    void unlock() { mLock.unlock(); }
+    bool ownsLock() const { return mLock.owns_lock(); }
+
+   private:
+    friend class Condition;
+    std::unique_lock<std::mutex> mLock;
+  };
+
+ private:
+  std::mutex mMutex;
+};
+
+#endif  // HC_UTIL_MUTEX_H

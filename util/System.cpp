@@ -1,0 +1,226 @@
+#include "util/System.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "util/Assert.h"
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "util/Condition.h"
+#include "util/Mutex.h"
+
+extern char** environ;
+
+namespace System {
+
+const std::vector<int> sInteractiveShutdownSignals = {SIGHUP,  SIGINT,  SIGQUIT, SIGTERM,
+                                                      SIGXCPU, SIGXFSZ, SIGPWR};
+const std::vector<int> sDaemonShutdownSignals = {SIGINT,  SIGQUIT, SIGTERM,
+                                                 SIGXCPU, SIGXFSZ, SIGPWR};
+
+OSID makeOSID(const char* name) {
+  if (name == nullptr) return OS_NONE;
+  if (strcasecmp(name, "windows") == 0) return OS_WIN32;
+  if (strcasecmp(name, "solaris") == 0) return OS_SOLARIS;
+  if (strcasecmp(name, "linux") == 0) return OS_LINUX;
+  if (strcasecmp(name, "solarisx86") == 0) return OS_SOLARIS_X86;
+  return OS_INVALID;
+}
+
+bool fileExists(const std::string& path, SymLinkMode mode) {
+  switch (mode) {
+    case FOLLOW_SYMLINK:
+      return ::access(path.c_str(), F_OK) == 0;
+    case DONT_FOLLOW_SYMLINK: {
+      FileAttributes attrs;
+      return attrs.stat(path, DONT_FOLLOW_SYMLINK);
+    }
+  }
+  HC_ASSERT(false);
+  return false;
+}
+
+int remove(const std::string& path, bool) {
+  int rc;
+  do {
+    rc = ::remove(path.c_str());
+  } while (rc != 0 && errno == EINTR);
+  if (rc == 0 || errno == ENOENT || errno == ENOTDIR) return 0;
+  return -1;
+}
+
+bool move(const std::string& from, const std::string& to, bool) {
+  return ::rename(from.c_str(), to.c_str()) == 0;
+}
+
+bool retryOperation(const std::function<bool()>& attempt, int maxAttempts, long intervalMs) {
+  if (attempt()) return true;
+  const int firstError = errno;
+  for (int i = 1; i < maxAttempts; ++i) {
+    if (attempt()) return true;
+    sleep(intervalMs);
+  }
+  errno = firstError;
+  return false;
+}
+
+bool retryRemove(const std::string& path, bool force, int maxAttempts, long intervalMs) {
+  return retryOperation([&] { return remove(path, force) == 0; }, maxAttempts, intervalMs);
+}
+
+bool retryMove(const std::string& from, const std::string& to, bool force, int maxAttempts,
+               long intervalMs) {
+  return retryOperation([&] { return move(from, to, force); }, maxAttempts, intervalMs);
+}
+
+bool makeDirectory(const std::string& path, int mode) {
+  return ::mkdir(path.c_str(), static_cast<mode_t>(mode)) == 0;
+}
+
+bool removeFile(const std::string& path) { return ::unlink(path.c_str()) == 0; }
+
+bool removeDirectory(const std::string& path) { return ::rmdir(path.c_str()) == 0; }
+
+bool changeMode(const std::string& path, int mode) {
+  return ::chmod(path.c_str(), static_cast<mode_t>(mode)) == 0;
+}
+
+namespace {
+
+// Reaches the descriptor inside a std::filebuf. Forming the member pointer
+// through a derived class is the sanctioned way to name a protected member.
+struct FilebufAccess : std::filebuf {
+  static int fd(std::filebuf& fb) {
+    auto member = &FilebufAccess::_M_file;
+    return (fb.*member).fd();
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<std::ofstream> make_ofstream(const std::string& path, std::ios::openmode mode,
+                                             bool closeOnExec) {
+  auto stream = std::make_unique<std::ofstream>(path, mode | std::ios::out);
+  if (closeOnExec && stream->good()) {
+    const int fd = FilebufAccess::fd(*stream->rdbuf());
+    if (fd >= 0) ::fcntl(fd, F_SETFD, ::fcntl(fd, F_GETFD) | FD_CLOEXEC);
+  }
+  return stream;
+}
+
+std::unique_ptr<std::ifstream> make_ifstream(const std::string& path, std::ios::openmode mode) {
+  return std::make_unique<std::ifstream>(path, mode | std::ios::in);
+}
+
+const char* getenv(const char* name) { return std::getenv(name); }
+
+void sleep(long ms) {
+  Time deadline = Time::now();
+  deadline.addNanos(ms * 1000000L);
+  Mutex mutex;
+  Condition cond;
+  Mutex::Lock lock(mutex);
+  cond.waitUntil(lock, deadline);
+}
+
+void currentTimeAsString(std::string& out) {
+  const time_t now = ::time(nullptr);
+  struct tm local;
+  char buf[64];
+  localtime_r(&now, &local);
+  const size_t n = std::strftime(buf, sizeof buf, "%Y/%m/%d %H:%M:%S", &local);
+  out.assign(buf, n);
+}
+
+int runShellCommand(const std::string& command) {
+  // The child starts with no signals blocked and default dispositions, even
+  // though the caller keeps its shutdown signals blocked.
+  posix_spawnattr_t attr;
+  posix_spawnattr_init(&attr);
+  sigset_t none, all;
+  sigemptyset(&none);
+  sigfillset(&all);
+  posix_spawnattr_setsigmask(&attr, &none);
+  posix_spawnattr_setsigdefault(&attr, &all);
+  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  const char* argv[] = {"sh", "-c", command.c_str(), nullptr};
+  pid_t pid;
+  const int rc = posix_spawn(&pid, "/bin/sh", nullptr, &attr, const_cast<char**>(argv), environ);
+  posix_spawnattr_destroy(&attr);
+  if (rc != 0) {
+    errno = rc;
+    return -1;
+  }
+  int status = 0;
+  while (::waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) return -1;
+  }
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+  return -1;
+}
+
+bool disableSIGPIPE() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGPIPE);
+  const int rc = pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  if (rc != 0) errno = rc;
+  return rc == 0;
+}
+
+bool ignoreSIGPIPE() {
+  struct sigaction action;
+  std::memset(&action, 0, sizeof action);
+  action.sa_handler = SIG_IGN;
+  sigemptyset(&action.sa_mask);
+  return ::sigaction(SIGPIPE, &action, nullptr) == 0;
+}
+
+namespace {
+void doNothing(int) {}
+}  // namespace
+
+bool trapUSR1ButDoNothing() {
+  struct sigaction action;
+  std::memset(&action, 0, sizeof action);
+  action.sa_handler = doNothing;  // no SA_RESTART: blocking calls return EINTR
+  sigemptyset(&action.sa_mask);
+  if (::sigaction(SIGUSR1, &action, nullptr) != 0) return false;
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGUSR1);
+  const int rc = pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+  if (rc != 0) errno = rc;
+  return rc == 0;
+}
+
+std::string signalName(int sig) {
+  if (static_cast<unsigned>(sig) == 0x80000000u) return "No signal";
+  const char* text = ::strsignal(sig);
+  if (text != nullptr) return text;
+  return "Unknown signal " + std::to_string(sig);
+}
+
+int setNonBlocking(int fd, int on) {
+  const int flags = ::fcntl(fd, F_GETFL, 0);
+  if (flags < 0) return -1;
+  const int wanted = on == 1 ? (flags | O_NONBLOCK) : (flags & ~O_NONBLOCK);
+  return ::fcntl(fd, F_SETFL, wanted) < 0 ? -1 : 0;
+}
+
+int fcntl(int fd, int cmd, long arg) { return ::fcntl(fd, cmd, arg); }
+
+bool errorMeansInProgress() { return errno == EINPROGRESS || errno == EAGAIN; }
+
+void InitSockets() {}
+
+}  // namespace System

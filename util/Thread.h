@@ -1,0 +1,31 @@
+// Thin thread helpers over POSIX threads: identifiers, detached threads and
+// directed signals. Joinable threads are std::thread.
+#ifndef HC_UTIL_THREAD_H
+#define HC_UTIL_THREAD_H
+
+#include <pthread.h>
+
+#include <functional>
+
+// The POSIX identifier of a thread; 0 never names a running thread here.
+using ThreadId = pthread_t;
+
+namespace Thread {
+
+// Identifier of the calling thread.
+ThreadId currentId();
+
+// Runs fn on a new detached thread, which inherits the caller's signal mask.
+// Returns false with errno set when the thread cannot be created. An
+// exception escaping fn is reported on standard error and swallowed.
+bool startDetached(std::function<void()> fn);
+
+// Sends sig to the thread id (pthread_kill). Returns 0 or the error number.
+int signal(ThreadId id, int sig);
+
+// Gives up the processor.
+void yield();
+
+}  // namespace Thread
+
+#endif  // HC_UTIL_THREAD_H

@@ -1,0 +1,35 @@
+// A reading of the monotonic clock in nanoseconds, counted from a
+// process-wide origin set on first use; used to measure elapsed time.
+#ifndef HC_UTIL_TICKS_H
+#define HC_UTIL_TICKS_H
+
+#include <cstdint>
+
+class Ticks {
+ public:
+  Ticks() = default;
+  explicit Ticks(int64_t nanos) : mTicks(nanos) {}
+
+  // Current monotonic reading. Throws ErrnoException("clock_gettime") on
+  // failure. Make the first call on the main thread before threads start.
+  static Ticks currentTime();
+
+  // Seconds of the low 50 bits, so a negative difference reads as a large
+  // positive value rather than negative seconds.
+  double seconds() const;
+  int64_t nanos() const { return mTicks; }
+
+  Ticks operator-(const Ticks& o) const { return Ticks(mTicks - o.mTicks); }
+  Ticks operator+(const Ticks& o) const { return Ticks(mTicks + o.mTicks); }
+  Ticks& operator+=(const Ticks& o) { mTicks += o.mTicks; return *this; }
+  Ticks& operator-=(const Ticks& o) { mTicks -= o.mTicks; return *this; }
+  bool operator<(const Ticks& o) const { return mTicks < o.mTicks; }
+  bool operator>(const Ticks& o) const { return mTicks > o.mTicks; }
+  bool operator==(const Ticks& o) const { return mTicks == o.mTicks; }
+  bool operator!=(const Ticks& o) const { return mTicks != o.mTicks; }
+
+ private:
+  int64_t mTicks = 0;
+};
+
+#endif  // HC_UTIL_TICKS_H

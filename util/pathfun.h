@@ -1,0 +1,48 @@
+// Pure string functions on file paths; they never touch the file system.
+// The only separator on this platform is '/'.
+#ifndef HC_UTIL_PATHFUN_H
+#define HC_UTIL_PATHFUN_H
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "util/StringUtilities.h"
+#include "util/System.h"
+
+// Offsets (start, end) of one component within a path string.
+using Range = std::pair<uint64_t, uint64_t>;
+
+// The separator set: just "/".
+extern const char* const sPathSeparators;
+
+// Everything before the last '/'; "." without any '/'. So "/etc" gives ""
+// and "a/b/" gives "a/b".
+std::string getDirectoryName(const std::string& path);
+
+// Everything after the last '/'; "" without any '/' (deliberately) and for
+// a path ending in '/'.
+std::string getFileName(const std::string& path);
+
+// True when the path has a root: a leading '/' on this platform.
+bool isAbsolute(GenericStringKey path, System::OSID os = System::OS_LINUX);
+
+// out = a + sep + b. An empty side yields the other; an absolute b wins;
+// no separator is added when a already ends in '/'.
+void pathConcatEx(GenericStringKey a, GenericStringKey b, std::string& out, char sep = '/');
+// Returning form of pathConcatEx with '/'.
+std::string pathConcat(GenericStringKey a, GenericStringKey b);
+
+// Pushes the root's range (if any) then one range per non-empty component;
+// one empty range (0, 0) when nothing else was pushed. root, if given,
+// receives the root text. Returns whether the path is absolute.
+bool splitPath(const std::string& path, std::vector<Range>& parts, std::string* root = nullptr);
+
+// When path lies below the absolute base (component-wise, case-sensitive),
+// cuts the base off path (equal paths give "") and returns true; otherwise
+// returns false and leaves path unchanged. A relative base is a programming
+// error.
+bool makeRelative(const std::string& base, std::string& path);
+
+#endif  // HC_UTIL_PATHFUN_H

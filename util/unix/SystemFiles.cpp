@@ -1,0 +1,213 @@
+// File metadata, raw directory listing and descriptor services.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+
+#include "util/System.h"
+
+namespace {
+
+void fillFrom(FileAttributes& a, const struct stat& st) {
+  a.mFSID.mDevice = static_cast<int64_t>(st.st_dev);
+  a.mFSID.mIndex = static_cast<int64_t>(st.st_ino);
+  a.mSize = static_cast<int64_t>(st.st_size);
+  a.mLinkCount = static_cast<int>(st.st_nlink);
+  a.mCreateTime = Time(st.st_ctim);
+  a.mAccessTime = Time(st.st_atim);
+  a.mModifyTime = Time(st.st_mtim);
+  a.mMode = static_cast<int>(st.st_mode);
+  a.mOwnerId = static_cast<int>(st.st_uid);
+  a.mGroupId = static_cast<int>(st.st_gid);
+  a.mWindowsFlags = 0;
+}
+
+}  // namespace
+
+bool FileAttributes::stat(const std::string& path, SymLinkMode mode) {
+  struct stat st;
+  int rc;
+  do {
+    rc = mode == DONT_FOLLOW_SYMLINK ? ::lstat(path.c_str(), &st) : ::stat(path.c_str(), &st);
+  } while (rc != 0 && errno == EINTR);
+  if (rc != 0) return false;
+  fillFrom(*this, st);
+  return true;
+}
+
+bool FileAttributes::statFd(int fd) {
+  struct stat st;
+  if (::fstat(fd, &st) != 0) return false;
+  fillFrom(*this, st);
+  return true;
+}
+
+FileType FileAttributes::getType() const {
+  if (S_ISDIR(mMode)) return TYPE_DIRECTORY;
+  if (S_ISLNK(mMode)) return TYPE_SYMLINK;
+  if (S_ISFIFO(mMode)) return TYPE_NAMED_PIPE;
+  return TYPE_FILE;
+}
+
+bool FileAttributes::isRegularFile() const {
+  return !(S_ISDIR(mMode) || S_ISCHR(mMode) || S_ISBLK(mMode) || S_ISSOCK(mMode) ||
+           S_ISFIFO(mMode));
+}
+
+bool FileAttributes::isDirectory() const { return S_ISDIR(mMode); }
+
+bool FileAttributes::isSymlink() const { return S_ISLNK(mMode); }
+
+namespace System {
+
+namespace {
+
+// Layout of the records returned by getdents64.
+struct RawDirEntry {
+  uint64_t d_ino;
+  int64_t d_off;
+  unsigned short d_reclen;
+  unsigned char d_type;
+  char d_name[1];
+};
+
+const std::size_t kDirBufferSize = 5370;
+
+}  // namespace
+
+bool readDirectory(const std::string& path, std::vector<std::string>& names) {
+  FileDescriptor dir(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!dir) return false;
+  alignas(RawDirEntry) char buffer[kDirBufferSize];
+  for (;;) {
+    const long n = ::syscall(SYS_getdents64, dir.get(), buffer, sizeof buffer);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      SaveError keep;
+      dir.close();
+      return false;
+    }
+    if (n == 0) break;
+    for (long off = 0; off < n;) {
+      unsigned short recordLength;
+      std::memcpy(&recordLength, buffer + off + offsetof(RawDirEntry, d_reclen),
+                  sizeof recordLength);
+      names.emplace_back(buffer + off + offsetof(RawDirEntry, d_name));
+      off += recordLength;
+    }
+  }
+  return dir.close();
+}
+
+FileDescriptor::~FileDescriptor() {
+  SaveError keep;  // destruction during error handling must not change errno
+  close();
+}
+
+FileDescriptor& FileDescriptor::operator=(FileDescriptor&& o) noexcept {
+  if (this != &o) {
+    close();
+    mFd = o.release();
+  }
+  return *this;
+}
+
+int FileDescriptor::release() {
+  const int fd = mFd;
+  mFd = -1;
+  return fd;
+}
+
+bool FileDescriptor::close() {
+  if (mFd < 0) return true;
+  const int fd = release();
+  // Linux releases the descriptor even when close reports EINTR.
+  return ::close(fd) == 0 || errno == EINTR;
+}
+
+namespace {
+
+int openRetrying(const std::string& path, int flags, int mode) {
+  int fd;
+  do {
+    fd = ::open(path.c_str(), flags, static_cast<mode_t>(mode));
+  } while (fd < 0 && errno == EINTR);
+  return fd;
+}
+
+}  // namespace
+
+FileDescriptor openForWrite(const std::string& path, int mode, int extraFlags) {
+  return FileDescriptor(
+      openRetrying(path, O_CREAT | O_WRONLY | O_NOFOLLOW | O_CLOEXEC | extraFlags, mode));
+}
+
+FileDescriptor openForRead(const std::string& path, bool followSymlink) {
+  return FileDescriptor(
+      openRetrying(path, O_RDONLY | O_CLOEXEC | (followSymlink ? 0 : O_NOFOLLOW), 0));
+}
+
+FileDescriptor openDirectory(const std::string& path) {
+  return FileDescriptor(openRetrying(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW, 0));
+}
+
+bool writeAll(int fd, const void* data, size_t n) {
+  const char* p = static_cast<const char*>(data);
+  while (n > 0) {
+    const ssize_t w = ::write(fd, p, n);
+    if (w < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    p += w;
+    n -= static_cast<size_t>(w);
+  }
+  return true;
+}
+
+ssize_t readSome(int fd, void* buf, size_t n) {
+  ssize_t r;
+  do {
+    r = ::read(fd, buf, n);
+  } while (r < 0 && errno == EINTR);
+  return r;
+}
+
+ssize_t readFull(int fd, void* buf, size_t n) {
+  char* p = static_cast<char*>(buf);
+  size_t done = 0;
+  while (done < n) {
+    const ssize_t r = readSome(fd, p + done, n - done);
+    if (r < 0) return -1;
+    if (r == 0) break;
+    done += static_cast<size_t>(r);
+  }
+  return static_cast<ssize_t>(done);
+}
+
+ssize_t preadSome(int fd, void* buf, size_t n, int64_t offset) {
+  ssize_t r;
+  do {
+    r = ::pread(fd, buf, n, static_cast<off_t>(offset));
+  } while (r < 0 && errno == EINTR);
+  return r;
+}
+
+int64_t seek(int fd, int64_t offset, int whence) {
+  return static_cast<int64_t>(::lseek(fd, static_cast<off_t>(offset), whence));
+}
+
+bool syncFile(int fd) { return ::fsync(fd) == 0; }
+
+bool changeMode(int fd, int mode) { return ::fchmod(fd, static_cast<mode_t>(mode)) == 0; }
+
+bool truncateFile(int fd, int64_t length) {
+  return ::ftruncate(fd, static_cast<off_t>(length)) == 0;
+}
+
+}  // namespace System
