@@ -1,0 +1,32 @@
+#include "hopper/MultiBaseCounter.h"
+
+#include <stdexcept>
+
+MultiBaseCounter::MultiBaseCounter(const std::vector<uint64_t>& bases)
+    : mDigitBases(bases), mDigits(bases.size(), 0), mIsValid(true) {
+  for (uint64_t base : mDigitBases) {
+    if (base == 0) {
+      throw std::runtime_error("MultiBaseCounter: bases must be at least 1.");
+    }
+  }
+}
+
+MultiBaseCounter& MultiBaseCounter::operator++() {
+  if (reachedMax()) {
+    mIsValid = false;
+    return *this;
+  }
+  // Not at the maximum, so some digit below its top absorbs the carry.
+  for (size_t i = mDigits.size(); i-- > 0;) {
+    if (++mDigits[i] < mDigitBases[i]) break;
+    mDigits[i] = 0;
+  }
+  return *this;
+}
+
+bool MultiBaseCounter::reachedMax() const {
+  for (size_t i = 0; i < mDigits.size(); ++i) {
+    if (mDigits[i] != mDigitBases[i] - 1) return false;
+  }
+  return true;
+}

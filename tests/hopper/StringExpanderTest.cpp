@@ -1,0 +1,64 @@
+#include "hopper/StringExpander.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "hopper/MultiBaseCounter.h"
+
+namespace {
+
+using Words = std::vector<std::string>;
+
+Words nodesOf(const char* value) {
+  Words nodes;
+  parseNodesArg(value, nodes);
+  return nodes;
+}
+
+}  // namespace
+
+TEST(StringExpanderTest, ExpandsPatternsAndRemovesDuplicates) {
+  const Words documented = {"host1", "host2", "host3", "host5", "host7", "host-a", "host-b", "host-c"};
+  EXPECT_EQ(documented, nodesOf("host[1-3] host[5,7] host-[a-c]"));
+  EXPECT_EQ(documented, nodesOf("host{1-3}\thost{5,7}\n host-{a-c}"));
+  // Several patterns in one word: the rightmost varies fastest.
+  EXPECT_EQ(Words({"h1xay", "h1xby", "h2xay", "h2xby"}), nodesOf("h[1-2]x[a-b]y"));
+  EXPECT_EQ(Words({"n1", "n2", "n3", "n7", "na", "nb", "nz"}), nodesOf("n[,1-3,,7,a-b,z,]"));
+  EXPECT_EQ(Words({"h8", "h9", "h10", "h1:2000"}), nodesOf("h[008-010] {h}[1]:2000"));
+  // Duplicates go, the first occurrence stays; comparison is exact.
+  EXPECT_EQ(Words({"h2", "h1", "H1", "h1:2000", "h3"}), nodesOf("h2 h[1-2] H1 h1:2000 h{1-3} h[1,1]"));
+  Words nodes = {"b", "x"};
+  parseNodesArg("a b x c", nodes);
+  EXPECT_EQ(Words({"b", "x", "a", "c"}), nodes);
+  Words alternatives = {"kept"};
+  StringExpander::parsePattern(" 9-10\t\v\f\r\nb,,b ", alternatives);
+  EXPECT_EQ(Words({"kept", "9", "10", "b", "b"}), alternatives);
+  MultiBaseCounter counter({2});
+  EXPECT_TRUE(!counter.reachedMax() && (++counter).reachedMax() && counter.isValid() && counter[0] == 1);
+  EXPECT_FALSE((++counter).isValid());
+}
+
+TEST(StringExpanderTest, RejectsMalformedPatternsWithTheirMessages) {
+  const std::pair<const char*, const char*> faults[] = {
+      {"h[3-1]", "Lower bound must be <= upper bound: 3-1"}, {"h[a-C]", "Lower bound must be <= upper bound: a-C"},
+      {"h[1-a]", "Invalid range: 1-a"}, {"h[1-]", "Invalid range: 1-"},
+      {"h[2,-1]", "Invalid range: -1"}, {"h[1-2-3]", "Invalid range: 1-2-3"},
+      {"h[ab-c]", "Character ranges must be for single characters: ab-c"},
+      {"h{1-2]", "Unterminated pattern in word: {1-2]"}, {"h[1]y[x", "Unterminated pattern in word: [x"},
+      {"h[a[b]]", "Pattern \"a[b\" contains illegal character '['."}, {"h[a}]", "Pattern \"a}\" contains illegal character '}'."},
+      {"h[,]", "MultiBaseCounter: bases must be at least 1."}};
+  for (const auto& [word, message] : faults) {
+    Words nodes;
+    const std::string value = std::string("a[1-2] ") + word + " c";
+    try {
+      parseNodesArg(value.c_str(), nodes);
+      ADD_FAILURE() << "accepted " << word;
+    } catch (const std::runtime_error& e) {
+      EXPECT_EQ(message, std::string(e.what()));
+    }
+    EXPECT_EQ(Words({"a1", "a2"}), nodes) << word;  // nothing from the faulty word on
+  }
+}
