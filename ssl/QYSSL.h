@@ -1,0 +1,132 @@
+// Transport security for the cluster manager client. A Provider is a factory
+// of secured sockets over connected descriptors; SSLProvider is the TLS 1.2
+// implementation and SSLSocket the session it hands out. The provider's name
+// also tells the HTTP client which scheme to use ("ssl" means https).
+#ifndef HIVE_SSL_QYSSL_H
+#define HIVE_SSL_QYSSL_H
+
+#include <openssl/types.h>
+
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "util/Mutex.h"
+
+namespace qysec {
+
+// A failed TLS handshake or a peer that was refused after it.
+class HandshakeError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// A connected, secured byte stream.
+class Socket {
+ public:
+  virtual ~Socket() = default;
+  // Both return the byte count, 0 on an orderly close, or a negative value.
+  virtual int write(const void* data, int length) = 0;
+  virtual int read(void* data, int length) = 0;
+  // True when decrypted bytes are already buffered (a read will not block).
+  virtual bool isReadable() = 0;
+};
+
+// Factory of secured sockets over connected descriptors.
+class Provider {
+ public:
+  virtual ~Provider() = default;
+  // Run the server or client side of the handshake on |fd| (which stays
+  // owned by the caller) and return a new socket owned by the caller.
+  // Throw HandshakeError on failure.
+  virtual Socket* accept(int fd) = 0;
+  virtual Socket* connect(int fd) = 0;
+  virtual const char* name() const = 0;
+};
+
+// One TLS session; closing it sends the close notification.
+class SSLSocket : public Socket {
+ public:
+  // Takes ownership of |session|.
+  explicit SSLSocket(SSL* session);
+  ~SSLSocket() override;
+  SSLSocket(const SSLSocket&) = delete;
+  SSLSocket& operator=(const SSLSocket&) = delete;
+
+  // A session that wants to read during a read or a write means the peer
+  // asked for renegotiation, which is refused with a runtime error.
+  int write(const void* data, int length) override;
+  int read(void* data, int length) override;
+  bool isReadable() override;
+
+ private:
+  SSL* mImpl;
+};
+
+// TLS 1.2 on OpenSSL. With trusted certificates required, only strong ECDHE
+// ciphers are offered, the peer must present a certificate that verifies
+// against the loaded CA, and, when an access list is set, carries an allowed
+// common name or organisational unit. Without the requirement the library's
+// defaults apply and any peer is accepted.
+class SSLProvider : public Provider {
+ public:
+  // Throws std::runtime_error naming the failing step.
+  explicit SSLProvider(bool requireTrustedCerts);
+  ~SSLProvider() override;
+  SSLProvider(const SSLProvider&) = delete;
+  SSLProvider& operator=(const SSLProvider&) = delete;
+
+  Socket* accept(int fd) override;
+  Socket* connect(int fd) override;
+  const char* name() const override { return "ssl"; }
+
+  // Each throws std::runtime_error with the OpenSSL error text on failure.
+  void setTrustedCACerts(const char* file);
+  // |file| holds the certificate chain and the private key (PEM).
+  void setOwnCertAndKey(const char* file);
+  void setAllowedCiphers(const char* list);
+  // Adds the "cn=value" and "ou=value" entries of a comma-separated list.
+  // Throws std::runtime_error for a malformed entry.
+  void setACL(const char* acl);
+
+  bool isValid() const { return mImpl != nullptr; }
+  bool getTrustedCertsRequired() const { return mRequireTrustedCerts; }
+  void setTrustedCertsRequired(bool required) { mRequireTrustedCerts = required; }
+  // The CA file given to setTrustedCACerts, or null.
+  const char* getCACertPem() const { return mCACertPem ? mCACertPem->c_str() : nullptr; }
+
+  // Whether the access list admits |peer|.
+  bool verify(X509* peer) const;
+  // Whether any |nid| entry of |subject| is in the sorted |list|.
+  static bool matchAny(const std::vector<std::string>& list, X509_NAME* subject, int nid);
+
+ private:
+  struct ContextFree {
+    void operator()(SSL_CTX* ctx) const;
+  };
+  enum class Mode { kClient, kServer };
+
+  Socket* handshake(int fd, Mode mode);
+  void checkPeer(SSL* session) const;
+
+  std::unique_ptr<SSL_CTX, ContextFree> mImpl;
+  Mutex mMutex;  // serialises handshakes
+  bool mHaveCA = false;
+  bool mHaveOwnCert = false;
+  bool mRequireTrustedCerts;
+  std::optional<std::string> mCACertPem;
+  std::vector<std::string> mCNs;
+  std::vector<std::string> mOUs;
+};
+
+// Callbacks of OpenSSL's former locking interface. The library locks for
+// itself now, so both do nothing; they remain for code that still installs
+// them.
+void LockingCallback(int mode, int n, const char* file, int line);
+void ThreadIdCallback(void* id);
+
+}  // namespace qysec
+
+#endif  // HIVE_SSL_QYSSL_H

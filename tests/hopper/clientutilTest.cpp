@@ -1,0 +1,49 @@
+#include "hopper/clientutil.h"
+
+#include <gtest/gtest.h>
+
+#include "ssl/QYSSL.h"
+#include "support/FakeCM.h"
+
+using Hosts = std::map<std::string, std::string>;
+
+TEST(PopulateNodeMap, FillsTheHostMapFromTheAgentList) {
+  FakeCM cm;
+  FakeCM::Options options;
+  options.agents = {{"h1", "10.0.0.1"}, {"h2", "10.0.0.2"}, {"h1", "10.0.0.3"}};
+  cm.start("127.0.0.1", options);
+  qysec::SSLProvider provider(false);
+  Hosts hosts{{"other", "9.9.9.9"}, {"h2", "stale"}};
+  EXPECT_TRUE(populateNodeMap(cm.hostPort(), System::OS_LINUX, hosts, false, &provider));
+  EXPECT_EQ(hosts, (Hosts{{"h1", "10.0.0.3"}, {"h2", "10.0.0.2"}, {"other", "9.9.9.9"}}));
+
+  options.agents.clear();
+  cm.reconfigure(options);
+  EXPECT_TRUE(populateNodeMap(cm.hostPort(), System::OS_WIN32, hosts, true, &provider));
+  EXPECT_EQ(hosts.size(), 3u);
+
+  const auto requests = cm.requests();
+  ASSERT_EQ(requests.size(), 4u);
+  const std::string service = "/quarry/service/";
+  EXPECT_EQ(requests[0].path, service + "handshake.xml?ProtocolVersion=6");
+  EXPECT_EQ(requests[1].path, service + "agent_list.xml?ShowAll=1&Filter=agentOSID=3");
+  EXPECT_EQ(requests[3].path, service + "agent_list.xml?ShowAll=1&Filter=agentOSID=1"
+                                        "%20and%20agentEnabled=1%20and%20agentStatus=1");
+  for (const auto& r : requests) EXPECT_EQ(r.auth, "brisk:vqmzt");
+}
+
+TEST(PopulateNodeMap, FailuresAreReportedAndLeaveTheMapAlone) {
+  FakeCM cm;
+  FakeCM::Options options;
+  options.agentMode = "fail";
+  options.errorMessage = "unknown platform";
+  options.errorCode = "7";
+  cm.start("127.0.0.1", options);
+  qysec::SSLProvider provider(false);
+  Hosts hosts{{"kept", "1.2.3.4"}};
+  testing::internal::CaptureStderr();
+  EXPECT_FALSE(populateNodeMap(cm.hostPort(), System::OS_LINUX, hosts, true, &provider));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Error while requesting the host list from CM: unknown platform\n");
+  EXPECT_EQ(hosts, (Hosts{{"kept", "1.2.3.4"}}));
+}

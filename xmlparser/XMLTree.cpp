@@ -1,0 +1,199 @@
+#include "xmlparser/XMLTree.h"
+
+#include <cstdio>
+
+#include "util/URL.h"
+
+namespace {
+
+const std::string kEmptyString;
+
+bool isAsciiAlnum(unsigned char c) {
+  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+
+// True when the '&' at |pos| starts one of the five predefined entity
+// references, which must not be escaped a second time.
+bool startsEntityReference(const std::string& text, size_t pos) {
+  static const char* const kNames[] = {"lt;", "gt;", "amp;", "quot;", "apos;"};
+  for (const char* name : kNames) {
+    if (text.compare(pos + 1, std::char_traits<char>::length(name), name) == 0) return true;
+  }
+  return false;
+}
+
+// A blank right before one of these would let a line break separate the
+// punctuation from the word it belongs to, so it is written as a
+// non-breaking space instead.
+bool bindsToPrecedingBlank(char c) {
+  return c == ',' || c == '.' || c == '/' || c == ':' || c == ';';
+}
+
+void appendPercent(unsigned char c, std::string& out) {
+  char buf[4];
+  std::snprintf(buf, sizeof buf, "%%%02X", c);
+  out += buf;
+}
+
+void appendEscaped(const std::string& text, std::string& out) {
+  const size_t n = text.size();
+  for (size_t i = 0; i < n; ++i) {
+    const unsigned char c = static_cast<unsigned char>(text[i]);
+    if (isAsciiAlnum(c)) {
+      out.push_back(static_cast<char>(c));
+      continue;
+    }
+    switch (c) {
+      case '\n': out += "%26lt%3Bbr%26gt%3B"; break;
+      case '"': out += "%26quot%3B"; break;
+      case '\'': out += "%26apos%3B"; break;
+      case '<': out += "%26lt%3B"; break;
+      case '>': out += "%26gt%3B"; break;
+      case '&': out += startsEntityReference(text, i) ? "%26" : "%26amp%3B"; break;
+      case ' ':
+        if (i + 1 < n && bindsToPrecedingBlank(text[i + 1])) {
+          out += "%26#160%3B";
+        } else {
+          appendPercent(c, out);
+        }
+        break;
+      default: appendPercent(c, out); break;
+    }
+  }
+}
+
+}  // namespace
+
+void XMLTree::setValue(const std::string& value, bool isCDATA) {
+  mNodeValue = value;
+  mDirty = true;
+  mEscapedCurrent = false;
+  if (isCDATA) {
+    mIsCDATA = true;
+    mCDATA = "<![CDATA[" + value + "]]>";
+  }
+}
+
+void XMLTree::clearValue() {
+  mNodeValue.clear();
+  mEscapedCurrent = false;
+}
+
+void XMLTree::clear() {
+  mChildren.clear();
+  mNodeValue.clear();
+  mEscapedNodeValue.clear();
+  mDirty = false;
+  mEscapedCurrent = true;
+  mCDATA.clear();
+  mIsCDATA = false;
+}
+
+void XMLTree::appendCharacter(char c) {
+  mNodeValue.push_back(c);
+  mDirty = true;
+  mEscapedCurrent = false;
+}
+
+void XMLTree::appendCDATA(const std::string& content) {
+  mNodeValue += content;
+  mDirty = true;
+  mEscapedCurrent = false;
+  static const std::string kClose = "]]>";
+  if (mIsCDATA) {
+    mCDATA.insert(mCDATA.size() - kClose.size(), content);
+  } else {
+    mIsCDATA = true;
+    mCDATA = "<![CDATA[" + content + kClose;
+  }
+}
+
+void XMLTree::unEscape() const {
+  std::string decoded;
+  URL::decode(mNodeValue, decoded);
+  mNodeValue.swap(decoded);
+  mDirty = false;
+}
+
+const std::string& XMLTree::getValue() const {
+  if (mIsCDATA) return mCDATA;
+  if (mDirty) unEscape();
+  return mNodeValue;
+}
+
+const std::string& XMLTree::getEscapedValue() const {
+  if (mDirty) unEscape();
+  if (!mEscapedCurrent) {
+    mEscapedNodeValue.clear();
+    appendEscaped(mNodeValue, mEscapedNodeValue);
+    mEscapedCurrent = true;
+  }
+  return mEscapedNodeValue;
+}
+
+const std::string& XMLTree::getSingleSubTreeValue(const std::string& name) const {
+  const XMLTree* child = getSubTree(name, 0);
+  return child ? child->getValue() : kEmptyString;
+}
+
+const XMLTree* XMLTree::getSubTree(const std::string& name, int index) const {
+  if (index < 0) return nullptr;
+  auto range = mChildren.equal_range(name);
+  for (auto it = range.first; it != range.second; ++it, --index) {
+    if (index == 0) return it->second.get();
+  }
+  return nullptr;
+}
+
+XMLTree* XMLTree::getSubTree(const std::string& name, int index) {
+  return const_cast<XMLTree*>(static_cast<const XMLTree*>(this)->getSubTree(name, index));
+}
+
+std::vector<XMLTree*> XMLTree::getSubTrees(const std::string& name) {
+  std::vector<XMLTree*> found;
+  auto range = mChildren.equal_range(name);
+  for (auto it = range.first; it != range.second; ++it) found.push_back(it->second.get());
+  return found;
+}
+
+XMLTree* XMLTree::insertChild(const std::string& name) {
+  // multimap::emplace places an equal key after the existing ones, which is
+  // what keeps repeated elements in document order.
+  auto it = mChildren.emplace(name, std::make_unique<XMLTree>());
+  return it->second.get();
+}
+
+XMLTree* XMLTree::addSubTree(const std::string& name, const std::string& value) {
+  XMLTree* child = insertChild(name);
+  child->setValue(value, false);
+  return child;
+}
+
+XMLTree* XMLTree::addSubTree(const std::string& name, unsigned long number) {
+  return addSubTree(name, std::to_string(number));
+}
+
+XMLTree* XMLTree::addCDATA(const std::string& name, const std::string& value) {
+  XMLTree* child = insertChild(name);
+  child->setValue(value, true);
+  return child;
+}
+
+void XMLTree::write(std::ostream& out) const {
+  for (const auto& [name, child] : mChildren) {
+    out << '<' << name << '>';
+    out << (child->mIsCDATA ? child->mCDATA : child->getEscapedValue());
+    child->write(out);
+    out << "</" << name << '>';
+  }
+}
+
+std::ostream& operator<<(std::ostream& out, const XMLTree& tree) {
+  tree.write(out);
+  return out;
+}
+
+std::ostream& operator<<(std::ostream& out, const XMLTree* tree) {
+  if (tree) tree->write(out);
+  return out;
+}

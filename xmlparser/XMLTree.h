@@ -1,0 +1,84 @@
+// Element tree of the cluster manager's XML dialect: nested named elements
+// with text and no attributes. Parsed replies and request bodies both use it.
+//
+// Element text travels percent-encoded, so a node keeps its raw text and
+// decodes it (URL::decode) the first time it is read. Children live in a
+// multimap: equal names keep insertion order, distinct names are ordered by
+// byte-wise comparison of the names.
+#ifndef HIVE_XMLPARSER_XMLTREE_H
+#define HIVE_XMLPARSER_XMLTREE_H
+
+#include <map>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
+
+class XMLTree {
+ public:
+  XMLTree() = default;
+  ~XMLTree() = default;
+  XMLTree(const XMLTree&) = delete;
+  XMLTree& operator=(const XMLTree&) = delete;
+
+  // Stores |value| as raw (still encoded) text. With |isCDATA| the node also
+  // becomes a CDATA node whose read-back form is "<![CDATA[" value "]]>".
+  void setValue(const std::string& value, bool isCDATA = false);
+  // Empties the node's text.
+  void clearValue();
+  // Removes every child and the node's text; the node is no longer CDATA.
+  void clear();
+  // Appends one raw byte to the node's text.
+  void appendCharacter(char c);
+  // Appends the content of a CDATA section: it joins the raw text and the
+  // node becomes a CDATA node whose read-back form wraps every section read.
+  void appendCDATA(const std::string& content);
+  bool isCDATA() const { return mIsCDATA; }
+
+  // Replaces the text by its percent-decoded form.
+  void unEscape() const;
+  // The CDATA form for a CDATA node; otherwise the decoded text.
+  const std::string& getValue() const;
+  // The text in request-body form: XML entity escaping, itself percent-encoded.
+  const std::string& getEscapedValue() const;
+
+  // getValue() of the first child called |name|, or the empty string.
+  const std::string& getSingleSubTreeValue(const std::string& name) const;
+  const std::string& operator[](const std::string& name) const {
+    return getSingleSubTreeValue(name);
+  }
+  // The |index|-th (from 0) child called |name|, or null when there are fewer.
+  XMLTree* getSubTree(const std::string& name, int index = 0);
+  const XMLTree* getSubTree(const std::string& name, int index = 0) const;
+  // Every child called |name|, in insertion (document) order.
+  std::vector<XMLTree*> getSubTrees(const std::string& name);
+
+  // Create a child holding |value| (raw, not CDATA) and return it; the tree
+  // keeps ownership.
+  XMLTree* addSubTree(const std::string& name, const std::string& value);
+  XMLTree* addSubTree(const std::string& name, unsigned long number);
+  XMLTree* addCDATA(const std::string& name, const std::string& value);
+
+  // Writes the children (not the node's own text) as
+  // "<name>" value children "</name>", in map order, without white space.
+  void write(std::ostream& out) const;
+
+ private:
+  using Children = std::multimap<std::string, std::unique_ptr<XMLTree>>;
+
+  XMLTree* insertChild(const std::string& name);
+
+  Children mChildren;
+  // The text is decoded on first read, hence mutable.
+  mutable std::string mNodeValue;
+  mutable std::string mEscapedNodeValue;
+  mutable bool mDirty = false;
+  mutable bool mEscapedCurrent = true;
+  std::string mCDATA;
+  bool mIsCDATA = false;
+};
+
+std::ostream& operator<<(std::ostream& out, const XMLTree& tree);
+std::ostream& operator<<(std::ostream& out, const XMLTree* tree);
+
+#endif  // HIVE_XMLPARSER_XMLTREE_H
