@@ -1,0 +1,321 @@
+#include "hopper/UploadManager.h"
+
+#include <algorithm>
+#include <sstream>
+#include <stdexcept>
+
+#include "hopper/hopperMisc.h"
+#include "util/Assert.h"
+#include "util/System.h"
+#include "util/pathfun.h"
+
+namespace {
+
+const long kBytesPerDot = 1000000;
+
+// The directory a local directory lands in below remoteDir: its last
+// component, or remoteDir itself when the source ends in '/' (its contents
+// are copied into the target).
+std::string targetDirectory(const std::string& localDir, const std::string& remoteDir) {
+  if (!localDir.empty() && localDir.back() == '/') return remoteDir;
+  return pathConcat(remoteDir, lastPathComponent(localDir));
+}
+
+}  // namespace
+
+UploadManager::UploadManager(const IPtoNameMap& hosts, bool verboseMode, bool stopAgents,
+                             int timeout, System::OSID targetOSID, std::ostream& out,
+                             std::ostream& err)
+    : MoveManager(hosts, verboseMode, stopAgents, timeout, targetOSID, out, err) {}
+
+UploadManager::~UploadManager() = default;
+
+void UploadManager::validatePaths(const FilePairs& pairs) const {
+  for (const auto& pair : pairs) {
+    if (!System::fileExists(pair.first, DONT_FOLLOW_SYMLINK)) {
+      throw std::runtime_error("Source file/dir \"" + pair.first + "\" doesn't exist!");
+    }
+    checkAbsolutePath(pair.second);
+  }
+}
+
+void UploadManager::findGoodNode(BadNodeList* badNodes, bool newProtocol) {
+  BadNodeList dropped;
+  mPOutStream = ::findGoodNode(mNodeIPSet, dropped, newProtocol);
+  mWire = Wire::Idle;
+  reportBadNodesByIP(dropped);
+  if (badNodes) badNodes->insert(badNodes->end(), dropped.begin(), dropped.end());
+  if (!mPOutStream) throw NoNodesException();
+}
+
+void UploadManager::dropHead() {
+  const std::string head = *mNodeIPSet.begin();
+  reportBadNodeByIP(head, kBadNodeUnreachable);
+  mNodeIPSet.erase(head);
+  mPOutStream.reset();
+  mWire = Wire::Idle;
+}
+
+void UploadManager::beginUpload() {
+  HC_ASSERT(mPOutStream.get() == 0);
+  // Each round either returns or drops at least one host, so the node set
+  // bounds the loop (findGoodNode throws when it is empty).
+  while (!aborted()) {
+    findGoodNode(nullptr, true);
+    const std::string head = *mNodeIPSet.begin();
+    BadNodeList bad;
+    BusyNodeList busy;
+    std::ostringstream text;
+    bool reconnect = false;
+    int status;
+    try {
+      status = sendBeginUploadMsg(*mPOutStream, mNodeIPSet, mStopAgents, bad, busy, text,
+                                  reconnect);
+    } catch (const std::ios_base::failure&) {
+      dropHead();
+      continue;
+    }
+    if (status == BEGIN_HEAD_BUSY || status == BEGIN_SOME_FAILED) reportBusyNodesByIP(busy);
+    if (status == BEGIN_SOME_FAILED) {
+      reportBadNodesByIP(bad);
+      if (!text.str().empty()) {
+        std::string line = "Protocol error while communicating with " + nameOf(head) + ": " +
+                           text.str();
+        massageMsg(line);
+        mStderr << line << std::endl;
+      }
+    }
+    if (!reconnect) return;
+    mPOutStream.reset();
+  }
+}
+
+bool UploadManager::uploadFile(const std::string& localPath, const std::string& remotePath,
+                               long size, int mode, const Time& deadline) {
+  FileAttributes attributes;
+  if (!attributes.stat(localPath, FOLLOW_SYMLINK) || !attributes.isRegularFile()) {
+    mStdout << "WARNING: " << localPath << " is not a regular file, skipping..." << std::endl;
+    return false;
+  }
+  std::unique_ptr<std::ifstream> file =
+      System::make_ifstream(localPath, std::ios::in | std::ios::binary);
+  if (!file->is_open() || !*file) throw std::runtime_error("Error opening file: " + localPath);
+  if (!mPOutStream) beginUpload();
+  if (!mPOutStream) return false;  // aborted while choosing a head
+
+  long sent = 0;
+  long dotBytes = 0;
+  // Every lost connection drops one host, so the node set bounds the loop.
+  for (;;) {
+    std::ostringstream fileErrors;
+    try {
+      return sendFile(*file, localPath, remotePath, size, mode, deadline, sent, dotBytes,
+                      fileErrors);
+    } catch (const std::ios_base::failure&) {
+      if (aborted()) return false;
+      std::string text = fileErrors.str();
+      if (!text.empty()) {  // the daemon refused the file; the connection is fine
+        massageMsg(text);
+        mStderr << text << std::endl;
+        mPOutStream->clear();
+        mWire = Wire::Idle;
+        return false;
+      }
+      dropHead();
+      findGoodNode(nullptr, true);
+    }
+  }
+}
+
+bool UploadManager::sendFile(std::istream& file, const std::string& localPath,
+                             const std::string& remotePath, long size, int mode,
+                             const Time& deadline, long& sent, long& dotBytes,
+                             std::ostream& fileErrors) {
+  long position = -1;
+  sendResumeUploadMsg(*mPOutStream, mNodeIPSet, mStopAgents, size, mode, localPath, remotePath,
+                      position, fileErrors);
+  mWire = Wire::SendingData;
+  resumeFrom(file, localPath, position, size, sent);
+  const bool complete = sendData(file, localPath, size, deadline, sent, dotBytes);
+  if (sent >= size) mWire = Wire::AwaitingReply;
+  if (!complete) return false;
+  mPOutStream->flush();
+  std::string reply;
+  *mPOutStream >> reply;
+  mWire = Wire::Idle;
+  if (reply.empty()) {
+    if (mVerboseMode) mStdout << "success" << std::endl;
+    return true;
+  }
+  if (mVerboseMode) mStdout << "failed" << std::endl;
+  massageMsg(reply);
+  mStderr << reply << std::endl;
+  return false;
+}
+
+void UploadManager::resumeFrom(std::istream& file, const std::string& localPath, long position,
+                               long size, long& sent) {
+  // The file may have been read past `sent` by a block that never made it
+  // onto the stream.
+  file.clear();
+  file.seekg(sent);
+  if (position >= 0 && position < sent) {
+    if (!catchupStream(position, sent, file, *mPOutStream)) {
+      throw std::runtime_error("Error reading file: " + localPath);
+    }
+  } else if (position > sent) {
+    // The daemons already hold more than was sent through this client (a
+    // file resumed from an earlier run): send only the rest.
+    sent = std::min(position, size);
+    file.seekg(sent);
+  }
+}
+
+bool UploadManager::sendData(std::istream& file, const std::string& localPath, long size,
+                             const Time& deadline, long& sent, long& dotBytes) {
+  mBlock.resize(kBlockSize);
+  while (sent < size) {
+    if (aborted()) return false;
+    const long length = std::min<long>(kBlockSize, size - sent);
+    file.read(mBlock.data(), length);
+    if (file.gcount() != length) throw std::runtime_error("Error reading file: " + localPath);
+    mPOutStream->write(mBlock.data(), length);
+    sent += length;
+    if (mVerboseMode) {
+      for (dotBytes += length; dotBytes >= kBytesPerDot; dotBytes -= kBytesPerDot) mStdout << '.';
+      mStdout.flush();
+    }
+    if (Time::now() >= deadline) abort("Time limited exceeded");
+  }
+  return !aborted();
+}
+
+bool UploadManager::uploadEntry(const std::string& localPath, const std::string& fileTarget,
+                                const std::string& directoryTarget, const Time& deadline) {
+  FileAttributes attributes;
+  if (!attributes.stat(localPath, DONT_FOLLOW_SYMLINK)) {
+    mStderr << "Error while reading " << localPath << ": " << System::getErrorMessageStr()
+            << std::endl;
+    return false;
+  }
+  switch (attributes.getType()) {
+    case TYPE_FILE:
+      return uploadFile(localPath, fileTarget, attributes.mSize, attributes.mMode & 0777, deadline);
+    case TYPE_DIRECTORY:
+      return uploadDirectory(localPath, directoryTarget, deadline);
+    case TYPE_SYMLINK:
+      mStderr << "Skipping " << localPath << " because it is a symlink" << std::endl;
+      return false;
+    case TYPE_NAMED_PIPE:
+      mStderr << "Skipping " << localPath << " because it is a named pipe" << std::endl;
+      return false;
+  }
+  HC_ASSERT_MSG(false, "unexpected file type");
+  return false;
+}
+
+bool UploadManager::uploadDirectory(const std::string& localDir, const std::string& remoteDir,
+                                    const Time& deadline) {
+  if (aborted()) return false;
+  if (!mPOutStream) beginUpload();
+  if (!mPOutStream) return false;
+  const std::string target = targetDirectory(localDir, remoteDir);
+  std::vector<std::string> names;
+  if (!System::readDirectory(localDir, names)) {
+    mStderr << "Error while reading directory " << localDir << ": "
+            << System::getErrorMessageStr() << std::endl;
+    return false;
+  }
+  // A stable order makes runs and their progress output reproducible.
+  std::sort(names.begin(), names.end());
+  bool result = true;
+  for (const std::string& name : names) {
+    if (name == "." || name == "..") continue;
+    if (aborted()) return false;
+    const bool ok = uploadEntry(pathConcat(localDir, name), pathConcat(target, name), target,
+                                deadline);
+    result = ok && result;
+  }
+  return result;
+}
+
+bool UploadManager::uploadBatch(const FilePairs& pairs) {
+  validatePaths(pairs);
+  Time deadline = Time::max;
+  if (mTimeout != -1) {
+    deadline = Time::now();
+    deadline.addSeconds(mTimeout);
+  }
+  bool result = true;
+  for (const auto& pair : pairs) {
+    if (aborted()) break;
+    result = uploadEntry(pair.first, pair.second, pair.second, deadline);
+  }
+  if (aborted()) {
+    finishAborted(deadline);
+    return false;
+  }
+  commit();
+  return result;
+}
+
+bool UploadManager::upload(const std::string& localPath, const std::string& remotePath) {
+  return uploadBatch(FilePairs{{localPath, remotePath}});
+}
+
+void UploadManager::commit() {
+  if (!mPOutStream) return;  // nothing was sent
+  if (mVerboseMode) mStdout << "Committing upload" << std::endl;
+  std::string failedHead;
+  // A head that fails the commit is asked again once (it may have dropped
+  // just the connection); failing twice drops it, which bounds the loop.
+  while (mPOutStream) {
+    const std::string head = *mNodeIPSet.begin();
+    try {
+      *mPOutStream << static_cast<int>(C2H_COMMIT_UPLOAD);
+      mPOutStream->flush();
+      std::string reply;
+      *mPOutStream >> reply;
+      mPOutStream.reset();
+      if (!reply.empty()) {
+        massageMsg(reply);
+        mStderr << "Errors while committing uploaded file(s):" << std::endl << reply << std::endl;
+      }
+      return;
+    } catch (const std::ios_base::failure&) {
+      mPOutStream.reset();
+      if (head == failedHead) dropHead();
+      failedHead = head;
+      findGoodNode(nullptr, true);
+    }
+  }
+}
+
+void UploadManager::finishAborted(const Time& deadline) {
+  mStderr << std::endl
+          << (Time::now() < deadline ? "Aborting upload..." : "Aborting upload due to timeout...")
+          << std::endl;
+  if (!mPOutStream) return;
+  try {
+    // The abort must not hang on a daemon that has stopped answering.
+    mPOutStream->socket().setReadTimeout(kConnectTimeoutMs);
+    if (mWire == Wire::AwaitingReply) {
+      mPOutStream->flush();
+      std::string reply;
+      *mPOutStream >> reply;
+      mWire = Wire::Idle;
+    }
+    // In the middle of a file's data the daemon would take the message for
+    // file bytes; closing the connection is how the abort reaches it then.
+    if (mWire == Wire::Idle) {
+      *mPOutStream << static_cast<int>(C2H_ABORT_UPLOAD);
+      mPOutStream->flush();
+      int ignored = 0;
+      *mPOutStream >> ignored;
+    }
+  } catch (const std::ios_base::failure&) {
+    // The connection is being dropped anyway.
+  }
+  mPOutStream.reset();
+  mWire = Wire::Idle;
+}

@@ -1,0 +1,94 @@
+#include "hopper/hopperMisc.h"
+
+#include <cstdio>
+#include <cstring>
+#include <stdexcept>
+
+#include "util/Logger.h"
+#include "util/NetEncoding.h"
+#include "util/Timer.h"
+
+namespace {
+
+const char* const kRelease = "1.0.0";
+const char* const kReleaseShort = "1.0";
+const int kBuildNumber = 1001;
+
+const char* const kProductNotice =
+    "File distribution for build clusters: hivecopy uploads, hopperd relays.\n"
+    "This software is provided as is, without warranty of any kind.\n";
+
+// The compile date as YYYY.MM.DD_HH:MM:SS.
+std::string buildStamp() {
+  static const char* const kMonths = "JanFebMarAprMayJunJulAugSepOctNovDec";
+  const char* date = __DATE__;  // "Mmm dd yyyy"
+  const char* found = std::strstr(kMonths, std::string(date, 3).c_str());
+  const int month = found ? static_cast<int>(found - kMonths) / 3 + 1 : 0;
+  int day = 0;
+  int year = 0;
+  std::sscanf(date + 4, "%d %d", &day, &year);
+  char stamp[64];
+  std::snprintf(stamp, sizeof stamp, "%04d.%02d.%02d_%s", year, month, day, __TIME__);
+  return stamp;
+}
+
+// Milliseconds of timeoutMs left after the time the timer measured.
+int remainingMs(int timeoutMs, const Timer& timer) {
+  return timeoutMs - static_cast<int>(timer.totalSeconds() * 1000);
+}
+
+}  // namespace
+
+std::string getVersionString() {
+  std::string text = std::string(kRelease) + "." + std::to_string(kBuildNumber) + ", build build_" +
+                     kReleaseShort + "_" + std::to_string(kBuildNumber) + "_OPT_" + buildStamp() +
+                     ", protocol " + std::to_string(kHopperProtocolVersion) + "\n";
+  return text + kProductNotice;
+}
+
+int connectToHopperNew(TCPStream& stream, const std::string& host, int port, int timeoutMs) {
+  Timer timer;
+  timer.start();
+  stream.connect(host, port, timeoutMs);
+  stream << static_cast<int>(C2H_NEW_GET_VERSION) << kHopperProtocolVersion << getVersionString();
+  stream.flush();
+  timer.stop();
+  const int remaining = remainingMs(timeoutMs, timer);
+  // A connect that used up the whole time-out leaves nothing to wait for.
+  if (remaining <= 0 || !stream.isReadable(remaining)) {
+    throw std::runtime_error("Handshake timed out.");
+  }
+  if (!stream.socket().isGood()) {
+    stream.close();
+    return -1;
+  }
+  std::string reply;
+  stream >> reply;
+  if (reply != "OK") {
+    HC_LOG_INFO("Attempting to connect to server " << host
+                << " with C2H_NEW_GET_VERSION.  Server replied with " << reply
+                << " Probably an older version server " << ", but expected protocol version "
+                << kHopperProtocolVersion);
+    stream.close();
+    return -1;
+  }
+  int version = 0;
+  stream >> version;
+  return version;
+}
+
+int connectToHopperOld(TCPStream& stream, const std::string& host, int port, int timeoutMs) {
+  Timer timer;
+  timer.start();
+  stream.connect(host, port, timeoutMs);
+  stream << static_cast<int>(C2H_GET_VERSION);
+  stream.flush();
+  timer.stop();
+  const int remaining = remainingMs(timeoutMs, timer);
+  if (remaining <= 0 || !stream.isReadable(remaining)) {
+    throw std::runtime_error("Handshake timed out for getting server version.");
+  }
+  int version = 0;
+  stream >> version;
+  return version;
+}

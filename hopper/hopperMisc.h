@@ -1,0 +1,56 @@
+// Talking to a hopperd daemon before any upload: the message codes of the
+// daemon protocol, the version handshakes, and the version text shared by
+// the tools' --version output and the handshake.
+#ifndef HOPPER_HOPPERMISC_H_
+#define HOPPER_HOPPERMISC_H_
+
+#include <string>
+
+#include "util/TCPStream.h"
+
+// The protocol version this client speaks; daemons speaking 4 or 5 are
+// accepted.
+const int kHopperProtocolVersion = 5;
+const int kHopperDefaultPort = 2411;
+
+// Message codes; every message starts with one as an int32. They all share
+// the high bytes 0x553330.
+enum HopperMessageCode {
+  C2H_GET_VERSION = 0x55333037,       // old version request; reply int32
+  C2H_BEGIN_UPLOAD = 0x55333038,      // host set, bool !stopAgents
+  C2H_RESUME_UPLOAD = 0x5533303a,     // announce a file: size, name, path, mode
+  C2H_COMMIT_UPLOAD = 0x5533303b,     // reply: small buffer of errors
+  C2H_ABORT_UPLOAD = 0x5533303c,      // reply: int32, ignored
+  C2H_STREAM_DAEMON_FILE = 0x5533303e,  // reserved, never sent by the client
+  C2H_NEW_GET_VERSION = 0x5533303f    // int32 protocol, version text
+};
+
+// Status of the reply to a begin-upload message.
+enum BeginUploadStatus {
+  BEGIN_OK = 0,             // every host accepted
+  BEGIN_HEAD_BUSY = 1,      // the head serves another client
+  BEGIN_SOME_FAILED = 3     // bad list, busy list and a text follow
+};
+
+// Status of the reply to a file announcement.
+enum ResumeUploadStatus {
+  RESUME_OK = 0,            // an int64 position follows
+  RESUME_NO_SESSION = 2     // begin again on this connection
+  // any other value: the file is refused, a text follows
+};
+
+// Connects stream to host:port and asks with C2H_NEW_GET_VERSION. Returns
+// the daemon's protocol version, or -1 (stream closed) when the daemon did
+// not answer "OK". timeoutMs covers the connect and the wait for the reply;
+// throws std::runtime_error "Handshake timed out." when it runs out.
+// Connection errors propagate as TCPSocket::exception or stream failures.
+int connectToHopperNew(TCPStream& stream, const std::string& host, int port, int timeoutMs);
+
+// The same with the old request, for daemons that predate the new one.
+// Throws "Handshake timed out for getting server version." on time-out.
+int connectToHopperOld(TCPStream& stream, const std::string& host, int port, int timeoutMs);
+
+// "<release>, protocol 5" and a newline, then the product notice.
+std::string getVersionString();
+
+#endif  // HOPPER_HOPPERMISC_H_

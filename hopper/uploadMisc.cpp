@@ -1,0 +1,159 @@
+#include "hopper/uploadMisc.h"
+
+#include <sstream>
+#include <vector>
+
+#include "hopper/hopperMisc.h"
+#include "util/StringUtilities.h"
+#include "util/pathfun.h"
+
+namespace {
+
+// A daemon that keeps answering "no session" right after a successful begin
+// is broken; give up on it rather than loop.
+const int kMaxSessionRestarts = 3;
+
+bool acceptedVersion(int version) { return version == 4 || version == 5; }
+
+// Connects (and with newProtocol hand-shakes) stream to the host; returns the
+// bad-node code when the host is not usable, -1 when it is.
+int tryHost(TCPStream& stream, const std::string& host, bool newProtocol) {
+  std::string address;
+  int port = kHopperDefaultPort;
+  parseHostPort(host, address, port);
+  try {
+    if (!newProtocol) {
+      stream.connect(address, port, kConnectTimeoutMs);
+      return -1;
+    }
+    int version = connectToHopperNew(stream, address, port, kConnectTimeoutMs);
+    if (version == -1) version = connectToHopperOld(stream, address, port, kConnectTimeoutMs);
+    return acceptedVersion(version) ? -1 : kBadNodeVersionMismatch;
+  } catch (const std::exception&) {
+    return kBadNodeUnreachable;
+  }
+}
+
+}  // namespace
+
+std::unique_ptr<TCPStream> findGoodNode(NodeSet& nodes, BadNodeList& badNodes, bool newProtocol) {
+  auto stream = std::make_unique<TCPStream>();
+  while (!nodes.empty()) {
+    const std::string head = *nodes.begin();
+    const int code = tryHost(*stream, head, newProtocol);
+    if (code < 0) return stream;
+    badNodes.emplace_back(head, code);
+    nodes.erase(head);
+    stream = std::make_unique<TCPStream>();
+  }
+  return nullptr;
+}
+
+int sendBeginUploadMsg(TCPStream& stream, NodeSet& nodes, bool stopAgents, BadNodeList& badNodes,
+                       BusyNodeList& busyNodes, std::ostream& err, bool& reconnect) {
+  const std::string head = nodes.empty() ? std::string() : *nodes.begin();
+  stream << static_cast<int>(C2H_BEGIN_UPLOAD) << nodes << !stopAgents;
+  stream.flush();
+  int status = 0;
+  stream >> status;
+  if (status == BEGIN_OK) return status;
+  if (status == BEGIN_SOME_FAILED) {
+    BadNodeList bad;
+    BusyNodeList busy;
+    std::string text;
+    stream >> bad >> busy >> text;
+    err << text;
+    for (const auto& node : bad) {
+      badNodes.push_back(node);
+      nodes.erase(node.first);
+    }
+    for (const std::string& node : busy) {
+      busyNodes.push_back(node);
+      nodes.erase(node);
+    }
+    return status;
+  }
+  if (status == BEGIN_HEAD_BUSY) {
+    busyNodes.push_back(head);
+  } else {
+    badNodes.emplace_back(head, kBadNodeUnreachable);
+  }
+  nodes.erase(head);
+  stream.close();
+  reconnect = true;
+  return status;
+}
+
+void sendResumeUploadMsg(TCPStream& stream, const NodeSet& nodes, bool stopAgents, long fileSize,
+                         int mode, const std::string& localPath, const std::string& remotePath,
+                         long& position, std::ostream& err) {
+  const std::string name = lastPathComponent(localPath);
+  for (int restarts = 0;; ++restarts) {
+    stream << static_cast<int>(C2H_RESUME_UPLOAD) << fileSize << name << remotePath << mode;
+    stream.flush();
+    int status = 0;
+    stream >> status;
+    if (status == RESUME_OK) {
+      stream >> position;
+      return;
+    }
+    if (status == RESUME_NO_SESSION) {
+      // A new head after a reconnect: begin on this connection, then announce
+      // again. Its host reports are not this file's business: only a refused
+      // file may leave text in err.
+      NodeSet copy = nodes;
+      BadNodeList bad;
+      BusyNodeList busy;
+      std::ostringstream ignored;
+      bool reconnect = false;
+      sendBeginUploadMsg(stream, copy, stopAgents, bad, busy, ignored, reconnect);
+      if (reconnect || restarts >= kMaxSessionRestarts) {
+        stream.setstate(std::ios::failbit);  // raises the stream's failure
+        return;
+      }
+      continue;
+    }
+    std::string text;
+    stream >> text;
+    err << (nodes.empty() ? std::string() : *nodes.begin()) << ": " << text;
+    stream.setstate(std::ios::failbit);
+    return;
+  }
+}
+
+bool catchupStream(long from, long to, std::istream& file, TCPStream& stream) {
+  // A single gap never exceeds the data in flight, so an int holds it.
+  const int gap = static_cast<int>(to - from);
+  if (gap <= 0) return stream.good();
+  const std::streampos resumeAt = file.tellg();
+  file.seekg(-static_cast<std::streamoff>(gap), std::ios::cur);
+  std::vector<char> buffer(static_cast<size_t>(gap));
+  file.read(buffer.data(), gap);
+  file.seekg(resumeAt);
+  if (!file) return false;
+  stream.write(buffer.data(), gap);
+  return stream.good();
+}
+
+void genBadNodeErrMsg(std::ostream& out, const std::string& prefix,
+                      const std::pair<std::string, int>& node) {
+  if (!prefix.empty()) out << prefix << ": ";
+  out << (node.second == kBadNodeUnreachable ? "Unable to connect or lost connection to "
+                                             : "Protocol version mismatch communicating with ")
+      << node.first << "." << std::endl;
+}
+
+void genBadNodeErrMsg(std::ostream& out, const std::string& prefix, const std::string& host) {
+  genBadNodeErrMsg(out, prefix, std::make_pair(host, kBadNodeUnreachable));
+}
+
+void genBadNodeListErrMsg(std::ostream& out, const std::string& prefix, const BadNodeList& nodes) {
+  for (const auto& node : nodes) genBadNodeErrMsg(out, prefix, node);
+}
+
+std::string lastPathComponent(const std::string& path) {
+  std::vector<Range> parts;
+  splitPath(path, parts);
+  const Range& last = parts.back();
+  return path.substr(last.first, last.second - last.first);
+}

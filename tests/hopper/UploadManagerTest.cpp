@@ -1,0 +1,184 @@
+#include "hopper/UploadManager.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <filesystem>
+#include <sstream>
+
+#include "hopper/hopperMisc.h"
+#include "support/FakeDaemon.h"
+#include "util/TempDir.h"
+
+namespace {
+
+const int kNew = 0x5533303f, kBegin = 0x55333038, kFile = 0x5533303a, kCommit = 0x5533303b,
+          kAbort = 0x5533303c;
+
+class UploadManagerTest : public ::testing::Test {
+ protected:
+  // Each daemon is known by the name "host" + the last digit of its address.
+  std::unique_ptr<UploadManager> manager(const std::vector<FakeDaemon*>& daemons,
+                                         bool verbose = false, int timeout = -1,
+                                         IPtoNameMap hosts = {}) {
+    for (FakeDaemon* d : daemons) hosts[d->hostId()] = "host" + d->address().substr(8);
+    return std::make_unique<UploadManager>(hosts, verbose, false, timeout, System::OS_LINUX, out,
+                                           err);
+  }
+  std::string file(const std::string& name, const std::string& content, int mode = 0644) {
+    const std::string path = dir.file(name);
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    TempDir::write(path, content);
+    chmod(path.c_str(), mode);
+    return path;
+  }
+  static std::string pattern(size_t n) {
+    std::string s(n, '\0');
+    for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>(i % 253);
+    return s;
+  }
+  static WireBytes announce(long size, const std::string& name, const std::string& path, int mode) {
+    return WireBytes().i32(kFile).i64(size).str(name).str(path).i32(mode);
+  }
+  static std::string hello() { return WireBytes().i32(kNew).i32(5).str(getVersionString()); }
+
+  TempDir dir;
+  std::ostringstream out, err;
+};
+
+}  // namespace
+
+TEST_F(UploadManagerTest, WireBytesOfFilesAndTree) {
+  FakeDaemon daemon("127.0.0.2");
+  const std::string a = file("a.txt", "alpha", 0640);
+  file("tree/x", "x", 0600);
+  file("tree/sub/y", "yy", 0755);
+  std::filesystem::create_symlink("x", dir.file("tree/link"));
+  ASSERT_EQ(mkfifo(dir.file("tree/pipe").c_str(), 0644), 0);
+  EXPECT_FALSE(manager({&daemon})->uploadBatch({{a, "/dst/a.txt"}, {dir.file("tree"), "/dst"}}));
+
+  // Only the client's bytes: the fake records what it read.
+  const std::string expected =
+      WireBytes().raw(hello()).i32(kBegin).i32(1).str(daemon.hostId()).flag(true)
+          .raw(announce(5, "a.txt", "/dst/a.txt", 0640)).raw("alpha")
+          .raw(announce(2, "y", "/dst/tree/sub/y", 0755)).raw("yy")
+          .raw(announce(1, "x", "/dst/tree/x", 0600)).raw("x").i32(kCommit);
+  ASSERT_TRUE(daemon.waitForClosedConnections(1, 5000));
+  EXPECT_EQ(daemon.connection(0).received, expected);
+  EXPECT_EQ(err.str(), "Skipping " + dir.file("tree/link") + " because it is a symlink\n" +
+                           "Skipping " + dir.file("tree/pipe") + " because it is a named pipe\n");
+
+  // The batch result is that of the last entry alone.
+  EXPECT_TRUE(manager({&daemon})->uploadBatch({{dir.file("tree/link"), "/d"}, {a, "/d"}}));
+  EXPECT_FALSE(manager({&daemon})->uploadBatch({{a, "/d"}, {dir.file("tree/link"), "/d"}}));
+  EXPECT_THROW(manager({&daemon})->upload(a, "tmp/x"), std::runtime_error);
+  EXPECT_EQ(daemon.connectionCount(), 3);  // the relative target never connected
+}
+
+TEST_F(UploadManagerTest, BeginStatusesAndReports) {
+  FakeDaemon busy("127.0.0.2"), odd("127.0.0.3"), partial("127.0.0.4");
+  FakeDaemon::Script script;
+  script.beginStatus = 1;
+  busy.setScript(script);
+  script.beginStatus = 7;  // unknown: the head is dropped
+  odd.setScript(script);
+  script.beginStatus = 3;
+  script.beginBad = {{"127.0.0.5:1", 0}};
+  script.beginBusy = {"127.0.0.6:1"};
+  partial.setScriptFor(1, script);
+  script.beginText = "trouble near " + busy.hostId();
+  partial.setScriptFor(0, script);
+  const IPtoNameMap others = {{"127.0.0.5:1", "host5"}, {"127.0.0.6:1", "host6"}};
+  auto first = manager({&busy, &odd, &partial}, false, -1, others);
+  first->beginUpload();
+  EXPECT_EQ(first->nodeSet(), NodeSet{partial.hostId()});
+  const std::string lists = "host6: Server busy\n" + TCPSocket::getHostName() +
+                            ": Unable to connect or lost connection to host5.\n";
+  EXPECT_EQ(err.str(), "host2: Server busy\n" + lists +
+                           "Protocol error while communicating with host4: trouble near host2\n");
+  // The whole set goes out in order; the flag is true when agents stay up.
+  EXPECT_EQ(partial.connection(0).received, hello() + WireBytes().i32(kBegin).i32(3)
+                                                .str(partial.hostId()).str("127.0.0.5:1")
+                                                .str("127.0.0.6:1").flag(true).bytes());
+  err.str("");
+  manager({&partial}, false, -1, others)->beginUpload();
+  EXPECT_EQ(err.str(), lists);  // no protocol error line without a text
+}
+
+TEST_F(UploadManagerTest, ResumesOnTheNextHead) {
+  const std::string content = pattern(1000000);
+  const std::string path = file("big", content);
+  for (long position : {0L, 100000L}) {
+    FakeDaemon head("127.0.0.2"), next("127.0.0.3");
+    FakeDaemon::Script script;
+    script.closeAfterDataBytes = 100000;
+    head.setScript(script);
+    script = FakeDaemon::Script();
+    script.position = position;
+    next.setScript(script);
+    err.str("");
+    EXPECT_TRUE(manager({&head, &next})->upload(path, "/dst/big"));
+    ASSERT_TRUE(next.waitForClosedConnections(1, 5000));
+    EXPECT_EQ(head.connection(0).data, content.substr(0, 100000));
+    // The gap is re-sent, then the rest: every byte from the position once.
+    EXPECT_TRUE(next.connection(0).data == content.substr(position)) << position;
+    EXPECT_EQ(next.allCodes(), (std::vector<int>{kNew, kFile, kBegin, kFile, kCommit}));
+    EXPECT_NE(err.str().find(": Unable to connect or lost connection to host2.\n"),
+              std::string::npos);
+  }
+}
+
+TEST_F(UploadManagerTest, RefusedFileKeepsTheConnection) {
+  FakeDaemon daemon("127.0.0.2");
+  FakeDaemon::Script script;
+  script.fileStatus = 4;
+  script.fileText = "no room on " + daemon.hostId();
+  daemon.setScript(script);
+  EXPECT_FALSE(manager({&daemon})->uploadBatch(
+      {{file("a", "1"), "/d/a"}, {file("b", "2"), "/d/b"}}));
+  EXPECT_EQ(daemon.connectionCount(), 1);
+  EXPECT_EQ(daemon.allCodes(), (std::vector<int>{kNew, kBegin, kFile, kFile, kCommit}));
+  EXPECT_EQ(err.str(), "host2: no room on host2\nhost2: no room on host2\n");
+}
+
+TEST_F(UploadManagerTest, SignalAbortsBetweenFiles) {
+  FakeDaemon daemon("127.0.0.2");
+  auto m = manager({&daemon});
+  daemon.setOnMessage([&](int code) {
+    if (code == FakeDaemon::kDataReceived) m->terminalSignalProcessor()(SIGTERM);
+  });
+  EXPECT_FALSE(m->uploadBatch({{file("a", "1"), "/d/a"}, {file("b", "2"), "/d/b"}}));
+  ASSERT_TRUE(daemon.waitForClosedConnections(1, 5000));
+  EXPECT_EQ(daemon.allCodes(), (std::vector<int>{kNew, kBegin, kFile, kAbort}));
+  EXPECT_EQ(err.str(), "\nAborting upload...\n");
+}
+
+TEST_F(UploadManagerTest, TimeLimitStopsAfterABlock) {
+  for (size_t size : {32768u, 32769u}) {
+    FakeDaemon daemon("127.0.0.2");
+    err.str("");
+    auto m = manager({&daemon}, false, 0);  // the deadline passes at once
+    EXPECT_FALSE(m->upload(file("f", pattern(size)), "/d/f"));
+    ASSERT_TRUE(daemon.waitForClosedConnections(1, 5000));
+    // One block of 32768 went out; a 32769-byte file needed a second one. The
+    // abort message is only sent between messages, not inside a file's data.
+    EXPECT_EQ(daemon.connection(0).data.size(), 32768u);
+    std::vector<int> codes = {kNew, kBegin, kFile};
+    if (size == 32768) codes.push_back(kAbort);
+    EXPECT_EQ(daemon.allCodes(), codes);
+    EXPECT_EQ(err.str(), "\nAborting upload due to timeout...\n");
+    try {
+      m->abortCheck();
+      ADD_FAILURE() << "not aborted";
+    } catch (const std::runtime_error& e) {
+      EXPECT_STREQ(e.what(), "Time limited exceeded");
+    }
+  }
+}
+
+TEST_F(UploadManagerTest, VerboseDotsPerMillionBytes) {
+  FakeDaemon daemon("127.0.0.2");
+  EXPECT_TRUE(manager({&daemon}, true)->upload(file("f", pattern(2500000)), "/d/f"));
+  EXPECT_EQ(out.str(), "..success\nCommitting upload\n");
+}

@@ -1,0 +1,131 @@
+// FakeDaemon: a scripted stand-in for hopperd in tests of the client. It
+// listens on a loopback address and a chosen or ephemeral port, serves each
+// connection on its own thread as its Script says, and records per
+// connection every byte received, the message codes and the file data. Reads
+// time out after 10 s; the destructor stops every thread. A file announced
+// on a connection without a begin gets status 2, as from a real daemon.
+//
+//   FakeDaemon head("127.0.0.2");          // ephemeral port
+//   FakeDaemon::Script s;
+//   s.closeAfterDataBytes = 100000;        // lose the connection mid-file
+//   head.setScript(s);
+//   ... run the client against head.hostId() ("127.0.0.2:<port>") ...
+//   EXPECT_EQ(head.connection(0).data.size(), 100000u);
+#ifndef TESTS_SUPPORT_FAKEDAEMON_H_
+#define TESTS_SUPPORT_FAKEDAEMON_H_
+
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+class TCPSocket;
+
+// Expected wire bytes, built independently of the production encoder.
+class WireBytes {
+ public:
+  WireBytes& i32(int v);
+  WireBytes& i64(long v);
+  WireBytes& flag(bool v);
+  WireBytes& str(const std::string& s);  // int32 length, then the bytes
+  WireBytes& raw(const std::string& s);
+  const std::string& bytes() const { return mBytes; }
+  operator const std::string&() const { return mBytes; }
+
+ private:
+  WireBytes& put(unsigned long v, int bytes);
+  std::string mBytes;
+};
+
+class FakeDaemon {
+ public:
+  // How to answer on one connection.
+  struct Script {
+    // C2H_NEW_GET_VERSION gets "OK" and `version`; any other reply text is
+    // sent instead and the connection closed. The old request gets `version`.
+    std::string newHandshakeReply = "OK";
+    int version = 5;
+    // Begin: the status, and for 3 the lists and text. 0 and 3 open a session.
+    int beginStatus = 0;
+    std::vector<std::pair<std::string, int>> beginBad;
+    std::vector<std::string> beginBusy;
+    std::string beginText;
+    // A file within a session: 0 accepts from `position` (at most the size),
+    // 2 claims no session, anything else refuses it with `fileText`.
+    int fileStatus = 0;
+    long position = 0;
+    std::string fileText;
+    std::string fileReply;    // after each file's data
+    std::string commitReply;
+    long closeAfterDataBytes = -1;  // close once this many data bytes came
+    int replyDelayMs = 0;           // wait before every reply
+  };
+
+  struct Connection {
+    std::string received;    // every byte, in order
+    std::vector<int> codes;  // message codes, in order
+    std::string data;        // file data bytes of all files, in order
+  };
+
+  // Pseudo code passed to the message hook when a file's data is complete.
+  static const int kDataReceived = 0;
+
+  // Listens on address:port (0: ephemeral). Throws on failure.
+  explicit FakeDaemon(const std::string& address = "127.0.0.1", int port = 0);
+  ~FakeDaemon();
+  FakeDaemon(const FakeDaemon&) = delete;
+  FakeDaemon& operator=(const FakeDaemon&) = delete;
+
+  // The script for every connection without one of its own.
+  void setScript(const Script& script);
+  // The script for the index-th connection (0-based, in accept order).
+  void setScriptFor(int index, const Script& script);
+  // Called on the connection's thread with each message code (kDataReceived
+  // after a file's data) before the reply goes out.
+  void setOnMessage(std::function<void(int code)> hook);
+
+  const std::string& address() const { return mAddress; }
+  int port() const { return mPort; }
+  // "address:port", a host identifier for the client.
+  std::string hostId() const;
+
+  int connectionCount() const;
+  // Snapshot of the index-th connection's records.
+  Connection connection(int index) const;
+  // Message codes of all connections, connection by connection.
+  std::vector<int> allCodes() const;
+  // Waits up to timeoutMs until n connections have ended; true when they did.
+  bool waitForClosedConnections(int n, int timeoutMs) const;
+
+  // A port on address that nothing listens on (bound once, then released).
+  static int unusedPort(const std::string& address = "127.0.0.1");
+
+ private:
+  struct Session;
+  void acceptLoop();
+  void serve(int index, std::shared_ptr<TCPSocket> socket);
+  Script scriptFor(int index) const;
+
+  std::string mAddress;
+  int mPort = 0;
+  std::unique_ptr<TCPSocket> mListener;
+  std::atomic<bool> mStop{false};
+  mutable std::mutex mMutex;
+  Script mDefault;
+  std::map<int, Script> mScripts;
+  std::function<void(int)> mOnMessage;
+  std::vector<Connection> mConnections;
+  std::vector<std::shared_ptr<TCPSocket>> mSockets;
+  int mClosed = 0;
+  mutable std::condition_variable mClosedCond;
+  std::vector<std::thread> mThreads;
+  std::thread mAcceptThread;
+};
+
+#endif  // TESTS_SUPPORT_FAKEDAEMON_H_

@@ -1,0 +1,217 @@
+#include "util/NetEncoding.h"
+
+#include <cstdint>
+#include <cstring>
+
+namespace System {
+
+namespace {
+
+uint32_t readBE32(std::istream& in) {
+  unsigned char b[4] = {0, 0, 0, 0};
+  in.read(reinterpret_cast<char*>(b), 4);
+  return (uint32_t(b[0]) << 24) | (uint32_t(b[1]) << 16) | (uint32_t(b[2]) << 8) | b[3];
+}
+
+// A count or length outside [0, limit] from an untrusted peer.
+void checkRange(int value, int limit, const char* what) {
+  if (value < 0 || value > limit) {
+    throw WireLimitError(std::string(what) + " " + std::to_string(value) +
+                         " outside the allowed range 0.." + std::to_string(limit));
+  }
+}
+
+// Reads exactly n bytes (n already checked) into s.
+void readBytes(std::istream& in, std::string& s, int n) {
+  if (n == 0) {
+    s.clear();
+    return;
+  }
+  s.assign(static_cast<size_t>(n), '\0');
+  in.read(&s[0], n);
+}
+
+}  // namespace
+
+void writeInt32(std::ostream& out, int value) {
+  const uint32_t v = static_cast<uint32_t>(value);
+  const char b[4] = {static_cast<char>(v >> 24), static_cast<char>(v >> 16),
+                     static_cast<char>(v >> 8), static_cast<char>(v)};
+  out.write(b, 4);
+}
+
+int readInt32(std::istream& in) { return static_cast<int>(readBE32(in)); }
+
+void writeInt64(std::ostream& out, long value) {
+  const uint64_t v = static_cast<uint64_t>(value);
+  writeInt32(out, static_cast<int>(static_cast<uint32_t>(v >> 32)));
+  writeInt32(out, static_cast<int>(static_cast<uint32_t>(v)));
+}
+
+long readInt64(std::istream& in) {
+  const int high = readInt32(in);
+  const int low = readInt32(in);
+  return Int64From2Ints(high, low);
+}
+
+void writeByte(std::ostream& out, unsigned char value) { out.put(static_cast<char>(value)); }
+
+void writeSmallBuf(std::ostream& out, const char* data, int length) {
+  writeInt32(out, length);
+  if (length > 0) out.write(data, length);
+}
+
+void readSmallBuf(std::istream& in, std::string& s) {
+  const int length = readInt32(in);
+  if (in.fail()) return;  // also covers bad: the target stays as it was
+  if (length == 0) {
+    s.clear();
+    return;
+  }
+  // A negative length becomes a size beyond max_size: std::length_error.
+  s.assign(static_cast<size_t>(static_cast<long>(length)), '\0');
+  in.read(&s[0], length);
+}
+
+void writeLargeBuf(std::ostream& out, const char* data, long length) {
+  writeInt64(out, length);
+  if (length > 0) out.write(data, length);
+}
+
+long Int64From2Ints(int high, int low) {
+  const uint64_t v = (uint64_t(uint32_t(high)) << 32) | uint32_t(low);
+  return static_cast<long>(v);
+}
+
+long convertTimeToNetFormat(long t) { return t; }
+
+void readSmallBufBounded(std::istream& in, std::string& s, int maxLength) {
+  const int length = readInt32(in);
+  if (in.fail()) return;
+  checkRange(length, maxLength, "string length");
+  readBytes(in, s, length);
+}
+
+void readStringListBounded(std::istream& in, StringList& out, int maxCount, int maxLength) {
+  const int count = readInt32(in);
+  if (in.fail()) return;
+  checkRange(count, maxCount, "list count");
+  StringList result;
+  for (int i = 0; i < count && in.good(); ++i) {
+    std::string element;
+    readSmallBufBounded(in, element, maxLength);
+    result.push_back(std::move(element));
+  }
+  out.swap(result);
+}
+
+void readStringSetBounded(std::istream& in, std::set<std::string>& out, int maxCount,
+                          int maxLength) {
+  StringList elements;
+  readStringListBounded(in, elements, maxCount, maxLength);
+  if (in.fail()) return;
+  out = std::set<std::string>(elements.begin(), elements.end());
+}
+
+void readStringIntPairListBounded(std::istream& in, StringIntPairList& out, int maxCount,
+                                  int maxLength) {
+  const int count = readInt32(in);
+  if (in.fail()) return;
+  checkRange(count, maxCount, "list count");
+  StringIntPairList result;
+  for (int i = 0; i < count && in.good(); ++i) {
+    std::string name;
+    readSmallBufBounded(in, name, maxLength);
+    const int code = readInt32(in);
+    result.emplace_back(std::move(name), code);
+  }
+  out.swap(result);
+}
+
+}  // namespace System
+
+namespace {
+
+// Reads a trusted list: count default elements, each read in place; the
+// target is replaced even when the stream raises part-way.
+template <typename List, typename ReadElement>
+void readTrustedList(TCPStream& s, List& value, ReadElement readElement) {
+  const int count = System::readInt32(s);
+  if (count < 0) throw std::length_error("negative list count");
+  List result(static_cast<size_t>(count));
+  try {
+    for (auto& element : result) readElement(element);
+  } catch (...) {
+    value.swap(result);
+    throw;
+  }
+  value.swap(result);
+}
+
+}  // namespace
+
+TCPStream& operator<<(TCPStream& s, int value) {
+  System::writeInt32(s, value);
+  return s;
+}
+
+TCPStream& operator>>(TCPStream& s, int& value) {
+  value = System::readInt32(s);
+  return s;
+}
+
+TCPStream& operator<<(TCPStream& s, long value) {
+  System::writeInt64(s, value);
+  return s;
+}
+
+TCPStream& operator>>(TCPStream& s, long& value) {
+  value = System::readInt64(s);
+  return s;
+}
+
+TCPStream& operator<<(TCPStream& s, bool value) {
+  System::writeByte(s, value ? 1 : 0);
+  return s;
+}
+
+TCPStream& operator>>(TCPStream& s, bool& value) {
+  char byte = 0;
+  s.read(&byte, 1);
+  value = byte != 0;
+  return s;
+}
+
+TCPStream& operator<<(TCPStream& s, const std::string& value) {
+  System::writeSmallBuf(s, value.data(), static_cast<int>(value.size()));
+  return s;
+}
+
+TCPStream& operator<<(TCPStream& s, const char* value) {
+  System::writeSmallBuf(s, value, static_cast<int>(std::strlen(value)));
+  return s;
+}
+
+TCPStream& operator>>(TCPStream& s, std::string& value) {
+  System::readSmallBuf(s, value);
+  return s;
+}
+
+TCPStream& operator<<(TCPStream& s, const std::set<std::string>& value) {
+  System::writeInt32(s, static_cast<int>(value.size()));
+  for (const std::string& element : value) s << element;
+  return s;
+}
+
+TCPStream& operator>>(TCPStream& s, StringList& value) {
+  readTrustedList(s, value, [&s](std::string& element) { System::readSmallBuf(s, element); });
+  return s;
+}
+
+TCPStream& operator>>(TCPStream& s, StringIntPairList& value) {
+  readTrustedList(s, value, [&s](std::pair<std::string, int>& element) {
+    System::readSmallBuf(s, element.first);
+    element.second = System::readInt32(s);
+  });
+  return s;
+}

@@ -1,0 +1,384 @@
+#include "util/TCPSocket.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+
+#include "util/Mutex.h"
+#include "util/StringUtilities.h"
+#include "util/System.h"
+
+namespace {
+
+// The resolver is not trusted to be reentrant everywhere; one lookup at a
+// time process-wide.
+Mutex& resolverMutex() {
+  static Mutex m;
+  return m;
+}
+
+// The secure layer's readiness test touches library state shared by all
+// connections.
+Mutex& secureLayerMutex() {
+  static Mutex m;
+  return m;
+}
+
+// printf-style message in a fixed buffer, as every socket error is built.
+std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+std::string format(const char* fmt, ...) {
+  char buffer[512];
+  va_list args;
+  va_start(args, fmt);
+  std::vsnprintf(buffer, sizeof buffer, fmt, args);
+  va_end(args);
+  return buffer;
+}
+
+std::string errnoText(int code) { return System::errorText(code); }
+
+bool parseDotted(const std::string& host, in_addr& out) {
+  return inet_pton(AF_INET, host.c_str(), &out) == 1;
+}
+
+std::string dotted(const in_addr& addr) {
+  char text[INET_ADDRSTRLEN] = {0};
+  inet_ntop(AF_INET, &addr, text, sizeof text);
+  return text;
+}
+
+// Resolves host to its IPv4 addresses; returns the resolver's error text on
+// failure (empty on success).
+std::string resolve(const std::string& host, std::vector<in_addr>& out) {
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* result = nullptr;
+  Mutex::Lock lock(resolverMutex());
+  const int rc = getaddrinfo(host.c_str(), nullptr, &hints, &result);
+  if (rc != 0) {
+    return rc == EAI_SYSTEM ? errnoText(errno) : std::string(gai_strerror(rc));
+  }
+  for (addrinfo* p = result; p; p = p->ai_next) {
+    out.push_back(reinterpret_cast<sockaddr_in*>(p->ai_addr)->sin_addr);
+  }
+  freeaddrinfo(result);
+  return out.empty() ? std::string("no IPv4 address") : std::string();
+}
+
+// Milliseconds left until deadline (never negative).
+int remainingMs(const Ticks& deadline) {
+  const int64_t left = (deadline - Ticks::currentTime()).nanos() / 1000000;
+  return left > 0 ? static_cast<int>(left) : 0;
+}
+
+// poll() for events; a finite wait is resumed after a signal with the time
+// left, an unlimited one returns so that a signal can interrupt the caller.
+// Returns >0 when ready, 0 on time-out or interruption, -1 on error.
+int waitFor(int fd, short events, int ms) {
+  const Ticks deadline = Ticks::currentTime() + Ticks(int64_t(ms) * 1000000);
+  for (int wait = ms;;) {
+    pollfd p{fd, events, 0};
+    const int rc = ::poll(&p, 1, wait);
+    if (rc >= 0) return rc;
+    if (errno != EINTR) return -1;
+    if (ms < 0) return 0;
+    wait = remainingMs(deadline);
+  }
+}
+
+}  // namespace
+
+TCPSocket::TCPSocket()
+    : mFd(-1), mReadTimeout(-1), mLastError(0), mReadBytes(0), mWriteBytes(0) {}
+
+TCPSocket::TCPSocket(int fd) : TCPSocket() { mFd = fd; }
+
+TCPSocket::~TCPSocket() { close(); }
+
+void TCPSocket::failAndClose(const std::string& message) {
+  close();
+  throw exception(message);
+}
+
+void TCPSocket::connect(const std::string& host, int port, long timeoutMs) {
+  if (mFd >= 0) throw exception("socket already open");
+  mFd = ::socket(AF_INET, SOCK_STREAM, 0);
+  if (mFd < 0) {
+    mLastError = errno;
+    throw exception(format("couldn't create client socket: %.100s", errnoText(errno).c_str()));
+  }
+  if (System::fcntl(mFd, F_SETFD, FD_CLOEXEC) < 0) {
+    mLastError = errno;
+    failAndClose(format("couldn't set close-on-exec for socket: %.150s", errnoText(errno).c_str()));
+  }
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  if (!parseDotted(host, addr.sin_addr)) {
+    std::vector<in_addr> found;
+    const std::string error = resolve(host, found);
+    if (!error.empty()) {
+      failAndClose(format("couldn't find host \"%.60s\": %.150s", host.c_str(), error.c_str()));
+    }
+    addr.sin_addr = found.front();
+  }
+  if (System::setNonBlocking(mFd, 1) < 0) {
+    mLastError = errno;
+    failAndClose(format("couldn't set socket to nonBlocking \"%.60s\": %.150s", host.c_str(),
+                        errnoText(errno).c_str()));
+  }
+  if (::connect(mFd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0 &&
+      !System::errorMeansInProgress()) {
+    mLastError = errno;
+    failAndClose("couldn't connect to server");
+  }
+  const int ready = waitFor(mFd, POLLIN | POLLOUT, static_cast<int>(timeoutMs));
+  if (ready == 0) failAndClose("couldn't connect to server: timed out");
+  if (ready < 0) {
+    mLastError = errno;
+    failAndClose(format("select failed: %.150s", errnoText(errno).c_str()));
+  }
+  int pending = 0;
+  socklen_t len = sizeof pending;
+  if (::getsockopt(mFd, SOL_SOCKET, SO_ERROR, &pending, &len) < 0) {
+    mLastError = errno;
+    failAndClose(format("Internal socket error: %s", errnoText(errno).c_str()));
+  }
+  if (pending != 0) {
+    mLastError = pending;
+    failAndClose(format("couldn't connect to server:  %s", errnoText(pending).c_str()));
+  }
+  if (System::setNonBlocking(mFd, 0) < 0) {
+    mLastError = errno;
+    failAndClose(format("couldn't reset socket to Blocking \"%.60s\": %.150s", host.c_str(),
+                        errnoText(errno).c_str()));
+  }
+}
+
+void TCPSocket::listen(const std::string& address, int port, int backlog) {
+  if (mFd >= 0) throw exception("socket already open");
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  addr.sin_addr.s_addr = htonl(INADDR_ANY);
+  if (!address.empty() && !parseDotted(address, addr.sin_addr)) {
+    throw exception(format("invalid listen address \"%.60s\"", address.c_str()));
+  }
+  mFd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (mFd < 0) {
+    mLastError = errno;
+    throw exception(format("couldn't create server socket: %.150s", errnoText(errno).c_str()));
+  }
+  const int on = 1;
+  if (::setsockopt(mFd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0 ||
+      ::bind(mFd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0) {
+    mLastError = errno;
+    failAndClose(format("couldn't bind to %.60s:%d: %.150s", address.c_str(), port,
+                        errnoText(errno).c_str()));
+  }
+  if (::listen(mFd, backlog) < 0) {
+    mLastError = errno;
+    failAndClose(format("couldn't listen on %.60s:%d: %.150s", address.c_str(), port,
+                        errnoText(errno).c_str()));
+  }
+}
+
+std::unique_ptr<TCPSocket> TCPSocket::accept(int timeoutMs) {
+  if (mFd < 0) throw exception("accept on a closed socket");
+  const int ready = waitFor(mFd, POLLIN, timeoutMs);
+  if (ready < 0) {
+    mLastError = errno;
+    throw exception(format("select failed: %.150s", errnoText(errno).c_str()));
+  }
+  if (ready == 0) return nullptr;
+  const int fd = ::accept4(mFd, nullptr, nullptr, SOCK_CLOEXEC);
+  if (fd < 0) {
+    mLastError = errno;
+    // The peer may have given up between poll and accept, or a signal came.
+    if (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED) return nullptr;
+    throw exception(format("couldn't accept connection: %.150s", errnoText(errno).c_str()));
+  }
+  return std::make_unique<TCPSocket>(fd);
+}
+
+void TCPSocket::close() {
+  mSecureSocket.reset();
+  if (mFd >= 0) {
+    ::close(mFd);
+    mFd = -1;
+  }
+}
+
+void TCPSocket::shutdown() {
+  if (mFd >= 0) ::shutdown(mFd, SHUT_RDWR);
+}
+
+bool TCPSocket::isGood() {
+  if (mFd < 0) return false;
+  char byte;
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    const ssize_t n = ::recv(mFd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    if (n > 0) return true;
+    if (n == 0) return false;  // orderly shutdown by the peer
+    if (errno == EINTR) continue;
+    if (errno == EAGAIN || errno == EWOULDBLOCK) return true;
+    mLastError = errno;
+    return false;
+  }
+  return false;
+}
+
+bool TCPSocket::secureHasBufferedData() {
+  if (!mSecureSocket) return false;
+  Mutex::Lock lock(secureLayerMutex());
+  return mSecureSocket->hasBufferedData();
+}
+
+bool TCPSocket::isReadable(int ms) {
+  if (mFd < 0) return false;
+  if (secureHasBufferedData()) return true;
+  const int ready = waitFor(mFd, POLLIN, ms);
+  if (ready < 0) mLastError = errno;
+  return ready > 0;
+}
+
+int TCPSocket::read(char* buffer, int length) {
+  if (mFd < 0) {
+    mLastError = EBADF;
+    return -1;
+  }
+  const Ticks start = Ticks::currentTime();
+  if (!secureHasBufferedData()) {
+    const int ready = waitFor(mFd, POLLIN, mReadTimeout);
+    if (ready <= 0) {
+      mLastError = ready < 0 ? errno : ETIMEDOUT;
+      return -1;
+    }
+  }
+  ssize_t n;
+  if (mSecureSocket) {
+    n = mSecureSocket->read(buffer, length);
+  } else {
+    do {
+      n = ::recv(mFd, buffer, static_cast<size_t>(length), 0);
+    } while (n < 0 && errno == EINTR);
+    if (n < 0) mLastError = errno;
+  }
+  mReadTicks += Ticks::currentTime() - start;
+  if (n > 0) {
+    mReadBytes += n;
+    if (mSpy) mSpy->onRead(buffer, static_cast<int>(n));
+  }
+  return static_cast<int>(n);
+}
+
+int TCPSocket::write(const char* buffer, int length) {
+  if (mFd < 0) {
+    mLastError = EBADF;
+    return 0;
+  }
+  const Ticks start = Ticks::currentTime();
+  int done = 0;
+  while (done < length) {
+    ssize_t n;
+    if (mSecureSocket) {
+      n = mSecureSocket->write(buffer + done, length - done);
+    } else {
+      // MSG_NOSIGNAL: a vanished peer is an error return, never a SIGPIPE.
+      n = ::send(mFd, buffer + done, static_cast<size_t>(length - done), MSG_NOSIGNAL);
+      if (n < 0 && errno == EINTR) continue;
+    }
+    if (n <= 0) {
+      mLastError = n < 0 ? errno : EPIPE;
+      break;
+    }
+    done += static_cast<int>(n);
+  }
+  mWriteTicks += Ticks::currentTime() - start;
+  mWriteBytes += done;
+  if (mSpy && done > 0) mSpy->onWrite(buffer, done);
+  return done;
+}
+
+bool TCPSocket::setKeepAlive(bool on) {
+  const int value = on ? 1 : 0;
+  if (mFd < 0 || ::setsockopt(mFd, SOL_SOCKET, SO_KEEPALIVE, &value, sizeof value) < 0) {
+    mLastError = mFd < 0 ? EBADF : errno;
+    return false;
+  }
+  return true;
+}
+
+std::string TCPSocket::getHostName() {
+  char name[256] = {0};
+  if (::gethostname(name, sizeof name - 1) < 0) return std::string();
+  return name;
+}
+
+std::string TCPSocket::getHostIP(const std::string& host) { return getHostIPList(host).front(); }
+
+std::vector<std::string> TCPSocket::getHostIPList(const std::string& host) {
+  std::vector<std::string> result;
+  in_addr addr{};
+  if (parseDotted(host, addr)) {
+    result.push_back(dotted(addr));
+    return result;
+  }
+  std::vector<in_addr> found;
+  const std::string error = resolve(host, found);
+  if (!error.empty()) {
+    throw exception(format("couldn't find host \"%.60s\": %.150s", host.c_str(), error.c_str()));
+  }
+  for (const in_addr& a : found) result.push_back(dotted(a));
+  return result;
+}
+
+std::string TCPSocket::getRemoteHost() const {
+  sockaddr_in addr{};
+  socklen_t len = sizeof addr;
+  if (mFd < 0 || ::getpeername(mFd, reinterpret_cast<sockaddr*>(&addr), &len) < 0) return "";
+  return dotted(addr.sin_addr);
+}
+
+int TCPSocket::getRemotePort() const {
+  sockaddr_in addr{};
+  socklen_t len = sizeof addr;
+  if (mFd < 0 || ::getpeername(mFd, reinterpret_cast<sockaddr*>(&addr), &len) < 0) return -1;
+  return ntohs(addr.sin_port);
+}
+
+int TCPSocket::getListenerPort() const {
+  sockaddr_in addr{};
+  socklen_t len = sizeof addr;
+  if (mFd < 0 || ::getsockname(mFd, reinterpret_cast<sockaddr*>(&addr), &len) < 0) return -1;
+  return ntohs(addr.sin_port);
+}
+
+int TCPSocket::getSocketError() const {
+  int pending = 0;
+  socklen_t len = sizeof pending;
+  if (mFd < 0) return EBADF;
+  if (::getsockopt(mFd, SOL_SOCKET, SO_ERROR, &pending, &len) < 0) return errno;
+  return pending;
+}
+
+std::string TCPSocket::getErrorMessage() const { return errnoText(mLastError); }
+
+std::shared_ptr<TCPSpy> TCPSocket::replaceSpy(std::shared_ptr<TCPSpy> spy) {
+  mSpy.swap(spy);
+  return spy;
+}
+
+void TCPSocket::setSecureLayer(std::unique_ptr<TCPSecureLayer> layer) {
+  mSecureSocket = std::move(layer);
+}

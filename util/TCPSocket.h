@@ -1,0 +1,150 @@
+// TCPSocket: one IPv4 TCP socket, either side of a connection.
+//
+// The client side connects with a bounded wait; the server side binds,
+// listens and accepts. Reads honour an optional read time-out, writes send
+// everything or report failure, and an optional observer (TCPSpy) sees the
+// bytes. Connect and listen failures raise TCPSocket::exception; reads and
+// writes report failure by return value so that stream buffers can map it to
+// end of file. A socket object is used by one thread at a time, except that
+// shutdown() may be called from another thread to wake a blocked reader.
+#ifndef UTIL_TCPSOCKET_H_
+#define UTIL_TCPSOCKET_H_
+
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "util/Ticks.h"
+
+// Observer of the bytes moving through a socket (tracing, statistics).
+class TCPSpy {
+ public:
+  virtual ~TCPSpy() = default;
+  virtual void onRead(const char* data, int length) = 0;
+  virtual void onWrite(const char* data, int length) = 0;
+};
+
+// An encryption layer stacked on a connected socket. When one is installed,
+// reads, writes and readiness go through it instead of the plain descriptor.
+class TCPSecureLayer {
+ public:
+  virtual ~TCPSecureLayer() = default;
+  // Same contract as TCPSocket::read / write.
+  virtual int read(char* buffer, int length) = 0;
+  virtual int write(const char* buffer, int length) = 0;
+  // True when decrypted bytes are already buffered inside the layer.
+  virtual bool hasBufferedData() = 0;
+};
+
+class TCPSocket {
+ public:
+  // Connect, listen and accept failures; what() is the user-facing text.
+  class exception : public std::runtime_error {
+   public:
+    explicit exception(const std::string& message)
+        : std::runtime_error(message) {}
+  };
+
+  TCPSocket();
+  // Adopts an already connected descriptor (the socket now owns it).
+  explicit TCPSocket(int fd);
+  ~TCPSocket();  // closes the descriptor
+  TCPSocket(const TCPSocket&) = delete;
+  TCPSocket& operator=(const TCPSocket&) = delete;
+
+  // Connects to host (dotted address or name) and port, waiting at most
+  // timeoutMs for the connection. The descriptor is close-on-exec and
+  // blocking afterwards. Throws exception on any failure.
+  void connect(const std::string& host, int port, long timeoutMs);
+
+  // Binds to address ("" or "0.0.0.0" for every interface) and port (0 picks
+  // an ephemeral port, see getListenerPort) with SO_REUSEADDR and listens.
+  // Throws exception on failure.
+  void listen(const std::string& address, int port, int backlog = 64);
+
+  // Waits up to timeoutMs (-1: no limit) for a connection on a listening
+  // socket. Returns the connected socket (close-on-exec), or null when the
+  // wait ended without one (time-out or an interrupting signal). Throws
+  // exception when the socket is not listening or accept fails otherwise.
+  std::unique_ptr<TCPSocket> accept(int timeoutMs = -1);
+
+  // Closes the descriptor (and drops the secure layer); safe when closed.
+  void close();
+  // Shuts both directions down without closing the descriptor, so that a
+  // read blocked in another thread returns at once.
+  void shutdown();
+
+  // True while the descriptor is open (the peer may have gone away).
+  bool isConnected() const { return mFd >= 0; }
+  // True when connected and the peer has not closed its side.
+  bool isGood();
+  // True when a read would not block within ms milliseconds (-1: no limit).
+  bool isReadable(int ms);
+
+  // Reads at most length bytes after waiting for readability up to the read
+  // time-out. Returns the count, 0 when the peer closed, -1 on failure or
+  // time-out (getLastError tells which error).
+  int read(char* buffer, int length);
+  // Writes all length bytes (retrying partial sends). Returns the number
+  // written; less than length means failure.
+  int write(const char* buffer, int length);
+
+  // Milliseconds that read() waits for data; -1 (the default) waits for ever.
+  void setReadTimeout(int ms) { mReadTimeout = ms; }
+  int getReadTimeout() const { return mReadTimeout; }
+
+  // Enables TCP keep-alive probes so that a silently dead peer is noticed.
+  // Returns false (and records the error) on failure.
+  bool setKeepAlive(bool on);
+
+  // The local host's name.
+  static std::string getHostName();
+  // The first IPv4 address of host in dotted form; a dotted address is
+  // returned unchanged. Throws exception when the name does not resolve.
+  static std::string getHostIP(const std::string& host);
+  // Every IPv4 address of host in dotted form. Throws like getHostIP.
+  static std::vector<std::string> getHostIPList(const std::string& host);
+
+  // The peer's dotted address and port of a connected socket ("" / -1 when
+  // unknown).
+  std::string getRemoteHost() const;
+  int getRemotePort() const;
+  // The local port of a bound socket (-1 when unknown).
+  int getListenerPort() const;
+
+  // The socket's pending error (SO_ERROR), or the query's errno on failure.
+  int getSocketError() const;
+  // The last system error number recorded by a failed call on this socket.
+  int getLastError() const { return mLastError; }
+  // The system text for getLastError().
+  std::string getErrorMessage() const;
+
+  // Installs an observer; returns the previous one.
+  std::shared_ptr<TCPSpy> replaceSpy(std::shared_ptr<TCPSpy> spy);
+  // Installs (or with null removes) the secure layer of a connected socket.
+  void setSecureLayer(std::unique_ptr<TCPSecureLayer> layer);
+
+  int64_t getReadBytes() const { return mReadBytes; }
+  int64_t getWriteBytes() const { return mWriteBytes; }
+  // Time spent inside read() and write().
+  Ticks getReadTicks() const { return mReadTicks; }
+  Ticks getWriteTicks() const { return mWriteTicks; }
+
+ private:
+  bool secureHasBufferedData();
+  [[noreturn]] void failAndClose(const std::string& message);
+
+  int mFd;
+  std::unique_ptr<TCPSecureLayer> mSecureSocket;
+  int mReadTimeout;
+  int mLastError;
+  std::shared_ptr<TCPSpy> mSpy;
+  Ticks mReadTicks;
+  Ticks mWriteTicks;
+  int64_t mReadBytes;
+  int64_t mWriteBytes;
+};
+
+#endif  // UTIL_TCPSOCKET_H_

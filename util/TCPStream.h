@@ -1,0 +1,84 @@
+// TCPStreamBuf: the stream buffer between a standard stream and a TCPSocket.
+// TCPStream: the socket stream whose every failure (lost connection, short
+// write, end of file) raises std::ios_base::failure at once, so protocol code
+// reads and writes items without testing states.
+//
+// Input keeps up to 2920 bytes already read as put-back area and reads at
+// most 2920 new bytes per refill. Output is collected in a buffer and sent
+// when it is full or on flush. Large writes and reads bypass the buffers so
+// bulk data is not copied twice. In checksummed mode every flushed block is
+// preceded by an 8-byte header: the block length and its CRC-32C, both
+// big-endian 32-bit.
+#ifndef UTIL_TCPSTREAM_H_
+#define UTIL_TCPSTREAM_H_
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <streambuf>
+#include <string>
+#include <vector>
+
+#include "util/TCPRawStream.h"
+#include "util/TCPSocket.h"
+
+class TCPStreamBuf : public std::streambuf {
+ public:
+  static const int kPutBackSize = 2920;
+  static const int kBufSize = 2920;
+  static const int kOutBufSize = 16384;
+  static const int kCRCHeaderSize = 8;
+
+  // The socket is not owned and must outlive its use through this buffer.
+  explicit TCPStreamBuf(TCPSocket* socket);
+  TCPStreamBuf(const TCPStreamBuf&) = delete;
+  TCPStreamBuf& operator=(const TCPStreamBuf&) = delete;
+
+  // Forgets buffered input and unsent output and the checksum progress.
+  void reset();
+  // Installs the checksum mismatch callback; empty switches the mode off.
+  void setCRCMode(std::function<void()> onMismatch);
+  bool crcMode() const { return static_cast<bool>(mUseCRC); }
+  bool crcMismatch() const { return mCRCMismatch; }
+  // Bytes received and not yet consumed.
+  std::streamsize buffered() const { return egptr() - gptr(); }
+
+ protected:
+  int_type underflow() override;
+  int_type overflow(int_type c) override;
+  int sync() override;
+  std::streamsize xsputn(const char* s, std::streamsize n) override;
+  std::streamsize xsgetn(char* s, std::streamsize n) override;
+
+ private:
+  bool flushOutput();
+  // Reads up to maxLength payload bytes into dest, unwrapping checksummed
+  // blocks. Returns the count, or <= 0 on end of file or failure.
+  int fillInput(char* dest, int maxLength);
+  bool readBlockHeader();
+  void keepPutBack(const char* end, std::streamsize count);
+
+  TCPSocket* mSocket;
+  int mPutBackSize;
+  int mBufSize;
+  std::vector<char> mBufferIn;   // put-back area, then data
+  std::vector<char> mBufferOut;  // checksum header room, then data
+  bool mCRCMismatch;
+  std::function<void()> mUseCRC;
+  uint32_t mExpectedCRC;
+  uint32_t mActualCRC;
+  uint32_t mBytesToSum;
+};
+
+class TCPStream : public TCPRawStream {
+ public:
+  TCPStream();
+  explicit TCPStream(std::unique_ptr<TCPSocket> socket);
+  // Connects at once; throws TCPSocket::exception on failure.
+  TCPStream(const std::string& host, int port, long timeoutMs, int readTimeoutMs = -1);
+
+ private:
+  void setExceptionMask();
+};
+
+#endif  // UTIL_TCPSTREAM_H_
