@@ -1,0 +1,56 @@
+// One accepted connection: reads a message code, acts on it, and repeats
+// until the peer closes. The peer is a client or an upstream daemon; both
+// speak the same messages, an upstream daemon announcing itself first with
+// the relay identity. Everything read goes through the bounded readers: a
+// violation is logged and closes the connection.
+#ifndef HC_HOPPERD_CONNECTION_H
+#define HC_HOPPERD_CONNECTION_H
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "hopperd/Protocol.h"
+#include "hopperd/SessionTable.h"
+#include "util/Mutex.h"
+#include "util/TCPStream.h"
+
+class Connection : public SessionOwner, public std::enable_shared_from_this<Connection> {
+ public:
+  Connection(std::unique_ptr<TCPSocket> socket, SessionTable& table);
+
+  // The message loop; returns when the peer closes, on a protocol error, or
+  // after interrupt(). Orphans the session if the connection still owns it.
+  void run();
+  // Wakes run() from another thread by shutting the socket down.
+  void interrupt() override;
+
+  const std::string& peer() const { return mPeer; }
+
+ private:
+  // False ends the connection.
+  bool handle(int code);
+  void handleNewVersion();
+  void handleBegin();
+  void handleFile();
+  void handleCommit();
+  void handleAbort();
+  void receiveData(int64_t count);
+  // The origin client of whatever this connection carries.
+  const std::string& clientAddress() const;
+  // Reads at least one and at most max bytes; throws when the peer is gone.
+  size_t readSome(char* buffer, size_t max);
+
+  SessionTable& mTable;
+  Mutex mCloseMutex;    // interrupt() must not touch a closed descriptor
+  bool mClosed = false;
+  TCPSocket* mSocket;  // owned by mStream
+  TCPStream mStream;
+  std::string mPeer;
+  std::optional<RelayIdentity> mIdentity;
+  std::shared_ptr<Session> mSession;
+  std::vector<char> mBuffer;  // the one buffer file data passes through
+};
+
+#endif  // HC_HOPPERD_CONNECTION_H

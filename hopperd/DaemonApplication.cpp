@@ -1,0 +1,155 @@
+#include "hopperd/DaemonApplication.h"
+
+#include <cerrno>
+#include <iostream>
+#include <stdexcept>
+
+#include "hopper/hopperMisc.h"
+#include "hopperd/Journal.h"
+#include "hopperd/TargetPath.h"
+#include "util/Logger.h"
+#include "util/SignalProcessing.h"
+#include "util/System.h"
+
+namespace {
+
+GetOpt::Option gDaemonOptions[] = {
+    {"help", GetOpt::NO_ARG, nullptr, 'h', nullptr},
+    {"version", GetOpt::NO_ARG, nullptr, 'v', nullptr},
+    {"port", GetOpt::REQ_ARG, nullptr, DaemonApplication::ARG_PORT, "2411"},
+    {"bind", GetOpt::REQ_ARG, nullptr, DaemonApplication::ARG_BIND, "0.0.0.0"},
+    {"root", GetOpt::REQ_ARG, nullptr, DaemonApplication::ARG_ROOT, "/"},
+    {"allow", GetOpt::REQ_ARG, nullptr, DaemonApplication::ARG_ALLOW, "127.0.0.0/8"},
+    {"allow-path", GetOpt::REQ_ARG, nullptr, DaemonApplication::ARG_ALLOW_PATH, nullptr},
+    {"state-dir", GetOpt::REQ_ARG, nullptr, DaemonApplication::ARG_STATE_DIR, "/var/lib/hopperd"},
+    {"resume-window", GetOpt::REQ_ARG, nullptr, DaemonApplication::ARG_RESUME_WINDOW, "120"},
+    {"stop-agents-cmd", GetOpt::REQ_ARG, nullptr, DaemonApplication::ARG_STOP_AGENTS_CMD, nullptr},
+    {"start-agents-cmd", GetOpt::REQ_ARG, nullptr, DaemonApplication::ARG_START_AGENTS_CMD,
+     nullptr},
+    {"log-level", GetOpt::REQ_ARG, nullptr, Application::ARG_LOGLEVEL, nullptr},
+    {"logfile", GetOpt::REQ_ARG, nullptr, Application::ARG_LOGFILE, nullptr},
+    {nullptr, 0, nullptr, 0, nullptr}};
+
+Application::OptionID id(DaemonApplication::DaemonOptionID option) {
+  return static_cast<Application::OptionID>(option);
+}
+
+// A whole decimal number in [min, max], or an error naming the switch.
+int parseNumber(const char* name, const std::string& text, int min, int max) {
+  long value = 0;
+  bool ok = !text.empty() && text.size() <= 9;
+  for (char c : text) {
+    ok = ok && c >= '0' && c <= '9';
+    if (ok) value = value * 10 + (c - '0');
+  }
+  if (!ok || value < min || value > max) {
+    throw std::runtime_error(std::string("Invalid value for --") + name + ": " + text);
+  }
+  return static_cast<int>(value);
+}
+
+void requireDirectory(const char* name, const std::string& path, bool create) {
+  if (path.empty() || path[0] != '/') {
+    throw std::runtime_error(std::string("--") + name + " must be an absolute path: " + path);
+  }
+  if (create && !System::makeDirectory(path, 0700) && errno != EEXIST) {
+    throw std::runtime_error("Unable to create " + path + ": " + System::getErrorMessageStr());
+  }
+  FileAttributes attrs;
+  if (!attrs.stat(path, FOLLOW_SYMLINK) || !attrs.isDirectory()) {
+    throw std::runtime_error(std::string("--") + name + " is not a directory: " + path);
+  }
+}
+
+}  // namespace
+
+DaemonApplication::DaemonApplication() : Application(gDaemonOptions, "Hopper hopperd") {}
+
+void DaemonApplication::usage() {
+  std::cout
+      << "Usage: hopperd [switches]\n"
+      << "\n"
+      << "Receives uploads and relays them to the next host of the chain.\n"
+      << "\n"
+      << "Switches:\n"
+      << "  -h, --help                Print this text.\n"
+      << "  -v, --version             Print the version.\n"
+      << "      --port=val            TCP port to listen on (default 2411).\n"
+      << "      --bind=val            IPv4 address to listen on (default 0.0.0.0).\n"
+      << "      --root=val            Directory under which every target path is\n"
+      << "                            resolved (default /).\n"
+      << "      --allow=val           Comma-separated IPv4 networks (CIDR) whose\n"
+      << "                            connections are accepted (default 127.0.0.0/8).\n"
+      << "      --allow-path=val      Comma-separated absolute path prefixes that\n"
+      << "                            targets must lie under (default any path).\n"
+      << "      --state-dir=val       Where session journals are kept\n"
+      << "                            (default /var/lib/hopperd).\n"
+      << "      --resume-window=val   Seconds an interrupted upload is kept for\n"
+      << "                            resuming (default 120).\n"
+      << "      --stop-agents-cmd=val   Shell command run before commit when the\n"
+      << "                              client asked to stop the agents.\n"
+      << "      --start-agents-cmd=val  Shell command run after that commit.\n"
+      << "      --log-level=val       info or debug (default: no logging).\n"
+      << "      --logfile=val         Log file (default /var/log/hopperd.log).\n";
+}
+
+DaemonConfig DaemonApplication::readConfig() const {
+  DaemonConfig config;
+  if (wasOptionPresent(id(ARG_PORT))) {
+    config.mPort = parseNumber("port", getOption(id(ARG_PORT), ""), 0, 65535);
+  }
+  config.mBindAddress = getOption(id(ARG_BIND), config.mBindAddress.c_str());
+  if (!AllowList::parseAddress(config.mBindAddress)) {
+    throw std::runtime_error("Invalid value for --bind: " + config.mBindAddress);
+  }
+  config.mRoot = getOption(id(ARG_ROOT), config.mRoot.c_str());
+  requireDirectory("root", config.mRoot, false);
+  if (wasOptionPresent(id(ARG_ALLOW))) config.mAllow = AllowList::parse(getOption(id(ARG_ALLOW), ""));
+  config.mAllowedPaths = TargetPath::parsePrefixes(getOption(id(ARG_ALLOW_PATH), ""));
+  config.mStateDir = getOption(id(ARG_STATE_DIR), config.mStateDir.c_str());
+  requireDirectory("state-dir", config.mStateDir, true);
+  if (wasOptionPresent(id(ARG_RESUME_WINDOW))) {
+    config.mResumeWindowSeconds =
+        parseNumber("resume-window", getOption(id(ARG_RESUME_WINDOW), ""), 0, 86400 * 7);
+  }
+  config.mStopAgentsCommand = getOption(id(ARG_STOP_AGENTS_CMD), "");
+  config.mStartAgentsCommand = getOption(id(ARG_START_AGENTS_CMD), "");
+  return config;
+}
+
+void DaemonApplication::initialize() {
+  Application::initialize();
+  if (wasOptionPresent('v')) {
+    std::cout << getVersionString();
+    mVersionOnly = true;
+    return;
+  }
+  // Before any thread exists, so that every thread inherits the mask and
+  // only the dispatcher receives the shutdown signals.
+  Ticks::currentTime();
+  SignalProcessing::block(System::sDaemonShutdownSignals);
+  System::ignoreSIGPIPE();
+  const DaemonConfig config = readConfig();
+  const int cleaned = Journal::cleanUp(config.mStateDir);
+  if (cleaned > 0) HC_LOG_INFO("Cleaned up after " << cleaned << " unfinished sessions");
+  mServer = std::make_unique<Server>(config);
+  mServer->listen();
+  Server* server = mServer.get();
+  SignalProcessing& signals = SignalProcessing::getInstance();
+  signals.configureRange(System::sDaemonShutdownSignals,
+                         SignalProcessing::simple([server](int sig) {
+                           HC_LOG_INFO("Signal received: " << System::signalName(sig));
+                           server->stop();
+                         }));
+  signals.processSignals();
+}
+
+int DaemonApplication::run() {
+  if (mServer) mServer->run();
+  return 0;
+}
+
+void DaemonApplication::terminate() {
+  SignalProcessing::getInstance().stop();
+  mServer.reset();
+}

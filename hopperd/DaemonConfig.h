@@ -1,0 +1,27 @@
+// The daemon's settings, as read from its command line.
+#ifndef HC_HOPPERD_DAEMONCONFIG_H
+#define HC_HOPPERD_DAEMONCONFIG_H
+
+#include <string>
+#include <vector>
+
+#include "hopperd/AllowList.h"
+
+struct DaemonConfig {
+  int mPort = 2411;
+  std::string mBindAddress = "0.0.0.0";
+  // Every target path is resolved under this directory.
+  std::string mRoot = "/";
+  AllowList mAllow = AllowList::parse("127.0.0.0/8");
+  // Normalised prefixes that targets must lie under; empty allows any path.
+  std::vector<std::string> mAllowedPaths;
+  std::string mStateDir = "/var/lib/hopperd";
+  // Seconds an interrupted upload is kept for resuming.
+  int mResumeWindowSeconds = 120;
+  std::string mStopAgentsCommand;
+  std::string mStartAgentsCommand;
+  // Connections served at once; more are closed at once.
+  int mMaxConnections = 64;
+};
+
+#endif  // HC_HOPPERD_DAEMONCONFIG_H

@@ -1,0 +1,102 @@
+// The relay link of a session: the connection from this daemon to the next
+// host of the chain. It finds that host (skipping unreachable and busy ones),
+// passes file announcements, data, commit and abort on, and when the link is
+// lost in the middle it drops the host, links to the next one and re-sends
+// what that host is missing from this host's staged copy, so that a lost
+// host costs the others nothing.
+#ifndef HC_HOPPERD_DOWNSTREAM_H
+#define HC_HOPPERD_DOWNSTREAM_H
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "hopperd/Protocol.h"
+#include "util/TCPStream.h"
+
+class StagedFile;
+
+class Downstream {
+ public:
+  // identity travels ahead of every begin; self is this host's identifier,
+  // used in the error lines this link writes.
+  Downstream(RelayIdentity identity, std::string self);
+  ~Downstream();
+  Downstream(const Downstream&) = delete;
+  Downstream& operator=(const Downstream&) = delete;
+
+  // Drops any current link and links to the first host of candidates (the
+  // hosts after this one, in order) that accepts the upload. Busy and failed
+  // hosts, and those the new link reports, go to result. True when linked.
+  bool connect(const std::vector<std::string>& candidates, bool stopAgents,
+               BeginResult& result);
+  // When no link is up but hosts remain (after an orphaning), links again;
+  // hosts that fail now count as lost. True when linked.
+  bool ensureLinked();
+  bool linked() const { return mStream != nullptr; }
+  // Closes the link without a word (the next host sees its upstream vanish).
+  void close();
+
+  // Announces a file. True when the link takes its bytes from position()
+  // on; false when there is no link or it refused the file (its text then
+  // goes to refusal). localCopy, when not null, is this host's staged copy,
+  // from which gaps are re-sent after a reroute.
+  bool announce(const FileInfo& info, const StagedFile* localCopy, std::string& refusal);
+  int64_t position() const { return mPosition; }
+  // Forwards the bytes [offset, offset + n) of the announced file; only the
+  // part the link does not hold yet is sent.
+  void forward(const char* data, size_t n, int64_t offset);
+  // After the whole file went out: the link's reply text (its error lines),
+  // or the lines of this host about a file it could not pass on.
+  std::string finishFile();
+
+  // Passes commit on (sent before this host commits, read after).
+  void sendCommit();
+  std::string finishCommit();
+  // Passes abort on and waits for its reply.
+  void abort();
+
+  // Hosts lost during the upload, in order.
+  const std::vector<std::string>& lostHosts() const { return mLost; }
+  // Raw data bytes written to the link (for the traffic statistics).
+  int64_t bytesForwarded() const { return mBytesForwarded; }
+
+ private:
+  enum Outcome { LINKED, BUSY, FAILED, MISMATCH };
+  Outcome tryLink(size_t index, BeginResult& result);
+  bool search(size_t from, BeginResult& result);
+  std::vector<std::string> remainingFrom(size_t index) const;
+  // The link broke: records the host as lost and links to the next one,
+  // whose own failures count as lost too. True when a new link is up.
+  bool reroute();
+  // Hosts that failed while the upload was under way count as lost.
+  void loseAll(const BeginResult& failures);
+  bool announceOnLink(std::string& refusal);
+  bool resendGap(int64_t end);
+  void sendFileBytes(const char* data, size_t n);
+  void dropFile(const std::string& why);
+
+  RelayIdentity mIdentity;
+  std::string mSelf;
+  bool mStopAgents = false;
+  std::vector<std::string> mCandidates;
+  std::set<std::string> mDropped;
+  std::vector<std::string> mLost;
+  size_t mIndex = 0;  // position of mHost in mCandidates
+  std::string mHost;
+  std::unique_ptr<TCPStream> mStream;
+
+  // The file being passed on.
+  bool mFileOpen = false;
+  bool mForwarding = false;
+  FileInfo mFile;
+  const StagedFile* mLocalCopy = nullptr;
+  int64_t mPosition = 0;  // next byte offset the link expects
+  std::string mFileErrors;
+  int64_t mBytesForwarded = 0;
+};
+
+#endif  // HC_HOPPERD_DOWNSTREAM_H

@@ -1,0 +1,78 @@
+// The daemon's side of the wire: the items a daemon reads from a peer, always
+// through the bounded readers (a daemon trusts nobody), the writers for the
+// lists it sends back, and the code that daemons alone exchange to carry an
+// upload's identity along the relay chain.
+#ifndef HC_HOPPERD_PROTOCOL_H
+#define HC_HOPPERD_PROTOCOL_H
+
+#include <cstdint>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "hopper/hopperMisc.h"
+#include "util/NetEncoding.h"
+
+// Daemon to daemon, before a begin: the origin client's address, the
+// upload's identifier and the sender's host identifier. No reply.
+const int H2H_RELAY_IDENTITY = 0x55333040;
+
+// Status of a file announcement that this host or the ones after it refuse.
+const int RESUME_REFUSED = 4;
+
+// The largest file size a peer may announce.
+const int64_t kMaxFileSize = int64_t(1) << 62;
+
+// One file announcement.
+struct FileInfo {
+  int64_t mSize = 0;
+  std::string mBaseName;
+  std::string mRemotePath;
+  int mMode = 0;  // permission bits only
+};
+
+// The identity an upstream daemon passes down with the relay code.
+struct RelayIdentity {
+  std::string mClientAddress;
+  std::string mUploadId;
+  std::string mSender;
+};
+
+// What a begin found along the chain: hosts that failed (code 0 unreachable
+// or lost, 1 version mismatch), hosts that were busy, and a text.
+struct BeginResult {
+  StringIntPairList mBad;
+  StringList mBusy;
+  std::string mText;
+  bool empty() const { return mBad.empty() && mBusy.empty(); }
+};
+
+namespace Protocol {
+
+// Readers; each throws System::WireLimitError when the peer exceeds a bound
+// and the stream's failure exception when the connection breaks.
+std::string readString(TCPStream& in);
+// The announcement items after the code; the mode is masked with 0777.
+FileInfo readFileInfo(TCPStream& in);
+// The begin items after the code: host set and the stop-agents flag.
+void readBegin(TCPStream& in, std::vector<std::string>& hosts, bool& stopAgents);
+// The upload identifier must be 1 to 64 letters and digits.
+RelayIdentity readRelayIdentity(TCPStream& in);
+// The rest of a status-3 begin reply (bad list, busy list, text).
+void readBeginFailures(TCPStream& in, BeginResult& out);
+// An int64 position or size, checked to lie in [0, max].
+int64_t readPosition(TCPStream& in, int64_t max);
+
+// Writers (not flushed).
+void writeFileInfo(TCPStream& out, const FileInfo& info);
+void writeBegin(TCPStream& out, const std::vector<std::string>& hosts, bool stopAgents);
+void writeRelayIdentity(TCPStream& out, const RelayIdentity& identity);
+// Status 3 (or 0 when nothing failed) and, for 3, the lists and the text.
+void writeBeginReply(TCPStream& out, const BeginResult& result);
+
+// Appends text to lines as further lines ("" adds nothing).
+void appendLines(std::string& lines, const std::string& text);
+
+}  // namespace Protocol
+
+#endif  // HC_HOPPERD_PROTOCOL_H

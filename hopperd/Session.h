@@ -1,0 +1,127 @@
+// One upload on this host: the host set (this host first), the staged files
+// in announcement order, the directories the upload created, its journal and
+// its relay link to the next host. The connection that owns the session
+// drives it one message at a time while holding workMutex(); the session
+// table decides who owns it (see SessionTable).
+#ifndef HC_HOPPERD_SESSION_H
+#define HC_HOPPERD_SESSION_H
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "hopperd/DaemonConfig.h"
+#include "hopperd/Downstream.h"
+#include "hopperd/Journal.h"
+#include "hopperd/Protocol.h"
+#include "hopperd/StagedFile.h"
+#include "hopperd/TargetPath.h"
+#include "util/Mutex.h"
+#include "util/Ticks.h"
+
+class SessionOwner;
+
+class Session {
+ public:
+  // hosts[0] is this host's identifier as the sender named it.
+  Session(std::string id, std::vector<std::string> hosts, std::string clientAddress,
+          const DaemonConfig& config);
+  ~Session();
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  const std::string& id() const { return mId; }
+  const std::string& self() const { return mSelf; }
+  const std::string& clientAddress() const { return mClientAddress; }
+
+  // Held by a connection while it handles one message of the session.
+  Mutex& workMutex() { return mWorkMutex; }
+  // Notes upstream activity (adoption leaves a busy upstream alone).
+  void touch() { mLastActivity = Ticks::currentTime().nanos(); }
+  int64_t lastActivity() const { return mLastActivity; }
+
+  // ---- with workMutex() held -------------------------------------------
+
+  // Takes a begin's host set and links to the next host that accepts; the
+  // hosts that failed or were busy go to result.
+  void begin(const std::vector<std::string>& hosts, bool stopAgents, BeginResult& result);
+  // Stages a file here and announces it downstream. True with the offset
+  // from which the sender must send; false with the refusal lines when
+  // neither this host nor the ones after it take the file.
+  bool openFile(const FileInfo& info, int64_t& start, std::string& refusal);
+  // The next bytes of the open file, in order.
+  void fileData(const char* data, size_t n);
+  // Ends the open file; returns its error lines ("" for success).
+  std::string closeFile();
+  // Commits downstream and here; returns the error lines. The session is
+  // over afterwards.
+  std::string commit();
+  // Aborts downstream and removes everything staged here.
+  void abort();
+  // Removes everything staged here and drops the relay link without a word
+  // (an expired or shut-down session).
+  void discard();
+  // Drops the relay link, so that the hosts after this one notice the loss.
+  void closeDownstream() { mDownstream.close(); }
+
+  // Raw data bytes passed downstream.
+  int64_t bytesForwarded() const { return mDownstream.bytesForwarded(); }
+
+ private:
+  friend class SessionTable;
+
+  struct Entry {
+    std::unique_ptr<StagedFile> mFile;
+    std::string mRemoteTarget;
+    int64_t mSize = 0;
+    int mMode = 0;
+    uint64_t mGeneration = 0;
+    bool mFailed = false;
+  };
+
+  Entry* stageLocally(const FileInfo& info, int64_t& position, std::string& refusal);
+  void moveToEnd(Entry* entry);
+  void recordCreatedDirs(const std::vector<std::string>& dirs);
+  void runCommand(const std::string& command, std::string& errors);
+  void removeStaged();
+  std::string line(const std::string& text) const { return mSelf + ": " + text; }
+
+  const std::string mId;
+  const std::string mSelf;
+  const std::string mClientAddress;
+  const DaemonConfig& mConfig;
+  std::vector<std::string> mHosts;
+  bool mStopAgents = false;
+
+  Mutex mWorkMutex;
+  TargetPath mTargets;
+  Journal mJournal;
+  Downstream mDownstream;
+  std::vector<std::unique_ptr<Entry>> mEntries;  // announcement order
+  std::unordered_map<std::string, Entry*> mByTarget;  // keyed by local target
+  std::set<std::string> mKnownDirs;              // remote directories made
+  std::vector<std::string> mCreatedDirs;         // local, in creation order
+  uint64_t mGeneration = 0;                      // counts (re)begins
+  Entry* mLast = nullptr;                        // the last announced file
+
+  // The file being received.
+  Entry* mCurrent = nullptr;
+  int64_t mOffset = 0;
+  std::string mFileErrors;
+  int64_t mBytesReceived = 0;
+  std::atomic<int64_t> mLastActivity{0};
+
+  // Ownership, guarded by the session table's mutex.
+  std::weak_ptr<SessionOwner> mOwner;
+  const SessionOwner* mOwnerId = nullptr;
+  bool mOrphaned = false;
+  Ticks mOrphanedAt;
+  uint64_t mOwnerChanges = 0;
+  std::string mUpstreamHost;
+};
+
+#endif  // HC_HOPPERD_SESSION_H

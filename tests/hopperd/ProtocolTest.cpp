@@ -1,0 +1,45 @@
+#include "hopperd/Protocol.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "support/FakeDaemon.h"
+
+namespace {
+
+// A stream whose peer has already sent bytes and closed its side.
+class Peer {
+ public:
+  explicit Peer(const std::string& bytes) {
+    int fds[2];
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+    EXPECT_EQ(::write(fds[1], bytes.data(), bytes.size()), ssize_t(bytes.size()));
+    ::close(fds[1]);
+    stream = std::make_unique<TCPStream>(std::make_unique<TCPSocket>(fds[0]));
+  }
+  std::unique_ptr<TCPStream> stream;
+};
+
+}  // namespace
+
+TEST(ProtocolTest, ChecksEveryLengthAndSizeBeforeUsingIt) {
+  Peer ok(WireBytes().i64(kMaxFileSize).str("f").str("/t/").i32(0100755));
+  const FileInfo info = Protocol::readFileInfo(*ok.stream);
+  EXPECT_EQ(info.mSize, kMaxFileSize);
+  EXPECT_EQ(info.mRemotePath, "/t/");
+  EXPECT_EQ(info.mMode, 0755);  // type bits masked away
+  for (long size : {-1L, kMaxFileSize + 1}) {
+    Peer bad(WireBytes().i64(size).str("f").str("/x").i32(0));
+    EXPECT_THROW(Protocol::readFileInfo(*bad.stream), System::WireLimitError) << size;
+  }
+  // Only a length arrives: a reader that trusted it would wait or allocate.
+  for (int length : {0x7fffffff, 65537, -1}) {
+    Peer string(WireBytes().i32(length));
+    EXPECT_THROW(Protocol::readString(*string.stream), System::WireLimitError) << length;
+  }
+  Peer hosts(WireBytes().i32(100001));
+  std::vector<std::string> list;
+  bool stop = false;
+  EXPECT_THROW(Protocol::readBegin(*hosts.stream, list, stop), System::WireLimitError);
+}

@@ -1,0 +1,72 @@
+#include "hopperd/TargetPath.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "util/TempDir.h"
+
+namespace fs = std::filesystem;
+
+class TargetPathTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    root = dir.file("root");
+    outside = dir.file("outside");
+    fs::create_directories(root + "/opt/existing");
+    fs::create_directories(outside);
+    TempDir::write(root + "/opt/plain", "x");
+  }
+  // Resolves with an empty session; returns the reason on refusal.
+  std::string refusal(const TargetPath& paths, const std::string& remote,
+                      const std::string& base = "f") {
+    std::string reason;
+    result = TargetPath::Resolution();
+    return paths.resolve(remote, base, {}, result, reason) ? "" : reason;
+  }
+  TempDir dir;
+  std::string root, outside;
+  TargetPath::Resolution result;
+};
+
+TEST_F(TargetPathTest, NormalizesAndConfinesRemotePaths) {
+  EXPECT_EQ(TargetPath::normalize("//a/./b//c/"), "/a/b/c");
+  EXPECT_FALSE(TargetPath::normalize("/a/../b"));
+  EXPECT_FALSE(TargetPath::normalize("a/b"));
+  const TargetPath paths(root, TargetPath::parsePrefixes("/opt/, /srv/data"));
+  EXPECT_NE(refusal(paths, "/opt/../etc/passwd"), "");
+  EXPECT_NE(refusal(paths, "relative/x"), "");
+  EXPECT_NE(refusal(paths, "/optional/x"), "");  // a prefix is whole components
+  EXPECT_EQ(refusal(paths, "/srv/data/x"), "");
+  EXPECT_THROW(TargetPath::parsePrefixes("/ok,relative"), std::runtime_error);
+}
+
+TEST_F(TargetPathTest, ChoosesTargetAndCreatesParents) {
+  const TargetPath paths(root, {});
+  EXPECT_EQ(refusal(paths, "/opt/existing", "f"), "");  // into an existing directory
+  EXPECT_EQ(result.mLocal, root + "/opt/existing/f");
+  EXPECT_EQ(refusal(paths, "/opt/new/sub/", "f"), "");  // a trailing '/' names a directory
+  EXPECT_EQ(result.mTarget, "/opt/new/sub/f");
+  EXPECT_EQ(result.mCreatedDirs, (std::vector<std::string>{"/opt/new", "/opt/new/sub"}));
+  EXPECT_TRUE(fs::is_directory(root + "/opt/new/sub"));
+  EXPECT_EQ(refusal(paths, "/opt/plain", "f"), "");  // an existing file is replaced
+  EXPECT_EQ(result.mTarget, "/opt/plain");
+  std::string reason;
+  EXPECT_TRUE(paths.resolve("/opt/later", "f", {"/opt/later"}, result, reason));
+  EXPECT_EQ(result.mTarget, "/opt/later/f");
+  EXPECT_NE(refusal(paths, "/opt/plain/sub/x").find("Not a directory"), std::string::npos);
+  EXPECT_NE(refusal(paths, "/opt/", "existing").find("Is a directory"), std::string::npos);
+}
+
+TEST_F(TargetPathTest, NeverFollowsSymbolicLinks) {
+  ASSERT_EQ(::symlink(outside.c_str(), (root + "/opt/escape").c_str()), 0);
+  ASSERT_EQ(::symlink((outside + "/f").c_str(), (root + "/opt/link").c_str()), 0);
+  const TargetPath paths(root, {});
+  EXPECT_NE(refusal(paths, "/opt/escape/sub/f"), "");
+  EXPECT_NE(refusal(paths, "/opt/escape/f"), "");
+  EXPECT_NE(refusal(paths, "/opt/escape", "f"), "");  // a link to a directory is no directory
+  EXPECT_NE(refusal(paths, "/opt/link"), "");
+  EXPECT_TRUE(fs::is_empty(outside));
+}

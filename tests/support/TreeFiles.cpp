@@ -1,0 +1,70 @@
+#include "support/TreeFiles.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+namespace fs = std::filesystem;
+
+namespace TreeFiles {
+
+void write(const fs::path& path, size_t size, unsigned seed, fs::perms mode) {
+  fs::create_directories(path.parent_path());
+  std::string bytes(size, '\0');
+  for (size_t i = 0; i < size; ++i) bytes[i] = char((i * 2654435761u + seed) >> 13);
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+  fs::permissions(path, mode);
+}
+
+std::string read(const fs::path& path) {
+  std::ostringstream bytes;
+  bytes << std::ifstream(path, std::ios::binary).rdbuf();
+  return bytes.str();
+}
+
+void expectSameTree(const fs::path& from, const fs::path& to) {
+  size_t files = 0;
+  for (const auto& entry : fs::recursive_directory_iterator(from)) {
+    const fs::path other = to / fs::relative(entry.path(), from);
+    if (entry.is_directory()) continue;
+    ASSERT_TRUE(fs::is_regular_file(other)) << other;
+    EXPECT_EQ(fs::status(other).permissions(), entry.status().permissions()) << other;
+    EXPECT_TRUE(read(entry.path()) == read(other)) << other;
+    ++files;
+  }
+  EXPECT_EQ(filesUnder(to, false).size(), files) << to;
+}
+
+std::vector<std::string> filesUnder(const fs::path& root, bool staged) {
+  std::vector<std::string> found;
+  std::error_code ec;
+  for (fs::recursive_directory_iterator it(root, ec), end; !ec && it != end; it.increment(ec)) {
+    const std::string name = it->path().filename();
+    const bool isStaged = name.size() > 7 && name.compare(name.size() - 7, 7, ".staged") == 0;
+    if (it->is_regular_file() && isStaged == staged) found.push_back(it->path());
+  }
+  return found;
+}
+
+int64_t stagedBytes(const fs::path& root, const std::string& name) {
+  for (const std::string& path : filesUnder(root, true)) {
+    std::error_code ec;
+    if (fs::path(path).filename().string().rfind("." + name + ".", 0) == 0) {
+      return int64_t(fs::file_size(path, ec));
+    }
+  }
+  return -1;
+}
+
+bool waitFor(const std::function<bool()>& done, int timeoutMs) {
+  for (int waited = 0; waited < timeoutMs; waited += 10) {
+    if (done()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return done();
+}
+
+}  // namespace TreeFiles
