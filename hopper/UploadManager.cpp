@@ -296,6 +296,14 @@ void UploadManager::finishAborted(const Time& deadline) {
           << (Time::now() < deadline ? "Aborting upload..." : "Aborting upload due to timeout...")
           << std::endl;
   if (!mPOutStream) return;
+  if (mWire == Wire::SendingData) {
+    // In the middle of a file's data the daemon would take the message for
+    // file bytes: drop this connection and send the abort on a new one to
+    // the same head, which takes over the upload the old one left.
+    mPOutStream = reconnectToHead();
+    mWire = Wire::Idle;
+    if (!mPOutStream) return;
+  }
   try {
     // The abort must not hang on a daemon that has stopped answering.
     mPOutStream->socket().setReadTimeout(kConnectTimeoutMs);
@@ -305,8 +313,6 @@ void UploadManager::finishAborted(const Time& deadline) {
       *mPOutStream >> reply;
       mWire = Wire::Idle;
     }
-    // In the middle of a file's data the daemon would take the message for
-    // file bytes; closing the connection is how the abort reaches it then.
     if (mWire == Wire::Idle) {
       *mPOutStream << static_cast<int>(C2H_ABORT_UPLOAD);
       mPOutStream->flush();
@@ -318,4 +324,16 @@ void UploadManager::finishAborted(const Time& deadline) {
   }
   mPOutStream.reset();
   mWire = Wire::Idle;
+}
+
+std::unique_ptr<TCPStream> UploadManager::reconnectToHead() {
+  mPOutStream.reset();
+  // A copy of the set: a head that does not answer now is not reported.
+  NodeSet head{*mNodeIPSet.begin()};
+  BadNodeList ignored;
+  try {
+    return ::findGoodNode(head, ignored, true);
+  } catch (const std::exception&) {
+    return nullptr;
+  }
 }

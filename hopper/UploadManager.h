@@ -85,6 +85,8 @@ class UploadManager : public MoveManager {
   void dropHead();
   void commit();
   void finishAborted(const Time& deadline);
+  // A new connection to the current head (null when it does not answer).
+  std::unique_ptr<TCPStream> reconnectToHead();
 
   std::unique_ptr<TCPStream> mPOutStream;
   std::vector<char> mBlock;

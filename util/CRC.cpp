@@ -45,6 +45,16 @@ inline uint32_t wordStep(uint32_t crc, const unsigned char* p) {
          kTable[1][(crc >> 16) & 0xff] ^ kTable[0][crc >> 24];
 }
 
+// Eight bytes at once with all eight tables: the two words' look-ups are
+// independent of each other, which halves the dependency chain per byte.
+inline uint32_t doubleWordStep(uint32_t crc, const unsigned char* p) {
+  const uint32_t lo = crc ^ loadWord(p);
+  const uint32_t hi = loadWord(p + 4);
+  return kTable[7][lo & 0xff] ^ kTable[6][(lo >> 8) & 0xff] ^ kTable[5][(lo >> 16) & 0xff] ^
+         kTable[4][lo >> 24] ^ kTable[3][hi & 0xff] ^ kTable[2][(hi >> 8) & 0xff] ^
+         kTable[1][(hi >> 16) & 0xff] ^ kTable[0][hi >> 24];
+}
+
 }  // namespace
 
 namespace CRC {
@@ -56,7 +66,7 @@ unsigned int crc32c(const unsigned char* data, unsigned long length, unsigned in
   const unsigned char* const end = data + length;
   while (p != end && (reinterpret_cast<uintptr_t>(p) & 3) != 0) c = byteStep(c, *p++);
   while (end - p >= 32) {
-    for (int i = 0; i < 8; ++i, p += 4) c = wordStep(c, p);
+    for (int i = 0; i < 4; ++i, p += 8) c = doubleWordStep(c, p);
   }
   while (end - p >= 4) {
     c = wordStep(c, p);
