@@ -151,8 +151,17 @@ bool Downstream::announceOnLink(std::string& refusal) {
   throw std::ios_base::failure("relay link refused the session");
 }
 
+void Downstream::dropUnfinishedFile() {
+  if (!mFileOpen) return;
+  mFileOpen = false;
+  mForwarding = false;
+  mLocalCopy = nullptr;
+  close();
+}
+
 bool Downstream::announce(const FileInfo& info, const StagedFile* localCopy,
                           std::string& refusal) {
+  dropUnfinishedFile();
   mFile = info;
   mLocalCopy = localCopy;
   mFileOpen = true;
@@ -258,6 +267,7 @@ std::string Downstream::finishFile() {
 }
 
 void Downstream::sendCommit() {
+  dropUnfinishedFile();
   if (!ensureLinked()) return;
   try {
     *mStream << int(C2H_COMMIT_UPLOAD);
@@ -280,6 +290,7 @@ std::string Downstream::finishCommit() {
 }
 
 void Downstream::abort() {
+  dropUnfinishedFile();
   if (!ensureLinked()) return;
   for (size_t attempt = 0; linked() && attempt <= mCandidates.size(); ++attempt) {
     try {

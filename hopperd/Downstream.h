@@ -75,6 +75,10 @@ class Downstream {
   // Hosts that failed while the upload was under way count as lost.
   void loseAll(const BeginResult& failures);
   bool announceOnLink(std::string& refusal);
+  // A file whose bytes or reply are still owed on the link (its upstream
+  // vanished in the middle of it) leaves the link fit for nothing else: the
+  // link is dropped, and the next message links afresh.
+  void dropUnfinishedFile();
   bool resendGap(int64_t end);
   void sendFileBytes(const char* data, size_t n);
   void dropFile(const std::string& why);

@@ -8,17 +8,12 @@
 
 #include "ssl/QYSSL.h"
 #include "support/FakeCM.h"
+#include "support/FakeDaemon.h"
 #include "support/TestNames.h"
 
 namespace {
 
 using CMC = ClusterManagerConnection;
-
-FakeCM::Options withMode(const std::string& mode) {
-  FakeCM::Options options;
-  options.mode = mode;
-  return options;
-}
 
 std::string statistics(const CMC& connection) {
   std::ostringstream out;
@@ -54,33 +49,33 @@ TEST(ClusterManagerConnection, PlainHTTPGoesToTheResolvedAddress) {
 
 TEST(ClusterManagerConnection, ReplyEnvelopeErrors) {
   FakeCM cm;
-  cm.start("127.0.0.1", FakeCM::Options());
+  cm.start("127.0.0.1", {});
   qysec::SSLProvider provider(false);
   CMC connection(50, 3, true);
   ASSERT_TRUE(connection.connect(cm.hostPort(), 0, &provider, 10));
-  const std::vector<std::vector<std::string>> cases = {  // mode, message, code, expected error
-      {"fail", "no such platform", "", "3002 no such platform"},
-      {"fail", "busy", "12", "3112 busy"},
-      {"fail", "odd", "abc", "3014 odd: Unparseable error code \"abc\" sent by CM."},
-      {"fail", "", "0", "3014 request failed: Unparseable error code \"0\" sent by CM."},
-      {"body", "", "", "3003 Response does not have <Quarry> tag"},
-      {"malformed", "", "", "3004 XML parser threw exception: Mismatch tags (XML is '<?xml"}};
+  const std::string failure = "<?xml version=\"1.0\"?><Quarry><Status>Failure</Status><ErrorMessage>";
+  const struct { std::string body, error; } cases[] = {  // a failure reported by the CM, then faulty replies
+      {failure + "no%20such platform</ErrorMessage></Quarry>", "3002 no such platform"},
+      {failure + "busy</ErrorMessage><ErrorCode>12</ErrorCode></Quarry>", "3112 busy"},
+      {failure + "odd</ErrorMessage><ErrorCode>abc</ErrorCode></Quarry>",
+       "3014 odd: Unparseable error code \"abc\" sent by CM."},
+      {failure + "</ErrorMessage><ErrorCode>0</ErrorCode></Quarry>",
+       "3014 request failed: Unparseable error code \"0\" sent by CM."},
+      {"<Other><Status>Success</Status></Other>", "3003 Response does not have <Quarry> tag"},
+      {"<?xml version=\"1.0\"?><Quarry><Status>Success</Quarry>",
+       "3004 XML parser threw exception: Mismatch tags (XML is '<?xml"}};
   XMLTree reply;
   for (const auto& c : cases) {
-    FakeCM::Options options = withMode(c[0]);
-    options.errorMessage = c[1];
-    options.errorCode = c[2];
-    options.body = "<Other><Status>Success</Status></Other>";
-    cm.reconfigure(options);
+    cm.reconfigure({"body", c.body});
     EXPECT_FALSE(connection.sendHTTPMessage("agent_list.xml", reply, nullptr));
-    EXPECT_EQ(error(connection).substr(0, c[3].size()), c[3]);
-    EXPECT_EQ(connection.gotErrFromCM(), c[0] == "fail");
+    EXPECT_EQ(error(connection).substr(0, c.error.size()), c.error);
+    EXPECT_EQ(connection.gotErrFromCM(), c.body.rfind(failure, 0) == 0) << c.error;
   }
 }
 
 TEST(ClusterManagerConnection, HTTPErrorsAreRetriedWithEqualPauses) {
   FakeCM cm;
-  cm.start("127.0.0.1", withMode("500"));
+  cm.start("127.0.0.1", {"500"});
   qysec::SSLProvider provider(false);
   CMC connection(300, 4, true), twice(10, 2, true), once(10, 5, false);
   EXPECT_FALSE(connection.connect(cm.hostPort(), 0, &provider, 10));
@@ -92,7 +87,7 @@ TEST(ClusterManagerConnection, HTTPErrorsAreRetriedWithEqualPauses) {
     EXPECT_TRUE(gapMs >= 290 && gapMs < 750) << gapMs;  // a growing pause reaches 900 by now
   }
 
-  cm.reconfigure(withMode("401"));
+  cm.reconfigure({"401"});
   EXPECT_FALSE(twice.connect(cm.hostPort(), 0, &provider, 10));
   EXPECT_EQ(error(twice), "3007 Invalid password for user 'brisk'");
   EXPECT_FALSE(once.connect(cm.hostPort(), 0, &provider, 10));
@@ -100,12 +95,11 @@ TEST(ClusterManagerConnection, HTTPErrorsAreRetriedWithEqualPauses) {
 }
 
 TEST(ClusterManagerConnection, RefusedConnectionsBackOff) {
-  FakeCM refusing;
-  refusing.start("127.0.0.1", withMode("refuse"));
+  const std::string refusing = "127.0.0.1:" + std::to_string(FakeDaemon::unusedPort());
   qysec::SSLProvider provider(false);
   CMC refused(100, 3, true);
   const auto begin = std::chrono::steady_clock::now();
-  EXPECT_FALSE(refused.connect(refusing.hostPort(), 0, &provider, 10));
+  EXPECT_FALSE(refused.connect(refusing, 0, &provider, 10));
   const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begin);
   EXPECT_EQ(error(refused), "3009 Unable to connect to CM: '127.0.0.1'");
   EXPECT_TRUE(elapsed.count() >= 200 + 300 - 10 && elapsed.count() < 5000) << elapsed.count();
@@ -125,11 +119,11 @@ TEST(ClusterManagerConnection, UnresolvableHostFailsAtOnce) {
 }
 
 TEST(ClusterManagerConnection, ProxyFromEnvironmentIsBypassed) {
-  FakeCM cm, deadProxy;
-  cm.start("127.0.0.1", FakeCM::Options());
-  deadProxy.start("127.0.0.1", withMode("refuse"));
+  FakeCM cm;
+  cm.start("127.0.0.1", {});
+  const std::string deadProxy = "http://127.0.0.1:" + std::to_string(FakeDaemon::unusedPort());
   const char* const names[] = {"http_proxy", "https_proxy", "HTTPS_PROXY", "ALL_PROXY"};
-  for (const char* name : names) setenv(name, ("http://" + deadProxy.hostPort()).c_str(), 1);
+  for (const char* name : names) setenv(name, deadProxy.c_str(), 1);
   unsetenv("no_proxy");
   unsetenv("NO_PROXY");
   qysec::SSLProvider provider(false);

@@ -7,8 +7,7 @@
 
 #include "support/DaemonProcess.h"
 #include "support/RunProcess.h"
-#include "support/TreeFiles.h"
-#include "util/TempDir.h"
+#include "support/TempDir.h"
 
 namespace fs = std::filesystem;
 
@@ -34,11 +33,11 @@ class RelayChainTest : public ::testing::Test {
 
 TEST_F(RelayChainTest, InterruptedCopyChangesNothingAndTheNextCopyLands) {
   for (size_t i = 0; i < daemons.size(); ++i) {
-    TreeFiles::write(root(i) / "opt/big", 3, 0, fs::perms(0644));
+    TempDir::write(root(i) / "opt/big", 3, 0, fs::perms(0644));
   }
-  TreeFiles::write(dir.file("src/big"), 64 << 20, 4, fs::perms(0644));
+  TempDir::write(dir.file("src/big"), 64 << 20, 4, fs::perms(0644));
   RunProcess copy(HIVE_BINARY_DIR "/hivecopy", {hosts, dir.file("src/big"), "/opt/big"});
-  ASSERT_TRUE(TreeFiles::waitFor([&] { return TreeFiles::stagedBytes(root(2), "big") > 1 << 20; }))
+  ASSERT_TRUE(waitFor([&] { return stagedBytes(root(2), "big") > 1 << 20; }))
       << "no staged bytes reached the tail";
   copy.signal(SIGINT);
   const RunProcess::Result r = copy.wait(60000);
@@ -46,7 +45,7 @@ TEST_F(RelayChainTest, InterruptedCopyChangesNothingAndTheNextCopyLands) {
   EXPECT_NE(r.err.find("Aborting upload..."), std::string::npos) << r.err;
   for (size_t i = 0; i < daemons.size(); ++i) {
     EXPECT_EQ(fs::file_size(root(i) / "opt/big"), 3u);
-    EXPECT_TRUE(TreeFiles::waitFor([&] { return TreeFiles::filesUnder(root(i), true).empty(); }));
+    EXPECT_TRUE(waitFor([&] { return filesUnder(root(i), true).empty(); }));
   }
   // Once the resume window has passed, the hosts take the next upload.
   const RunProcess::Result next =
@@ -55,6 +54,6 @@ TEST_F(RelayChainTest, InterruptedCopyChangesNothingAndTheNextCopyLands) {
   EXPECT_EQ(next.err, "");
   EXPECT_NE(next.out.find("Upload time: "), std::string::npos);
   for (size_t i = 0; i < daemons.size(); ++i) {
-    EXPECT_TRUE(TreeFiles::read(root(i) / "opt/big") == TreeFiles::read(dir.file("src/big")));
+    EXPECT_TRUE(TempDir::read(root(i) / "opt/big") == TempDir::read(dir.file("src/big")));
   }
 }

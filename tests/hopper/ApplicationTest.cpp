@@ -2,14 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <functional>
 #include <iostream>
-#include <sstream>
 #include <stdexcept>
 
+#include "support/TempDir.h"
 #include "util/Logger.h"
-#include "util/System.h"
 
 namespace {
 
@@ -93,22 +91,20 @@ TEST(ApplicationTest, FailuresPrintOneLineAndGiveStatusOne) {
 }
 
 TEST(ApplicationTest, LoggingOptionsSetLevelAndFile) {
-  const std::string log = std::string(HIVE_BINARY_DIR) + "/ApplicationTest.log";
+  TempDir dir;
   Logger& logger = Logger::getInstance();
   const std::pair<const char*, int> levels[] = {{"info", 1}, {"debug", 3}, {"loud", 0}};
   for (const auto& [level, mask] : levels) {
-    System::remove(log);
+    const std::string log = dir.file(level);
     TestApp app;
     Words words = {"daemon-x", std::string("--log-level=") + level, "--logfile=" + log};
     EXPECT_EQ(0, app.startWith(words)) << app.err;
     EXPECT_TRUE(mask == logger.getGlobalMask() && log == logger.getPath()) << level;
-    std::stringstream text;
-    text << std::ifstream(log).rdbuf();
-    EXPECT_EQ(mask != 0, text.str().find("Logging enabled for daemon-x\n") != std::string::npos) << level;
+    EXPECT_EQ(mask != 0, TempDir::read(log).find("Logging enabled for daemon-x\n") != std::string::npos)
+        << level;
     logger.setGlobalMask(0);
     logger.setLogFile("");
   }
-  EXPECT_EQ(0, System::remove(log));
 }
 
 TEST(ApplicationDeathTest, HelpExitsAtOnceAndASecondInstanceAborts) {

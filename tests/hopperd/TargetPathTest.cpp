@@ -6,7 +6,7 @@
 
 #include <filesystem>
 
-#include "util/TempDir.h"
+#include "support/TempDir.h"
 
 namespace fs = std::filesystem;
 

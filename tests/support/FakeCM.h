@@ -5,32 +5,28 @@
 #ifndef HIVE_TESTS_SUPPORT_FAKECM_H
 #define HIVE_TESTS_SUPPORT_FAKECM_H
 
-#include <sys/types.h>
-
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "support/RunProcess.h"
+
 class FakeCM {
  public:
   struct Options {
-    std::string mode = "normal";  // normal 500 401 malformed fail body hang drop refuse
+    Options(std::string m = "normal", std::string b = "") : mode(std::move(m)), body(std::move(b)) {}
+    std::string mode;             // normal, 500, 401 or body
+    std::string body;             // mode "body": the whole reply, one line
     std::string agentMode;        // for agent-list requests only; empty: |mode|
     std::vector<std::pair<std::string, std::string>> agents;  // (host, address)
-    std::string errorMessage, errorCode;  // mode "fail"; empty code: no element
-    std::string body;                     // mode "body": the whole reply, one line
-    bool plain = false;                   // HTTP instead of HTTPS
+    bool plain = false;           // HTTP instead of HTTPS
   };
   struct Request {
     double time = 0;  // monotonic seconds: the clock of std::chrono::steady_clock
-    std::string method, path;  // method DROP: a connection closed unanswered
-    std::string auth;          // "user:password" from the basic-auth header, or "-"
+    std::string method, path;
+    std::string auth;  // "user:password" from the basic-auth header, or "-"
   };
-
-  FakeCM();
-  ~FakeCM();
-  FakeCM(const FakeCM&) = delete;
-  FakeCM& operator=(const FakeCM&) = delete;
 
   // Serves on |address| (127.x.y.z) and a free port, returned once ready.
   // Throws std::runtime_error on failure.
@@ -39,15 +35,14 @@ class FakeCM {
   void reconfigure(const Options& options);
   // The requests received so far, oldest first.
   std::vector<Request> requests() const;
-  // Ends the server; safe to call twice.
-  void stop();
   // "address:port": the CM address to give the client.
   std::string hostPort() const { return mAddress + ":" + std::to_string(mPort); }
 
  private:
-  std::string mFolder, mAddress;
+  TempDir mDir;  // before mProcess: the server stops before its files go
+  std::unique_ptr<RunProcess> mProcess;
+  std::string mAddress;
   int mPort = 0;
-  pid_t mPid = -1;
 };
 
 #endif  // HIVE_TESTS_SUPPORT_FAKECM_H

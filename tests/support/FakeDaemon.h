@@ -4,13 +4,6 @@
 // connection every byte received, the message codes and the file data. Reads
 // time out after 10 s; the destructor stops every thread. A file announced
 // on a connection without a begin gets status 2, as from a real daemon.
-//
-//   FakeDaemon head("127.0.0.2");          // ephemeral port
-//   FakeDaemon::Script s;
-//   s.closeAfterDataBytes = 100000;        // lose the connection mid-file
-//   head.setScript(s);
-//   ... run the client against head.hostId() ("127.0.0.2:<port>") ...
-//   EXPECT_EQ(head.connection(0).data.size(), 100000u);
 #ifndef TESTS_SUPPORT_FAKEDAEMON_H_
 #define TESTS_SUPPORT_FAKEDAEMON_H_
 
@@ -27,19 +20,23 @@
 
 class TCPSocket;
 
-// Expected wire bytes, built independently of the production encoder.
+// Expected wire bytes (big-endian), built independently of the production
+// encoder.
 class WireBytes {
  public:
-  WireBytes& i32(int v);
-  WireBytes& i64(long v);
-  WireBytes& flag(bool v);
-  WireBytes& str(const std::string& s);  // int32 length, then the bytes
-  WireBytes& raw(const std::string& s);
+  WireBytes& i32(int v) { return put(unsigned(v), 4); }
+  WireBytes& i64(long v) { return put((unsigned long)v, 8); }
+  WireBytes& flag(bool v) { return put(v ? 1 : 0, 1); }
+  WireBytes& str(const std::string& s) { return i32(int(s.size())).raw(s); }  // length, bytes
+  WireBytes& raw(const std::string& s) { mBytes += s; return *this; }
   const std::string& bytes() const { return mBytes; }
   operator const std::string&() const { return mBytes; }
 
  private:
-  WireBytes& put(unsigned long v, int bytes);
+  WireBytes& put(unsigned long v, int bytes) {
+    for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) mBytes += char(v >> shift);
+    return *this;
+  }
   std::string mBytes;
 };
 
@@ -61,8 +58,7 @@ class FakeDaemon {
     int fileStatus = 0;
     long position = 0;
     std::string fileText;
-    std::string fileReply;    // after each file's data
-    std::string commitReply;
+    std::string fileReply;          // after each file's data
     long closeAfterDataBytes = -1;  // close once this many data bytes came
     int replyDelayMs = 0;           // wait before every reply
   };
@@ -93,7 +89,7 @@ class FakeDaemon {
   const std::string& address() const { return mAddress; }
   int port() const { return mPort; }
   // "address:port", a host identifier for the client.
-  std::string hostId() const;
+  std::string hostId() const { return mAddress + ":" + std::to_string(mPort); }
 
   int connectionCount() const;
   // Snapshot of the index-th connection's records.
@@ -110,7 +106,6 @@ class FakeDaemon {
   struct Session;
   void acceptLoop();
   void serve(int index, std::shared_ptr<TCPSocket> socket);
-  Script scriptFor(int index) const;
 
   std::string mAddress;
   int mPort = 0;

@@ -3,13 +3,9 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
-#include <stdlib.h>
 #include <sys/wait.h>
 
 #include <chrono>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <thread>
 
@@ -18,11 +14,6 @@ extern char** environ;
 namespace {
 
 const int kPollMs = 10;
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 // This process's environment with the changes applied, as "NAME=value".
 std::vector<std::string> childEnvironment(const RunProcess::Environment& changes) {
@@ -46,14 +37,10 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
 
 }  // namespace
 
-RunProcess::RunProcess(const std::string& binary, const std::vector<std::string>& args,
+RunProcess::RunProcess(const std::string& program, const std::vector<std::string>& args,
                        const Environment& env, const std::string& input) {
-  std::string pattern = (std::filesystem::temp_directory_path() / "runprocess.XXXXXX").string();
-  if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("RunProcess: mkdtemp failed");
-  mFolder = pattern;
-  std::ofstream(mFolder + "/in", std::ios::binary) << input;
-
-  std::vector<std::string> argTexts{binary};
+  TempDir::write(mDir.file("in"), input);
+  std::vector<std::string> argTexts{program};
   argTexts.insert(argTexts.end(), args.begin(), args.end());
   std::vector<std::string> envTexts = childEnvironment(env);
   std::vector<char*> argv = pointers(argTexts);
@@ -61,9 +48,9 @@ RunProcess::RunProcess(const std::string& binary, const std::vector<std::string>
 
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, (mFolder + "/in").c_str(), O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, (mFolder + "/out").c_str(), O_WRONLY | O_CREAT, 0644);
-  posix_spawn_file_actions_addopen(&actions, 2, (mFolder + "/err").c_str(), O_WRONLY | O_CREAT, 0644);
+  posix_spawn_file_actions_addopen(&actions, 0, mDir.file("in").c_str(), O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, mDir.file("out").c_str(), O_WRONLY | O_CREAT, 0644);
+  posix_spawn_file_actions_addopen(&actions, 2, mDir.file("err").c_str(), O_WRONLY | O_CREAT, 0644);
   posix_spawnattr_t attr;
   posix_spawnattr_init(&attr);
   sigset_t none, defaults;
@@ -74,46 +61,52 @@ RunProcess::RunProcess(const std::string& binary, const std::vector<std::string>
   posix_spawnattr_setsigdefault(&attr, &defaults);
   posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
   pid_t pid = -1;
-  const int rc = posix_spawn(&pid, argv[0], &actions, &attr, argv.data(), envp.data());
+  const int rc = posix_spawnp(&pid, argv[0], &actions, &attr, argv.data(), envp.data());
   posix_spawnattr_destroy(&attr);
   posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) {
-    std::error_code ignored;
-    std::filesystem::remove_all(mFolder, ignored);
-    throw std::runtime_error("RunProcess: cannot start " + binary);
-  }
+  if (rc != 0) throw std::runtime_error("RunProcess: cannot start " + program);
   mPid = pid;
 }
 
 RunProcess::~RunProcess() {
-  if (mPid > 0) {
-    ::kill(mPid, SIGKILL);
-    ::waitpid(mPid, nullptr, 0);
-  }
-  std::error_code ignored;
-  std::filesystem::remove_all(mFolder, ignored);
+  signal(SIGKILL);
+  waitExit(10000);
 }
 
 void RunProcess::signal(int sig) {
   if (mPid > 0) ::kill(mPid, sig);
 }
 
-RunProcess::Result RunProcess::wait(int timeoutMs) {
-  Result result;
+int RunProcess::waitExit(int timeoutMs) {
   for (int waited = 0; mPid > 0; waited += kPollMs) {
     int status = 0;
     if (::waitpid(mPid, &status, WNOHANG) == mPid) {
-      result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+      mStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
       mPid = -1;
     } else if (waited >= timeoutMs) {
-      ::kill(mPid, SIGKILL);
-      ::waitpid(mPid, nullptr, 0);
-      mPid = -1;
+      return -1;
     } else {
       std::this_thread::sleep_for(std::chrono::milliseconds(kPollMs));
     }
   }
-  result.out = readFile(mFolder + "/out");
-  result.err = readFile(mFolder + "/err");
+  return mStatus;
+}
+
+int RunProcess::stop(int graceMs) {
+  signal(SIGCONT);
+  signal(SIGTERM);
+  if (waitExit(graceMs) == -1) signal(SIGKILL);
+  return waitExit(10000);
+}
+
+RunProcess::Result RunProcess::wait(int timeoutMs) {
+  Result result;
+  result.status = waitExit(timeoutMs);
+  if (result.status == -1) {
+    signal(SIGKILL);
+    waitExit(10000);
+  }
+  result.out = out();
+  result.err = err();
   return result;
 }

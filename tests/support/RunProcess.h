@@ -1,13 +1,8 @@
-// RunProcess: runs a program as a child process for a test, with chosen
-// arguments, environment changes and standard input, and captures its
-// standard output, standard error and exit status.  Output goes to files in
-// a private temporary folder, so a chatty child never blocks on a pipe.
-// Every wait is bounded; the destructor kills and reaps a child still
-// running.
-//
-//   RunProcess p(HIVE_BINARY_DIR "/hivecopy", {"--help"});
-//   RunProcess::Result r = p.wait(30000);
-//   EXPECT_EQ(r.status, 0);
+// RunProcess: a child process for a test (a program of ours, a daemon, a
+// helper script), with chosen arguments, environment changes and standard
+// input. Its standard output and error go to files in a private folder, so a
+// chatty child never blocks on a pipe. Every wait is bounded; the destructor
+// kills and reaps a child still running.
 #ifndef HIVE_TESTS_SUPPORT_RUNPROCESS_H
 #define HIVE_TESTS_SUPPORT_RUNPROCESS_H
 
@@ -19,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "support/TempDir.h"
+
 class RunProcess {
  public:
   // Variables to set (a value) or remove (no value) in the child's
@@ -26,29 +23,39 @@ class RunProcess {
   using Environment = std::map<std::string, std::optional<std::string>>;
 
   struct Result {
-    int status = -1;  // exit status, 128 + n when killed by signal n, -1 on time-out
+    int status = -1;  // as from waitExit(); -1 when killed at the time-out
     std::string out;
     std::string err;
   };
 
-  // Starts binary with args (argv[0] is the binary) with input as its
-  // standard input.  The child starts with no blocked signals.  Throws
-  // std::runtime_error when it cannot be started.
-  RunProcess(const std::string& binary, const std::vector<std::string>& args,
+  // Starts program (looked up in PATH when it holds no '/') with args and
+  // input as its standard input. The child starts with no blocked signals
+  // and default dispositions. Throws std::runtime_error when it cannot start.
+  RunProcess(const std::string& program, const std::vector<std::string>& args,
              const Environment& env = {}, const std::string& input = "");
   ~RunProcess();
   RunProcess(const RunProcess&) = delete;
   RunProcess& operator=(const RunProcess&) = delete;
 
-  // Sends sig to the child while it runs.
+  // Sends sig to the child while it runs (safe from any thread).
   void signal(int sig);
-  // Waits up to timeoutMs for the child to end (killing it after that) and
-  // returns what it wrote and its status.
+  // Waits up to timeoutMs for the child to end, without killing it. Its exit
+  // status, 128 + n when killed by signal n, or -1 while it still runs.
+  int waitExit(int timeoutMs);
+  // SIGCONT and SIGTERM, then SIGKILL when it is still there after graceMs.
+  int stop(int graceMs);
+  // Waits up to timeoutMs (killing the child after that) and returns its
+  // status and everything it wrote.
   Result wait(int timeoutMs);
 
+  // What the child has written so far.
+  std::string out() const { return TempDir::read(mDir.file("out")); }
+  std::string err() const { return TempDir::read(mDir.file("err")); }
+
  private:
-  std::string mFolder;
+  TempDir mDir;
   std::atomic<pid_t> mPid{-1};  // signal() may come from another thread
+  int mStatus = -1;
 };
 
 #endif  // HIVE_TESTS_SUPPORT_RUNPROCESS_H

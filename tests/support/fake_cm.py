@@ -4,35 +4,27 @@
 A small HTTPS (or, with --plain, HTTP) server on a loopback address that
 answers the handshake and agent-list requests under /quarry/service/, checks
 the built-in basic-auth account and records every request with a monotonic
-timestamp. Its certificate is self-signed and generated at start with the
-openssl command in a temporary folder.
+timestamp. Its certificate is self-signed, made at start with openssl.
 
-Log lines:   <monotonic seconds> <METHOD> <path?query> <user:password or ->
-             <monotonic seconds> DROP - -        (a connection closed unanswered)
-
-Modes (--mode for every request, --agent-mode for agent-list requests only):
-  normal     Status Success; the agent list holds the --agents entries
-  500 / 401  that HTTP status
-  malformed  a reply whose tags do not match
-  fail       Status Failure with --error-message and --error-code
-             (the ErrorCode element is left out when the code is empty)
-  body       the --body text as it stands, with status 200
-  hang       read the request and never answer (until stopped)
-  drop       close every connection at once without a byte
-  refuse     bind the port but never listen, so connections are refused
+Arguments (--name=value): --address (127.x.y.z), --port-file (written with
+the port once serving), --log, --control, --plain (alone: serve HTTP), and
+the answers: --mode for every request, --agent-mode for agent-list requests
+only (default: --mode), --agents=host=address,host=address,... and --body.
+Modes: normal (Status Success; the agent list holds the --agents entries),
+500 and 401 (that HTTP status), body (the --body text as it stands, 200).
 
 --control FILE: when the file exists it is read at every request, one
-command-line argument per line (for example "--mode=500"), on top of the
-flags given at start.
+argument per line (for example "--mode=500"), on top of the arguments given
+at start. The server exits after five minutes at the latest.
+
+Log lines:   <monotonic seconds> <METHOD> <path?query> <user:password or ->
 """
 
-import argparse
 import base64
 import http.server
 import os
 import shutil
 import signal
-import socket
 import ssl
 import subprocess
 import sys
@@ -43,87 +35,38 @@ import urllib.parse
 
 ACCOUNT = "brisk:vqmzt"
 SERVICE = "/quarry/service/"
-MODES = ("normal", "500", "401", "malformed", "fail", "body", "hang", "drop", "refuse")
 XML_HEAD = '<?xml version="1.0" encoding="UTF-8"?>\n'
+MAX_SECONDS = 300
 
 
-def make_parser():
-    p = argparse.ArgumentParser(description="Fake cluster manager for tests")
-    p.add_argument("--address", default="127.0.0.1")
-    p.add_argument("--port", type=int, default=0)
-    p.add_argument("--port-file", help="written with the port once serving")
-    p.add_argument("--log", help="request log file")
-    p.add_argument("--mode", default="normal", choices=MODES)
-    p.add_argument("--agent-mode", choices=MODES)
-    p.add_argument("--agents", default="", help="host=address,host=address,...")
-    p.add_argument("--error-code", default="")
-    p.add_argument("--error-message", default="")
-    p.add_argument("--body", default="")
-    p.add_argument("--control")
-    p.add_argument("--plain", action="store_true", help="serve HTTP")
-    p.add_argument("--max-seconds", type=float, default=300.0,
-                   help="the server exits after this long")
-    return p
+def parse(arguments):
+    """--name=value arguments as a dict; a bare --name is "1"."""
+    return {name[2:]: value if sep else "1" for name, sep, value in (a.partition("=") for a in arguments)}
 
 
-class Config:
-    """The start-up flags, overridden per request by the control file."""
-
-    def __init__(self, parser, args):
-        self.parser = parser
-        self.args = args
-        self.log_lock = threading.Lock()
-        self.log_file = open(args.log, "a", buffering=1) if args.log else None
-
-    def current(self):
-        path = self.args.control
-        if not path or not os.path.exists(path):
-            return self.args
-        with open(path) as f:
-            extra = [line.rstrip("\n") for line in f if line.strip()]
-        return self.parser.parse_args(extra, namespace=argparse.Namespace(**vars(self.args)))
-
-    def log(self, method, path, auth):
-        if self.log_file is None:
-            return
-        with self.log_lock:
-            self.log_file.write("%.6f %s %s %s\n" % (time.monotonic(), method, path, auth))
-            self.log_file.flush()
-
-
-def agent_pairs(text):
-    pairs = []
-    for item in filter(None, text.split(",")):
-        host, _, address = item.partition("=")
-        pairs.append((host, address))
-    return pairs
-
-
-def enc(text):
-    # Element text travels percent-encoded.
-    return urllib.parse.quote(text, safe="")
+def current(args):
+    """The answers: defaults, the start-up arguments, then the control file."""
+    cfg = {"mode": "normal", "agent-mode": "", "agents": "", "body": ""}
+    cfg.update(args)
+    if os.path.exists(args.get("control", "")):
+        with open(args["control"]) as f:
+            cfg.update(parse(line.rstrip("\n") for line in f if line.strip()))
+    return cfg
 
 
 def reply_for(kind, cfg):
     """(status, body) of a request of kind "handshake" or "agents"."""
-    mode = (cfg.agent_mode or cfg.mode) if kind == "agents" else cfg.mode
+    mode = (cfg["agent-mode"] or cfg["mode"]) if kind == "agents" else cfg["mode"]
     if mode in ("500", "401"):
         return int(mode), "<html><body>error %s</body></html>" % mode
-    if mode == "malformed":
-        return 200, XML_HEAD + "<Quarry><Status>Success</Quarry>"
     if mode == "body":
-        return 200, cfg.body
-    if mode == "fail":
-        code = "<ErrorCode>%s</ErrorCode>" % cfg.error_code if cfg.error_code else ""
-        return 200, "%s<Quarry><Status>Failure</Status><ErrorMessage>%s</ErrorMessage>%s</Quarry>" % (
-            XML_HEAD, enc(cfg.error_message), code)
+        return 200, cfg["body"]
     if kind == "handshake":
         return 200, XML_HEAD + "<Quarry><Status>Success</Status><ProtocolVersion>6</ProtocolVersion></Quarry>"
-    agents = "".join(
-        "<Agent><Host>%s</Host><IPAddress>%s</IPAddress><OSID>3</OSID></Agent>" % (enc(h), enc(a))
-        for h, a in agent_pairs(cfg.agents))
-    return 200, "%s<Quarry>\n<Status>Success</Status>\n<AgentList>%s</AgentList>\n</Quarry>\n" % (
-        XML_HEAD, agents)
+    enc = lambda text: urllib.parse.quote(text, safe="")  # element text travels percent-encoded
+    agents = "".join("<Agent><Host>%s</Host><IPAddress>%s</IPAddress><OSID>3</OSID></Agent>" % (enc(h), enc(a))
+                     for h, _, a in (item.partition("=") for item in filter(None, cfg["agents"].split(","))))
+    return 200, XML_HEAD + "<Quarry>\n<Status>Success</Status>\n<AgentList>%s</AgentList>\n</Quarry>\n" % agents
 
 
 class Handler(http.server.BaseHTTPRequestHandler):
@@ -137,15 +80,6 @@ class Handler(http.server.BaseHTTPRequestHandler):
     def log_message(self, *args):
         pass
 
-    def credentials(self):
-        value = self.headers.get("Authorization", "")
-        if not value.startswith("Basic "):
-            return "-"
-        try:
-            return base64.b64decode(value[6:]).decode("utf-8", "replace")
-        except ValueError:
-            return "?"
-
     def do_GET(self):
         self.answer()
 
@@ -156,30 +90,23 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.answer()
 
     def answer(self):
-        auth = self.credentials()
-        self.server.config.log(self.command, self.path, auth)
-        cfg = self.server.config.current()
-        if cfg.mode == "hang":
-            self.server.stopping.wait(cfg.max_seconds)
-            self.close_connection = True
-            return
-        path = self.path.split("?", 1)[0]
-        if path == SERVICE + "handshake.xml":
-            kind = "handshake"
-        elif path == SERVICE + "agent_list.xml":
-            kind = "agents"
+        value = self.headers.get("Authorization", "")
+        try:
+            auth = base64.b64decode(value[6:]).decode("utf-8", "replace") if value.startswith("Basic ") else "-"
+        except ValueError:
+            auth = "?"
+        with self.server.log_lock:
+            self.server.log.write("%.6f %s %s %s\n" % (time.monotonic(), self.command, self.path, auth))
+        kinds = {SERVICE + "handshake.xml": "handshake", SERVICE + "agent_list.xml": "agents"}
+        kind = kinds.get(self.path.split("?", 1)[0])
+        if kind is None:
+            status, body = 404, "<html>not found</html>"
+        elif auth != ACCOUNT:
+            status, body = 401, "<html>unauthorised</html>"
         else:
-            return self.send(404, "<html>not found</html>")
-        if auth != ACCOUNT:
-            return self.send(401, "<html>unauthorised</html>")
-        status, body = reply_for(kind, cfg)
-        self.send(status, body)
-
-    def send(self, status, body):
+            status, body = reply_for(kind, current(self.server.args))
         data = body.encode("utf-8")
         self.send_response(status)
-        if status == 401:
-            self.send_header("WWW-Authenticate", 'Basic realm="cm"')
         self.send_header("Content-Type", "text/xml")
         self.send_header("Content-Length", str(len(data)))
         self.end_headers()
@@ -188,19 +115,6 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
 class Server(http.server.ThreadingHTTPServer):
     daemon_threads = True
-    allow_reuse_address = True
-
-    def __init__(self, address, config, tls):
-        self.config = config
-        self.tls = tls
-        self.stopping = threading.Event()
-        super().__init__(address, Handler)
-
-    def verify_request(self, request, client_address):
-        if self.config.current().mode == "drop":
-            self.config.log("DROP", "-", "-")
-            return False
-        return True
 
     def handle_error(self, request, client_address):
         pass  # clients that hang up or fail the handshake are expected here
@@ -209,15 +123,10 @@ class Server(http.server.ThreadingHTTPServer):
 def make_tls_context(address):
     folder = tempfile.mkdtemp(prefix="fake_cm_")
     try:
-        conf = os.path.join(folder, "openssl.cnf")
-        with open(conf, "w") as f:
-            f.write("[req]\ndistinguished_name = dn\nprompt = no\n[dn]\nCN = localhost\n"
-                    "[ext]\nbasicConstraints = CA:FALSE\n"
-                    "subjectAltName = DNS:localhost,IP:%s\n" % address)
         cert, key = os.path.join(folder, "cert.pem"), os.path.join(folder, "key.pem")
-        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
-                        "ec_paramgen_curve:prime256v1", "-nodes", "-keyout", key, "-out", cert,
-                        "-days", "2", "-config", conf, "-extensions", "ext"],
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
+                        "-nodes", "-keyout", key, "-out", cert, "-days", "2", "-subj", "/CN=localhost",
+                        "-addext", "subjectAltName=DNS:localhost,IP:" + address],
                        check=True, capture_output=True, timeout=60)
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         context.load_cert_chain(cert, key)
@@ -226,35 +135,24 @@ def make_tls_context(address):
         shutil.rmtree(folder, ignore_errors=True)
 
 
-def announce(args, port):
-    if args.port_file:
-        tmp = args.port_file + ".tmp"
-        with open(tmp, "w") as f:
-            f.write("%d\n" % port)
-        os.rename(tmp, args.port_file)
-    print(port, flush=True)
-
-
 def main():
-    parser = make_parser()
-    args = parser.parse_args()
-    if not args.address.startswith("127."):
+    args = parse(sys.argv[1:])
+    address = args.get("address", "127.0.0.1")
+    if not address.startswith("127."):
         sys.exit("fake_cm: only loopback addresses are served")
     signal.signal(signal.SIGTERM, lambda *_: os._exit(0))
-    limit = threading.Timer(args.max_seconds, lambda: os._exit(0))
+    limit = threading.Timer(MAX_SECONDS, lambda: os._exit(0))
     limit.daemon = True
     limit.start()
 
-    if args.mode == "refuse":
-        sock = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-        sock.bind((args.address, args.port))
-        announce(args, sock.getsockname()[1])
-        time.sleep(args.max_seconds)
-        return
-
-    tls = None if args.plain else make_tls_context(args.address)
-    server = Server((args.address, args.port), Config(parser, args), tls)
-    announce(args, server.server_address[1])
+    server = Server((address, 0), Handler)
+    server.args = args
+    server.tls = None if "plain" in args else make_tls_context(address)
+    server.log = open(args["log"], "a", buffering=1)
+    server.log_lock = threading.Lock()
+    with open(args["port-file"] + ".tmp", "w") as f:
+        f.write("%d\n" % server.server_address[1])
+    os.rename(args["port-file"] + ".tmp", args["port-file"])
     server.serve_forever(poll_interval=0.2)
 
 

@@ -7,8 +7,8 @@
 #include <sstream>
 #include <thread>
 
+#include "support/TempDir.h"
 #include "util/System.h"
-#include "util/TempDir.h"
 
 namespace {
 
@@ -86,38 +86,30 @@ TEST_F(LoggerTest, FullFileIsRolledBeforeTheNextRecord) {
   EXPECT_FALSE(System::fileExists(backlog(5)));
 }
 
-TEST_F(LoggerTest, FileExactlyAtTheLimitIsRolled) {
-  prepare({}, 100);
-  mLog.log(LOG_INFO, "x");
-  EXPECT_EQ("H: x\n", read(0));
-  EXPECT_EQ(std::string(100, 'c'), read(1));
-}
-
-TEST_F(LoggerTest, RetentionLimitDropsTheOldest) {
-  mLog.setFilesToRetain(2);
-  prepare({1, 2}, 100);
-  mLog.log(LOG_INFO, "x");
-  EXPECT_EQ("H: x\n", read(0));
-  EXPECT_EQ(std::string(100, 'c'), read(1));
-  EXPECT_EQ("1-old", read(2));
-  EXPECT_FALSE(System::fileExists(backlog(3)));
-}
-
-TEST_F(LoggerTest, GapInTheNumberingStopsTheShift) {
-  prepare({1, 3}, 100);
-  mLog.log(LOG_INFO, "x");
-  EXPECT_EQ(std::string(100, 'c'), read(1));
-  EXPECT_EQ("1-old", read(2));
-  EXPECT_EQ("3-old", read(3));
-}
-
-TEST_F(LoggerTest, UnlimitedRetentionKeepsTheCurrentFile) {
-  mLog.setFilesToRetain(-1);
-  prepare({1}, 100);
-  mLog.log(LOG_INFO, "x");
-  EXPECT_EQ(std::string(100, 'c') + "H: x\n", read(0));
-  EXPECT_FALSE(System::fileExists(backlog(1)));
-  EXPECT_EQ("1-old", read(2));
+TEST_F(LoggerTest, RollOverKeepsTheRetentionLimitAndStopsAtAGap) {
+  const std::string full(100, 'c');
+  const struct {
+    int retain;
+    std::initializer_list<int> backlogs;
+    std::vector<std::string> files;  // the current file, then backlogs 1, 2, ...; "": absent
+  } cases[] = {
+      {20, {}, {"H: x\n", full, ""}},                        // a file at the size limit is rolled
+      {2, {1, 2}, {"H: x\n", full, "1-old", ""}},            // the oldest backlog goes
+      {20, {1, 3}, {"H: x\n", full, "1-old", "3-old", ""}},  // a gap ends the shift
+      {-1, {1}, {full + "H: x\n", "", "1-old"}},             // unlimited: the file stays
+  };
+  int round = 0;
+  for (const auto& c : cases) {
+    mPath = mDir.file("case" + std::to_string(++round) + ".log");
+    mLog.setFilesToRetain(c.retain);
+    prepare(c.backlogs, 100);
+    mLog.log(LOG_INFO, "x");
+    for (int n = 0; n < int(c.files.size()); ++n) {
+      const std::string path = n == 0 ? mPath : backlog(n);
+      if (c.files[n].empty()) EXPECT_FALSE(System::fileExists(path)) << path;
+      else EXPECT_EQ(c.files[n], TempDir::read(path)) << path;
+    }
+  }
 }
 
 TEST_F(LoggerTest, UnopenableFileFallsBackToStandardLog) {

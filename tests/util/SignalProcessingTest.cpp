@@ -83,14 +83,9 @@ TEST_F(SignalProcessingTest, SignalReachesCallbackOnDispatcherThread) {
 TEST_F(SignalProcessingTest, ThrowingCallbackIsReportedAndDispatchGoesOn) {
   SignalProcessing::Callback record = recorder();
   SignalProcessing::Configuration config;
-  config.set(SIGTERM, [&](int sig) -> SignalProcessing::Action {
-    record(sig);
-    throw std::runtime_error("boom");
-  });
-  config.set(SIGUSR2, [&](int sig) -> SignalProcessing::Action {
-    record(sig);
-    throw 7;
-  });
+  config.set(SIGTERM,
+             [&](int sig) -> SignalProcessing::Action { record(sig); throw std::runtime_error("boom"); });
+  config.set(SIGUSR2, [&](int sig) -> SignalProcessing::Action { record(sig); throw 7; });
   mSp.configure(config);
   testing::internal::CaptureStderr();
   mSp.processSignals();

@@ -53,28 +53,21 @@ TEST(StringUtilitiesTest, ErrnoExceptionAndMessagePrefix) {
 }
 
 TEST(StringUtilitiesTest, TrimAndHostPort) {
-  std::string s = " \t\v\f\r\nnode 7\r\n\t ";
-  removeTrailingLeadingSpace(s);
-  EXPECT_EQ("node 7", s);
-  s = " \t\n ";
-  removeTrailingLeadingSpace(s);
-  EXPECT_EQ("", s);
-
-  std::string host;
-  int port = 2411;
-  parseHostPort("node7:8000", host, port);
-  EXPECT_EQ("node7", host);
-  EXPECT_EQ(8000, port);
-  port = 2411;
-  parseHostPort("node7", host, port);
-  EXPECT_EQ("node7", host);
-  EXPECT_EQ(2411, port);
-  parseHostPort("node7:", host, port);
-  EXPECT_EQ(0, port);
-  parseHostPort(":80", host, port);
-  EXPECT_EQ("", host);
-  EXPECT_EQ(80, port);
-  parseHostPort("a:12x:9", host, port);
-  EXPECT_EQ("a", host);
-  EXPECT_EQ(12, port);
+  using Pair = std::pair<std::string, std::string>;
+  for (const auto& [text, trimmed] : {Pair{" \t\v\f\r\nnode 7\r\n\t ", "node 7"}, Pair{" \t\n ", ""}}) {
+    std::string s = text;
+    removeTrailingLeadingSpace(s);
+    EXPECT_EQ(trimmed, s);
+  }
+  // The port stays as given without a colon; digits up to the first other character count.
+  const struct { const char *text, *host; int port; } cases[] = {
+      {"node7:8000", "node7", 8000}, {"node7", "node7", 2411}, {"node7:", "node7", 0},
+      {":80", "", 80}, {"a:12x:9", "a", 12}};
+  for (const auto& c : cases) {
+    std::string host = "stale";
+    int port = 2411;
+    parseHostPort(c.text, host, port);
+    EXPECT_EQ(c.host, host) << c.text;
+    EXPECT_EQ(c.port, port) << c.text;
+  }
 }

@@ -9,26 +9,25 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "util/TempDir.h"
+#include "support/TempDir.h"
 
 TEST(SystemTest, ReadDirectoryListsEverythingIncludingDots) {
   TempDir dir;
-  std::vector<std::string> names;
-  ASSERT_TRUE(System::readDirectory(dir.path(), names));
-  std::sort(names.begin(), names.end());
-  EXPECT_EQ(std::vector<std::string>({".", ".."}), names);
-
-  // Enough long names to need several reads of the entry buffer.
+  const auto listing = [&dir] {
+    std::vector<std::string> names;
+    EXPECT_TRUE(System::readDirectory(dir.path(), names));
+    std::sort(names.begin(), names.end());
+    return names;
+  };
   std::vector<std::string> expected = {".", ".."};
+  EXPECT_EQ(expected, listing());
+  // Enough long names to need several reads of the entry buffer.
   for (int i = 0; i < 150; ++i) {
     expected.push_back("entry_with_a_fairly_long_name_" + std::to_string(i));
     TempDir::write(dir.file(expected.back()), "x");
   }
-  names.clear();
-  ASSERT_TRUE(System::readDirectory(dir.path(), names));
-  std::sort(names.begin(), names.end());
   std::sort(expected.begin(), expected.end());
-  EXPECT_EQ(expected, names);
+  EXPECT_EQ(expected, listing());
 }
 
 TEST(SystemTest, ExistenceAttributesAndRemoval) {

@@ -5,6 +5,7 @@
 #include <cerrno>
 
 #include "support/FakeDaemon.h"
+#include "support/Thrown.h"
 #include "util/StringUtilities.h"
 
 TEST(TCPSocketTest, ListenAcceptConnectAndTalk) {
@@ -24,12 +25,10 @@ TEST(TCPSocketTest, ListenAcceptConnectAndTalk) {
   EXPECT_EQ(server->read(buffer, sizeof buffer), 5);
   EXPECT_STREQ(buffer, "hello");
   EXPECT_EQ(server->getReadBytes(), 5);
-  try {
-    client.connect("127.0.0.3", listener.getListenerPort(), 2000);
-    ADD_FAILURE() << "connected twice";
-  } catch (const TCPSocket::exception& e) {
-    EXPECT_STREQ(e.what(), "socket already open");
-  }
+  EXPECT_EQ(thrownMessage<TCPSocket::exception>([&] {
+              client.connect("127.0.0.3", listener.getListenerPort(), 2000);
+            }),
+            "socket already open");
 
   client.setReadTimeout(50);
   EXPECT_EQ(client.read(buffer, 1), -1);
@@ -43,12 +42,10 @@ TEST(TCPSocketTest, ListenAcceptConnectAndTalk) {
 
 TEST(TCPSocketTest, ConnectFailures) {
   TCPSocket refused;
-  try {
-    refused.connect("127.0.0.1", FakeDaemon::unusedPort(), 2000);
-    ADD_FAILURE() << "connected";
-  } catch (const TCPSocket::exception& e) {
-    EXPECT_EQ(e.what(), "couldn't connect to server:  " + System::errorText(ECONNREFUSED));
-  }
+  EXPECT_EQ(thrownMessage<TCPSocket::exception>([&] {
+              refused.connect("127.0.0.1", FakeDaemon::unusedPort(), 2000);
+            }),
+            "couldn't connect to server:  " + System::errorText(ECONNREFUSED));
   EXPECT_FALSE(refused.isConnected());
   EXPECT_EQ(TCPSocket::getHostIP("127.0.0.9"), "127.0.0.9");
   EXPECT_EQ(TCPSocket::getHostIP("localhost"), "127.0.0.1");

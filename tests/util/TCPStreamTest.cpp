@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "support/FakeDaemon.h"
+#include "support/TempDir.h"
 #include "util/CRC.h"
 
 namespace {
@@ -19,12 +20,6 @@ struct StreamPair {
   }
 };
 
-std::string pattern(size_t n) {
-  std::string s(n, '\0');
-  for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>(i * 7 + i / 251);
-  return s;
-}
-
 std::string readN(std::istream& in, size_t n) {
   std::string s(n, '\0');
   in.read(&s[0], static_cast<std::streamsize>(n));
@@ -35,7 +30,7 @@ std::string readN(std::istream& in, size_t n) {
 
 TEST(TCPStreamTest, BulkAndSmallWritesKeepOrderAndLossRaises) {
   StreamPair p;
-  const std::string bulk = pattern(100000);
+  const std::string bulk = TempDir::pattern(100000);
   p.client->write("ab", 2);
   p.client->write(bulk.data(), static_cast<std::streamsize>(bulk.size()));
   p.client->write("cd", 2);
@@ -59,7 +54,7 @@ TEST(TCPStreamTest, ChecksummedBlocks) {
   EXPECT_EQ(readN(*p.server, 11), WireBytes().i32(3).i32(static_cast<int>(crc)).raw("abc").bytes());
 
   p.server->setCRCMode([&] { ++mismatches; });
-  const std::string bulk = pattern(50000);
+  const std::string bulk = TempDir::pattern(50000);
   p.client->write(bulk.data(), static_cast<std::streamsize>(bulk.size())).flush();
   EXPECT_EQ(readN(*p.server, bulk.size()), bulk);
   EXPECT_EQ(mismatches, 0);

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <vector>
+
 #include "util/Ticks.h"
 #include "util/Timer.h"
 
@@ -26,6 +28,15 @@ TEST(TimeTest, NanosecondsAreNormalised) {
   EXPECT_GT(Ticks(-1).seconds(), 1000000.0);
 }
 
+namespace {
+
+// Count, total, shortest and longest interval in nanoseconds.
+std::vector<int64_t> stats(const Timer& t) {
+  return {t.numIntervals(), t.totalTime().nanos(), t.shortest().nanos(), t.longest().nanos()};
+}
+
+}  // namespace
+
 TEST(TimeTest, TimerCountsIntervals) {
   Timer timer;
   timer.stop(Ticks(100));  // not running: nothing changes
@@ -34,28 +45,20 @@ TEST(TimeTest, TimerCountsIntervals) {
   timer.start(Ticks(1000));
   EXPECT_DOUBLE_EQ(0.5e-6, timer.currentSeconds(Ticks(1500)));
   timer.stop(Ticks(1300));
-  EXPECT_EQ(Ticks(300), timer.shortest());
-  EXPECT_EQ(Ticks(300), timer.longest());
+  EXPECT_EQ(stats(timer), (std::vector<int64_t>{1, 300, 300, 300}));
   timer.start(Ticks(2000));
   timer.stop(Ticks(2100));
   timer.addInterval(Ticks(700));
-  EXPECT_EQ(3, timer.numIntervals());
-  EXPECT_EQ(Ticks(1100), timer.totalTime());
-  EXPECT_EQ(Ticks(100), timer.shortest());
-  EXPECT_EQ(Ticks(700), timer.longest());
+  EXPECT_EQ(stats(timer), (std::vector<int64_t>{3, 1100, 100, 700}));
 
   Timer other;
   other.addInterval(Ticks(50));
   other.addInterval(Ticks(900));
   timer += other;
-  EXPECT_EQ(5, timer.numIntervals());
-  EXPECT_EQ(Ticks(2050), timer.totalTime());
-  EXPECT_EQ(Ticks(50), timer.shortest());
-  EXPECT_EQ(Ticks(900), timer.longest());
+  EXPECT_EQ(stats(timer), (std::vector<int64_t>{5, 2050, 50, 900}));
 
   timer.reset();
   timer.start(Ticks(10));
-  timer.stop(Ticks(5010));  // first interval after reset sets both extremes
-  EXPECT_EQ(Ticks(5000), timer.shortest());
-  EXPECT_EQ(Ticks(5000), timer.longest());
+  timer.stop(Ticks(5010));  // the first interval after a reset sets both extremes
+  EXPECT_EQ(stats(timer), (std::vector<int64_t>{1, 5000, 5000, 5000}));
 }

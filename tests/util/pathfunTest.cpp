@@ -4,16 +4,15 @@
 
 namespace {
 
-std::vector<std::string> components(const std::string& path, bool* absolute = nullptr) {
+using Parts = std::vector<std::string>;
+
+Parts components(const std::string& path, bool expectAbsolute) {
   std::vector<Range> parts;
-  const bool abs = splitPath(path, parts);
-  if (absolute) *absolute = abs;
-  std::vector<std::string> out;
+  EXPECT_EQ(expectAbsolute, splitPath(path, parts)) << path;
+  Parts out;
   for (const Range& r : parts) out.push_back(path.substr(r.first, r.second - r.first));
   return out;
 }
-
-using Parts = std::vector<std::string>;
 
 }  // namespace
 
@@ -27,49 +26,31 @@ TEST(pathfunTest, DirectoryAndFileNames) {
 }
 
 TEST(pathfunTest, Concatenation) {
+  const struct { const char *dir, *name; char separator; const char* joined; } cases[] = {
+      {"dir/", "f", '/', "dir/f"}, {"dir", "f", '/', "dir/f"}, {"dir", "/abs", '/', "/abs"},
+      {"", "f", '/', "f"}, {"dir", "", '/', "dir"},
+      {"dir/", "f", '\\', "dir/f"}};  // only '/' suppresses the separator
   std::string out = "stale";
-  pathConcatEx("dir/", "f", out, '/');
-  EXPECT_EQ("dir/f", out);
-  pathConcatEx("dir", "f", out, '/');
-  EXPECT_EQ("dir/f", out);
-  pathConcatEx("dir", "/abs", out, '/');
-  EXPECT_EQ("/abs", out);
-  pathConcatEx("", "f", out, '/');
-  EXPECT_EQ("f", out);
-  pathConcatEx("dir", "", out, '/');
-  EXPECT_EQ("dir", out);
-  pathConcatEx("dir/", "f", out, '\\');
-  EXPECT_EQ("dir/f", out) << "only '/' suppresses the separator";
+  for (const auto& c : cases) {
+    pathConcatEx(c.dir, c.name, out, c.separator);
+    EXPECT_EQ(c.joined, out) << c.dir << " + " << c.name;
+  }
 }
 
 TEST(pathfunTest, SplitAndMakeRelative) {
-  bool abs = false;
-  EXPECT_EQ(Parts({"/"}), components("/", &abs));
-  EXPECT_TRUE(abs);
-  EXPECT_EQ(Parts({""}), components("", &abs));
-  EXPECT_FALSE(abs);
-  EXPECT_EQ(Parts({"/", "a", "b"}), components("//a///b/"));
-  EXPECT_EQ(Parts({"a", "b"}), components("a/b", &abs));
-  EXPECT_FALSE(abs);
+  EXPECT_EQ(Parts({"/"}), components("/", true));
+  EXPECT_EQ(Parts({""}), components("", false));
+  EXPECT_EQ(Parts({"/", "a", "b"}), components("//a///b/", true));
+  EXPECT_EQ(Parts({"a", "b"}), components("a/b", false));
 
-  std::string path = "/a/b/c/d";
-  EXPECT_TRUE(makeRelative("/a/b", path));
-  EXPECT_EQ("c/d", path);
-  path = "/a/b";
-  EXPECT_TRUE(makeRelative("/a/b", path));
-  EXPECT_EQ("", path);
-  path = "/a//b//c";
-  EXPECT_TRUE(makeRelative("/a/b/", path));
-  EXPECT_EQ("c", path);
-  path = "/a/bc/d";
-  EXPECT_FALSE(makeRelative("/a/b", path));
-  EXPECT_EQ("/a/bc/d", path);
-  path = "/a";
-  EXPECT_FALSE(makeRelative("/a/b", path));
-  path = "x/y";
-  EXPECT_FALSE(makeRelative("/x", path));
-  EXPECT_EQ("x/y", path);
-  path = "/etc/hosts";
-  EXPECT_TRUE(makeRelative("/", path));
-  EXPECT_EQ("etc/hosts", path);
+  const struct { const char *base, *path; bool ok; const char* result; } cases[] = {
+      {"/a/b", "/a/b/c/d", true, "c/d"}, {"/a/b", "/a/b", true, ""},
+      {"/a/b/", "/a//b//c", true, "c"}, {"/", "/etc/hosts", true, "etc/hosts"},
+      {"/a/b", "/a/bc/d", false, "/a/bc/d"}, {"/a/b", "/a", false, "/a"},
+      {"/x", "x/y", false, "x/y"}};  // a failure leaves the path as it was
+  for (const auto& c : cases) {
+    std::string path = c.path;
+    EXPECT_EQ(c.ok, makeRelative(c.base, path)) << c.base << " " << c.path;
+    EXPECT_EQ(c.result, path) << c.base << " " << c.path;
+  }
 }

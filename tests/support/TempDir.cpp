@@ -1,25 +1,50 @@
-#include "support/TreeFiles.h"
+#include "support/TempDir.h"
+
+#include <stdlib.h>
 
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 #include <thread>
 
 namespace fs = std::filesystem;
 
-namespace TreeFiles {
+TempDir::TempDir() {
+  std::string pattern = (fs::temp_directory_path() / "hc_test.XXXXXX").string();
+  if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("TempDir: mkdtemp failed");
+  mPath = pattern;
+}
 
-void write(const fs::path& path, size_t size, unsigned seed, fs::perms mode) {
-  fs::create_directories(path.parent_path());
+TempDir::~TempDir() {
+  std::error_code ignored;
+  fs::remove_all(mPath, ignored);
+}
+
+void TempDir::write(const fs::path& path, const std::string& content) {
+  std::error_code ignored;
+  fs::create_directories(path.parent_path(), ignored);
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+}
+
+std::string TempDir::pattern(size_t size, unsigned seed) {
   std::string bytes(size, '\0');
-  for (size_t i = 0; i < size; ++i) bytes[i] = char((i * 2654435761u + seed) >> 13);
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+  for (size_t i = 0; i < size; ++i) {  // eight bytes from each mixed counter value
+    uint64_t z = (i / 8 + (uint64_t(seed) << 40)) * 0x9E3779B97F4A7C15u;
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9u;
+    bytes[i] = char((z ^ (z >> 27)) >> (8 * (i % 8)));
+  }
+  return bytes;
+}
+
+void TempDir::write(const fs::path& path, size_t size, unsigned seed, fs::perms mode) {
+  write(path, pattern(size, seed));
   fs::permissions(path, mode);
 }
 
-std::string read(const fs::path& path) {
+std::string TempDir::read(const fs::path& path) {
   std::ostringstream bytes;
   bytes << std::ifstream(path, std::ios::binary).rdbuf();
   return bytes.str();
@@ -32,7 +57,7 @@ void expectSameTree(const fs::path& from, const fs::path& to) {
     if (entry.is_directory()) continue;
     ASSERT_TRUE(fs::is_regular_file(other)) << other;
     EXPECT_EQ(fs::status(other).permissions(), entry.status().permissions()) << other;
-    EXPECT_TRUE(read(entry.path()) == read(other)) << other;
+    EXPECT_TRUE(TempDir::read(entry.path()) == TempDir::read(other)) << other;
     ++files;
   }
   EXPECT_EQ(filesUnder(to, false).size(), files) << to;
@@ -66,5 +91,3 @@ bool waitFor(const std::function<bool()>& done, int timeoutMs) {
   }
   return done();
 }
-
-}  // namespace TreeFiles
