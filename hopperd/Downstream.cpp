@@ -214,6 +214,19 @@ bool Downstream::resendGap(int64_t end) {
   return true;
 }
 
+bool Downstream::relinkFile() {
+  std::string refusal;
+  mForwarding = false;
+  if (!reroute()) return false;
+  try {
+    if (!announceOnLink(refusal)) Protocol::appendLines(mFileErrors, refusal);
+  } catch (const std::exception&) {
+    close();  // the next attempt finds no link; ensureLinked retries later
+    return false;
+  }
+  return true;
+}
+
 void Downstream::forward(const char* data, size_t n, int64_t offset) {
   const int64_t end = offset + static_cast<int64_t>(n);
   for (size_t attempt = 0; mForwarding && mPosition < end && attempt <= mCandidates.size();
@@ -224,15 +237,7 @@ void Downstream::forward(const char* data, size_t n, int64_t offset) {
       sendFileBytes(data + skip, n - static_cast<size_t>(skip));
       mPosition = end;
     } catch (const std::exception&) {
-      std::string refusal;
-      mForwarding = false;
-      if (!reroute()) return;
-      try {
-        if (!announceOnLink(refusal)) Protocol::appendLines(mFileErrors, refusal);
-      } catch (const std::exception&) {
-        close();  // the next attempt finds no link; ensureLinked retries later
-        return;
-      }
+      if (!relinkFile()) return;
     }
   }
 }
@@ -246,15 +251,7 @@ std::string Downstream::finishFile() {
       reply = Protocol::readString(*mStream);
       break;
     } catch (const std::exception&) {
-      std::string refusal;
-      mForwarding = false;
-      if (!reroute()) break;
-      try {
-        if (!announceOnLink(refusal)) Protocol::appendLines(mFileErrors, refusal);
-      } catch (const std::exception&) {
-        close();
-        break;
-      }
+      if (!relinkFile()) break;
     }
   }
   mFileOpen = false;

@@ -79,6 +79,9 @@ class Downstream {
   // vanished in the middle of it) leaves the link fit for nothing else: the
   // link is dropped, and the next message links afresh.
   void dropUnfinishedFile();
+  // The link broke in the middle of a file: links to the next host and
+  // announces the file there again. False when that failed.
+  bool relinkFile();
   bool resendGap(int64_t end);
   void sendFileBytes(const char* data, size_t n);
   void dropFile(const std::string& why);
