@@ -65,9 +65,9 @@ bool StagedFile::append(const char* data, size_t n, std::string& error) {
 }
 
 ssize_t StagedFile::readAt(char* buf, size_t n, int64_t offset) const {
-  System::FileDescriptor in = System::openForRead(mPath, false);
-  if (!in) return -1;
-  return System::preadSome(in.get(), buf, n, offset);
+  if (!mReader) mReader = System::openForRead(mPath, false);
+  if (!mReader) return -1;
+  return System::preadSome(mReader.get(), buf, n, offset);
 }
 
 bool StagedFile::commit(int mode, std::string& error) {
@@ -86,7 +86,7 @@ bool StagedFile::commit(int mode, std::string& error) {
     error = failure("Unable to set the mode of");
     return false;
   }
-  mFd.close();
+  close();
   if (!System::move(mPath, mTarget)) {
     error = "Unable to rename " + mPath + " to " + mTarget + ": " + System::getErrorMessageStr();
     return false;
@@ -95,6 +95,6 @@ bool StagedFile::commit(int mode, std::string& error) {
 }
 
 void StagedFile::discard() {
-  mFd.close();
+  close();
   System::removeFile(mPath);
 }

@@ -37,10 +37,14 @@ class StagedFile {
   // Appends n bytes at the end. False with the error text on failure.
   bool append(const char* data, size_t n, std::string& error);
   // Reads up to n bytes at offset from the staged copy (to re-send a gap).
-  // Returns the count read, 0 at the end, -1 with errno set on failure.
+  // Returns the count read, 0 at the end, -1 with errno set on failure. The
+  // read descriptor stays open for the next block of the same gap.
   ssize_t readAt(char* buf, size_t n, int64_t offset) const;
-  // Releases the descriptor once the file's bytes are complete.
-  void close() { mFd.close(); }
+  // Releases the descriptors once the file's bytes are complete.
+  void close() {
+    mFd.close();
+    mReader.close();
+  }
   // Flushes the bytes to disk, applies mode & 0777 and renames the staged
   // file onto the target. False with the error text on failure.
   bool commit(int mode, std::string& error);
@@ -53,6 +57,7 @@ class StagedFile {
   std::string mTarget;
   std::string mPath;
   System::FileDescriptor mFd;
+  mutable System::FileDescriptor mReader;  // opened by the first readAt
   int64_t mSize = 0;
 };
 
