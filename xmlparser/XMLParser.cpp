@@ -8,122 +8,170 @@ namespace {
   throw XMLParser::XMLParserException(message);
 }
 
+// XML forbids every control character but white space, NUL included.
+bool isForbiddenControl(char c) {
+  return static_cast<unsigned char>(c) < 0x20 && !XMLParser::isWhitespace(c);
+}
+
+bool isNameStart(char c) {
+  const unsigned char u = static_cast<unsigned char>(c);
+  return (u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z') || u == '_' || u == ':' || u >= 0x80;
+}
+
+bool isNameCharacter(char c) {
+  return isNameStart(c) || (c >= '0' && c <= '9') || c == '-' || c == '.';
+}
+
+// Rejects what the dialect does not know ("<!--", "<!DOCTYPE", "<>") as well
+// as stray markup characters that a truncated or garbled tag leaves behind.
+bool isName(const std::string& name) {
+  if (name.empty() || !isNameStart(name[0])) return false;
+  for (char c : name) {
+    if (!isNameCharacter(c)) return false;
+  }
+  return true;
+}
+
 // One pass over the text with a stack of open elements; the bottom entry is
-// the target tree under the name "root".
+// the target tree, which stands for the document and takes only the root.
 class Parse {
  public:
-  Parse(const std::string& text, XMLTree& root) : mText(text) {
-    mTrees.push_back(&root);
-    mNames.push_back("root");
+  Parse(const std::string& text, XMLTree& document) : mText(text) {
+    mOpen.push_back({&document, std::string()});
   }
 
   void run() {
-    skipLeadingWhitespace();
+    for (char c : mText) {
+      if (isForbiddenControl(c)) parserError("Encountered a control character");
+    }
     while (mPos < mText.size()) {
       const char c = mText[mPos];
       if (c == '<') {
         ++mPos;
         markup();
+      } else if (outsideRoot()) {
+        outsideText(c);
       } else if (c == '&') {
         entity();
       } else {
-        mTrees.back()->appendCharacter(c);
+        mOpen.back().tree->appendCharacter(c);
         ++mPos;
       }
     }
-    if (mNames.size() > 1) parserError("Terminated with tags still hanging");
+    if (!outsideRoot()) parserError("Terminated with tags still hanging");
+    if (!mRootSeen) parserError("No root element");
   }
 
  private:
-  void skipLeadingWhitespace() {
-    while (mPos < mText.size() && XMLParser::isWhitespace(mText[mPos])) ++mPos;
-    if (mPos < mText.size() && mText[mPos] != '<') {
-      parserError("Looking for a < and found a non-whitespace character");
+  struct Open {
+    XMLTree* tree;
+    std::string name;
+  };
+
+  bool outsideRoot() const { return mOpen.size() == 1; }
+
+  void outsideText(char c) {
+    if (!XMLParser::isWhitespace(c)) {
+      parserError(mRootSeen ? "Found text after the root element"
+                            : "Looking for a < and found a non-whitespace character");
     }
+    ++mPos;
   }
 
   // Called just after a '<'.
   void markup() {
-    if (mPos >= mText.size()) return;
-    const char c = mText[mPos];
-    if (c == '?') {
-      skipPast('>');
-    } else if (c == '/') {
-      ++mPos;
-      std::string name;
-      if (readTagName(name)) closeElement(name);
+    if (mText.compare(mPos, 1, "?") == 0) {
+      declaration();
     } else if (mText.compare(mPos, 8, "![CDATA[") == 0) {
       mPos += 8;
       cdata();
+    } else if (mText.compare(mPos, 1, "/") == 0) {
+      ++mPos;
+      closeElement(readTagName());
     } else {
-      std::string name;
-      if (readTagName(name)) openElement(name);
+      openElement(readTagName());
     }
   }
 
-  void skipPast(char c) {
-    const size_t at = mText.find(c, mPos);
-    mPos = at == std::string::npos ? mText.size() : at + 1;
+  // Only the prolog may hold one; it is skipped whole.
+  void declaration() {
+    if (mRootSeen) parserError("Found a declaration after the root element started");
+    const size_t end = mText.find("?>", mPos);
+    if (end == std::string::npos) parserError("Terminated inside a declaration");
+    mPos = end + 2;
   }
 
-  // Reads up to and past the closing '>'. False when the text ends first.
-  bool readTagName(std::string& name) {
+  // Reads up to and past the closing '>'.
+  std::string readTagName() {
+    std::string name;
     for (; mPos < mText.size(); ++mPos) {
       const char c = mText[mPos];
       if (c == '>') {
         ++mPos;
-        return true;
+        return name;
       }
       if (XMLParser::isWhitespace(c)) {
         parserError("Encountered whitespace while trying to parse a tag name");
       }
       name.push_back(c);
     }
-    return false;
+    parserError("Terminated inside a tag");
   }
 
   void openElement(std::string name) {
     const bool empty = !name.empty() && name.back() == '/';
     if (empty) name.pop_back();
-    XMLTree* child = mTrees.back()->addSubTree(name, std::string());
-    if (!empty) {
-      mTrees.push_back(child);
-      mNames.push_back(name);
+    if (!isName(name)) parserError("Invalid tag name");
+    if (outsideRoot()) {
+      if (mRootSeen) parserError("Found a second root element");
+      mRootSeen = true;
     }
+    // mOpen holds the document too, so its size is the new element's depth.
+    if (mOpen.size() > XMLParser::kMaxDepth) parserError("Tags nested too deeply");
+    XMLTree* child = mOpen.back().tree->addSubTree(name, std::string());
+    if (!empty) mOpen.push_back({child, std::move(name)});
   }
 
   void closeElement(const std::string& name) {
-    // The bottom "root" entry is never closed by the document.
-    if (mNames.size() == 1 || name != mNames.back()) parserError("Mismatch tags");
-    mTrees.pop_back();
-    mNames.pop_back();
+    if (outsideRoot() || name != mOpen.back().name) parserError("Mismatch tags");
+    mOpen.pop_back();
   }
 
   void cdata() {
+    if (outsideRoot()) parserError("Found a CDATA section outside the root element");
     const size_t end = mText.find("]]>", mPos);
-    const size_t stop = end == std::string::npos ? mText.size() : end;
-    mTrees.back()->appendCDATA(mText.substr(mPos, stop - mPos));
-    mPos = end == std::string::npos ? mText.size() : end + 3;
+    if (end == std::string::npos) parserError("Terminated inside a CDATA section");
+    mOpen.back().tree->appendCDATA(mText.substr(mPos, end - mPos));
+    mPos = end + 3;
   }
 
   // Called at a '&'. A reference runs to the next ';'; an '&' with no ';'
   // before the next markup is an ordinary character.
   void entity() {
-    const size_t semi = mText.find(';', mPos + 1);
-    const size_t lt = mText.find('<', mPos + 1);
+    const size_t semi = nextAfter(';', mNextSemi);
+    const size_t lt = nextAfter('<', mNextLt);
+    XMLTree* tree = mOpen.back().tree;
     if (semi == std::string::npos || (lt != std::string::npos && lt < semi)) {
-      mTrees.back()->appendCharacter('&');
+      tree->appendCharacter('&');
       ++mPos;
       return;
     }
     const std::string name = mText.substr(mPos + 1, semi - mPos - 1);
     const char replacement = predefined(name);
     if (replacement != '\0') {
-      mTrees.back()->appendCharacter(replacement);
+      tree->appendCharacter(replacement);
     } else {
-      for (size_t i = mPos; i <= semi; ++i) mTrees.back()->appendCharacter(mText[i]);
+      for (size_t i = mPos; i <= semi; ++i) tree->appendCharacter(mText[i]);
     }
     mPos = semi + 1;
+  }
+
+  // Position of the first |c| after mPos. |cache| keeps the last answer while
+  // it is still ahead, so a long run of '&' without ';' is not rescanned to
+  // the end for every '&'.
+  size_t nextAfter(char c, size_t& cache) const {
+    if (cache != std::string::npos && cache <= mPos) cache = mText.find(c, mPos + 1);
+    return cache;
   }
 
   static char predefined(const std::string& name) {
@@ -137,8 +185,10 @@ class Parse {
 
   const std::string& mText;
   size_t mPos = 0;
-  std::vector<XMLTree*> mTrees;
-  std::vector<std::string> mNames;
+  std::vector<Open> mOpen;
+  bool mRootSeen = false;
+  size_t mNextSemi = 0;
+  size_t mNextLt = 0;
 };
 
 }  // namespace

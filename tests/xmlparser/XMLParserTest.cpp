@@ -19,7 +19,7 @@ TEST(XMLParser, ReadsElementsEntitiesAndCDATA) {
   tree.addSubTree("stale", "left from before");
   XMLParser::getInstance().parse(
       "<?xml version=\"1.0\"?>\n<a>\n<b>x</b><c/><b>y</b><d>1 &amp; 2 &foo; &lt;&quot;&apos;&gt; & </d>"
-      "<e>x%20y+z%4%g1</e><f><![CDATA[<raw>&amp;%20]]></f>\n</a>",
+      "<e>x%20y+z%4%g1</e><f><![CDATA[<raw>&amp;%20]]></f>\n</a>\r\n",
       tree);
   EXPECT_EQ(tree.getSubTree("stale"), nullptr);
   XMLTree* a = tree.getSubTree("a");
@@ -37,13 +37,48 @@ TEST(XMLParser, ReadsElementsEntitiesAndCDATA) {
   EXPECT_EQ(a->getValue(), "\n\n");  // text between children belongs to the parent
 }
 
-TEST(XMLParser, MalformedInputGivesItsReason) {
-  EXPECT_EQ(parseError("junk<a/>"), "Looking for a < and found a non-whitespace character");
-  EXPECT_EQ(parseError("<a id=\"1\"></a>"), "Encountered whitespace while trying to parse a tag name");
-  EXPECT_EQ(parseError("<a><b></a></b>"), "Mismatch tags");
-  EXPECT_EQ(parseError("<a></a></a>"), "Mismatch tags");
-  EXPECT_EQ(parseError("<a><b></b>"), "Terminated with tags still hanging");
-  EXPECT_EQ(parseError(" \t\r\n<a></a><b"), "(no exception)");  // ends inside a top-level tag name
+TEST(XMLParser, EveryMalformedDocumentIsAnError) {
+  const struct { std::string text, error; } cases[] = {
+      {"junk<a/>", "Looking for a < and found a non-whitespace character"},
+      {"<a id=\"1></a>", "Encountered whitespace while trying to parse a tag name"},
+      {"<a><b></a></b>", "Mismatch tags"},
+      {"</a>", "Mismatch tags"},  // nothing open
+      {"<root><a></a></root></b>", "Mismatch tags"},
+      {"<a></a></root>x", "Mismatch tags"},
+      {"<a><b></b>", "Terminated with tags still hanging"},
+      {"<root><a></a></root>x", "Found text after the root element"},
+      {"<a/>\n<b/>", "Found a second root element"},
+      {"<a/><?xml?>", "Found a declaration after the root element started"},
+      {"<![CDATA[x]]><a/>", "Found a CDATA section outside the root element"},
+      {"<a><![CDATA[x</a>", "Terminated inside a CDATA section"},
+      {" \t\r\n<a></a><b", "Terminated inside a tag"},
+      {"<a><!--x", "Terminated inside a tag"},
+      {"<?xml version", "Terminated inside a declaration"},
+      {"<a><!--x--></a>", "Invalid tag name"},
+      {"<></>", "Invalid tag name"},
+      {"", "No root element"},
+      {"<?xml?>\n", "No root element"},
+      {std::string("<a>x\0y</a>", 10), "Encountered a control character"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(parseError(c.text), c.error) << c.text;
+}
+
+TEST(XMLParser, NestingIsBoundedSoTheTreeStaysShallow) {
+  const auto nest = [](size_t depth, const std::string& inner) {
+    std::string text;
+    for (size_t i = 0; i < depth; ++i) text += "<a>";
+    text += inner;
+    for (size_t i = 0; i < depth; ++i) text += "</a>";
+    return text;
+  };
+  XMLTree tree;
+  XMLParser::getInstance().parse(nest(XMLParser::kMaxDepth, "x"), tree);
+  const XMLTree* node = &tree;
+  for (size_t i = 0; i < XMLParser::kMaxDepth && node; ++i) node = node->getSubTree("a");
+  ASSERT_NE(node, nullptr);
+  EXPECT_EQ(node->getValue(), "x");
+  EXPECT_EQ(parseError(nest(XMLParser::kMaxDepth, "<b/>")), "Tags nested too deeply");
+  EXPECT_EQ(parseError(nest(100000, "")), "Tags nested too deeply");
 }
 
 TEST(XMLTree, WritesChildrenInNameOrderWithEscapedValues) {
