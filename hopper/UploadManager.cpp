@@ -6,12 +6,42 @@
 
 #include "hopper/hopperMisc.h"
 #include "util/Assert.h"
+#include "util/StringUtilities.h"
 #include "util/System.h"
 #include "util/pathfun.h"
 
 namespace {
 
 const long kBytesPerDot = 1000000;
+const char kTimeLimitReason[] = "Time limited exceeded";
+
+// The monotonic reading at which a wall-clock deadline falls (none for
+// Time::max); one already passed maps to now. Socket waits measure
+// monotonic time, which a clock change cannot stretch.
+Ticks monotonicAt(const Time& deadline) {
+  if (deadline == Time::max) return Ticks();
+  const Time now = Time::now();
+  const int64_t left = (deadline.seconds() - now.seconds()) * 1000000000LL +
+                       (deadline.nanos() - now.nanos());
+  return Ticks::currentTime() + Ticks(std::max<int64_t>(left, 0));
+}
+
+// True when a commit reply reports a file that did not land (a failed
+// rename, a lost or short staged copy, a failed agent command): any line but
+// a lost host's.
+bool reportsFileErrors(const std::string& reply) {
+  std::string::size_type start = 0;
+  while (start < reply.size()) {
+    std::string::size_type end = reply.find('\n', start);
+    if (end == std::string::npos) end = reply.size();
+    const std::string line = reply.substr(start, end - start);
+    if (!line.empty() && line.find(": Unable to connect or lost connection to ") == std::string::npos) {
+      return true;
+    }
+    start = end + 1;
+  }
+  return false;
+}
 
 // The directory a local directory lands in below remoteDir: its last
 // component, or remoteDir itself when the source ends in '/' (its contents
@@ -40,12 +70,20 @@ void UploadManager::validatePaths(const FilePairs& pairs) const {
 }
 
 void UploadManager::findGoodNode(BadNodeList* badNodes, bool newProtocol) {
-  BadNodeList dropped;
-  mPOutStream = ::findGoodNode(mNodeIPSet, dropped, newProtocol);
+  mPOutStream.reset();
   mWire = Wire::Idle;
+  BadNodeList dropped;
+  mPOutStream = ::findGoodNode(mNodeIPSet, dropped, newProtocol, mStreamDeadline);
+  if (!mPOutStream) timeLimitPassed();
   reportBadNodesByIP(dropped);
   if (badNodes) badNodes->insert(badNodes->end(), dropped.begin(), dropped.end());
-  if (!mPOutStream) throw NoNodesException();
+  if (!mPOutStream && mNodeIPSet.empty()) throw NoNodesException();
+}
+
+bool UploadManager::timeLimitPassed() {
+  if (Time::now() < mDeadline) return false;
+  abort(kTimeLimitReason);
+  return true;
 }
 
 void UploadManager::dropHead() {
@@ -62,6 +100,7 @@ void UploadManager::beginUpload() {
   // bounds the loop (findGoodNode throws when it is empty).
   while (!aborted()) {
     findGoodNode(nullptr, true);
+    if (!mPOutStream) return;  // the time limit passed
     const std::string head = *mNodeIPSet.begin();
     BadNodeList bad;
     BusyNodeList busy;
@@ -72,6 +111,10 @@ void UploadManager::beginUpload() {
       status = sendBeginUploadMsg(*mPOutStream, mNodeIPSet, mStopAgents, bad, busy, text,
                                   reconnect);
     } catch (const std::ios_base::failure&) {
+      if (timeLimitPassed()) {
+        mWire = Wire::Broken;
+        return;
+      }
       dropHead();
       continue;
     }
@@ -91,7 +134,7 @@ void UploadManager::beginUpload() {
 }
 
 bool UploadManager::uploadFile(const std::string& localPath, const std::string& remotePath,
-                               long size, int mode, const Time& deadline) {
+                               long size, int mode) {
   FileAttributes attributes;
   if (!attributes.stat(localPath, FOLLOW_SYMLINK) || !attributes.isRegularFile()) {
     mStdout << "WARNING: " << localPath << " is not a regular file, skipping..." << std::endl;
@@ -101,7 +144,7 @@ bool UploadManager::uploadFile(const std::string& localPath, const std::string& 
       System::make_ifstream(localPath, std::ios::in | std::ios::binary);
   if (!file->is_open() || !*file) throw std::runtime_error("Error opening file: " + localPath);
   if (!mPOutStream) beginUpload();
-  if (!mPOutStream) return false;  // aborted while choosing a head
+  if (!mPOutStream || aborted()) return false;  // aborted while choosing a head
 
   long sent = 0;
   long dotBytes = 0;
@@ -109,10 +152,8 @@ bool UploadManager::uploadFile(const std::string& localPath, const std::string& 
   for (;;) {
     std::ostringstream fileErrors;
     try {
-      return sendFile(*file, localPath, remotePath, size, mode, deadline, sent, dotBytes,
-                      fileErrors);
+      return sendFile(*file, localPath, remotePath, size, mode, sent, dotBytes, fileErrors);
     } catch (const std::ios_base::failure&) {
-      if (aborted()) return false;
       std::string text = fileErrors.str();
       if (!text.empty()) {  // the daemon refused the file; the connection is fine
         massageMsg(text);
@@ -121,22 +162,26 @@ bool UploadManager::uploadFile(const std::string& localPath, const std::string& 
         mWire = Wire::Idle;
         return false;
       }
+      if (aborted() || timeLimitPassed()) {
+        mWire = Wire::Broken;
+        return false;
+      }
       dropHead();
       findGoodNode(nullptr, true);
+      if (!mPOutStream) return false;  // the time limit passed
     }
   }
 }
 
 bool UploadManager::sendFile(std::istream& file, const std::string& localPath,
-                             const std::string& remotePath, long size, int mode,
-                             const Time& deadline, long& sent, long& dotBytes,
-                             std::ostream& fileErrors) {
+                             const std::string& remotePath, long size, int mode, long& sent,
+                             long& dotBytes, std::ostream& fileErrors) {
   long position = -1;
   sendResumeUploadMsg(*mPOutStream, mNodeIPSet, mStopAgents, size, mode, localPath, remotePath,
                       position, fileErrors);
   mWire = Wire::SendingData;
   resumeFrom(file, localPath, position, size, sent);
-  const bool complete = sendData(file, localPath, size, deadline, sent, dotBytes);
+  const bool complete = sendData(file, localPath, size, sent, dotBytes);
   if (sent >= size) mWire = Wire::AwaitingReply;
   if (!complete) return false;
   mPOutStream->flush();
@@ -172,7 +217,7 @@ void UploadManager::resumeFrom(std::istream& file, const std::string& localPath,
 }
 
 bool UploadManager::sendData(std::istream& file, const std::string& localPath, long size,
-                             const Time& deadline, long& sent, long& dotBytes) {
+                             long& sent, long& dotBytes) {
   mBlock.resize(kBlockSize);
   while (sent < size) {
     if (aborted()) return false;
@@ -185,13 +230,13 @@ bool UploadManager::sendData(std::istream& file, const std::string& localPath, l
       for (dotBytes += length; dotBytes >= kBytesPerDot; dotBytes -= kBytesPerDot) mStdout << '.';
       mStdout.flush();
     }
-    if (Time::now() >= deadline) abort("Time limited exceeded");
+    if (timeLimitPassed()) return false;
   }
   return !aborted();
 }
 
 bool UploadManager::uploadEntry(const std::string& localPath, const std::string& fileTarget,
-                                const std::string& directoryTarget, const Time& deadline) {
+                                const std::string& directoryTarget) {
   FileAttributes attributes;
   if (!attributes.stat(localPath, DONT_FOLLOW_SYMLINK)) {
     mStderr << "Error while reading " << localPath << ": " << System::getErrorMessageStr()
@@ -200,9 +245,9 @@ bool UploadManager::uploadEntry(const std::string& localPath, const std::string&
   }
   switch (attributes.getType()) {
     case TYPE_FILE:
-      return uploadFile(localPath, fileTarget, attributes.mSize, attributes.mMode & 0777, deadline);
+      return uploadFile(localPath, fileTarget, attributes.mSize, attributes.mMode & 0777);
     case TYPE_DIRECTORY:
-      return uploadDirectory(localPath, directoryTarget, deadline);
+      return uploadDirectory(localPath, directoryTarget);
     case TYPE_SYMLINK:
       mStderr << "Skipping " << localPath << " because it is a symlink" << std::endl;
       return false;
@@ -214,11 +259,10 @@ bool UploadManager::uploadEntry(const std::string& localPath, const std::string&
   return false;
 }
 
-bool UploadManager::uploadDirectory(const std::string& localDir, const std::string& remoteDir,
-                                    const Time& deadline) {
+bool UploadManager::uploadDirectory(const std::string& localDir, const std::string& remoteDir) {
   if (aborted()) return false;
   if (!mPOutStream) beginUpload();
-  if (!mPOutStream) return false;
+  if (!mPOutStream || aborted()) return false;
   const std::string target = targetDirectory(localDir, remoteDir);
   std::vector<std::string> names;
   if (!System::readDirectory(localDir, names)) {
@@ -232,8 +276,7 @@ bool UploadManager::uploadDirectory(const std::string& localDir, const std::stri
   for (const std::string& name : names) {
     if (name == "." || name == "..") continue;
     if (aborted()) return false;
-    const bool ok = uploadEntry(pathConcat(localDir, name), pathConcat(target, name), target,
-                                deadline);
+    const bool ok = uploadEntry(pathConcat(localDir, name), pathConcat(target, name), target);
     result = ok && result;
   }
   return result;
@@ -241,30 +284,28 @@ bool UploadManager::uploadDirectory(const std::string& localDir, const std::stri
 
 bool UploadManager::uploadBatch(const FilePairs& pairs) {
   validatePaths(pairs);
-  Time deadline = Time::max;
+  mDeadline = Time::max;
   if (mTimeout != -1) {
-    deadline = Time::now();
-    deadline.addSeconds(mTimeout);
+    mDeadline = Time::now();
+    mDeadline.addSeconds(mTimeout);
   }
+  mStreamDeadline = monotonicAt(mDeadline);
   bool result = true;
   for (const auto& pair : pairs) {
     if (aborted()) break;
-    result = uploadEntry(pair.first, pair.second, pair.second, deadline);
+    result = uploadEntry(pair.first, pair.second, pair.second);
   }
-  if (aborted()) {
-    finishAborted(deadline);
-    return false;
-  }
-  commit();
-  return result;
+  if (!aborted() && commit()) return result && !mCommitFailed;
+  finishAborted();
+  return false;
 }
 
 bool UploadManager::upload(const std::string& localPath, const std::string& remotePath) {
   return uploadBatch(FilePairs{{localPath, remotePath}});
 }
 
-void UploadManager::commit() {
-  if (!mPOutStream) return;  // nothing was sent
+bool UploadManager::commit() {
+  if (!mPOutStream) return true;  // nothing was sent
   if (mVerboseMode) mStdout << "Committing upload" << std::endl;
   std::string failedHead;
   // A head that fails the commit is asked again once (it may have dropped
@@ -278,35 +319,46 @@ void UploadManager::commit() {
       *mPOutStream >> reply;
       mPOutStream.reset();
       if (!reply.empty()) {
+        mCommitFailed = reportsFileErrors(reply);
         massageMsg(reply);
         mStderr << "Errors while committing uploaded file(s):" << std::endl << reply << std::endl;
       }
-      return;
+      return true;
     } catch (const std::ios_base::failure&) {
+      if (timeLimitPassed()) {
+        mWire = Wire::Broken;
+        return false;
+      }
       mPOutStream.reset();
       if (head == failedHead) dropHead();
       failedHead = head;
       findGoodNode(nullptr, true);
     }
   }
+  return false;  // the time limit passed while choosing a new head
 }
 
-void UploadManager::finishAborted(const Time& deadline) {
+void UploadManager::finishAborted() {
   mStderr << std::endl
-          << (Time::now() < deadline ? "Aborting upload..." : "Aborting upload due to timeout...")
+          << (Time::now() < mDeadline ? "Aborting upload..." : "Aborting upload due to timeout...")
           << std::endl;
   if (!mPOutStream) return;
-  if (mWire == Wire::SendingData) {
-    // In the middle of a file's data the daemon would take the message for
-    // file bytes: drop this connection and send the abort on a new one to
-    // the same head, which takes over the upload the old one left.
+  if (mWire == Wire::SendingData || mWire == Wire::Broken) {
+    // In the middle of a file's data (or of any message) the daemon would
+    // take the abort for part of it: drop this connection and send the abort
+    // on a new one to the same head, which takes over the upload the old
+    // one left.
     mPOutStream = reconnectToHead();
     mWire = Wire::Idle;
     if (!mPOutStream) return;
   }
   try {
-    // The abort must not hang on a daemon that has stopped answering.
-    mPOutStream->socket().setReadTimeout(kConnectTimeoutMs);
+    // The abort must not hang on a daemon that has stopped answering, and
+    // must not end at once at the run's deadline, which has usually passed.
+    TCPSocket& socket = mPOutStream->socket();
+    socket.setDeadline(Ticks());
+    socket.setReadTimeout(kConnectTimeoutMs);
+    socket.setWriteTimeout(kConnectTimeoutMs);
     if (mWire == Wire::AwaitingReply) {
       mPOutStream->flush();
       std::string reply;

@@ -2,7 +2,10 @@
 // upload, sends every file of every source (walking directories), resumes on
 // the next head when a connection breaks, and commits or aborts at the end.
 // Lost hosts are reported and dropped; the run goes on with the rest until
-// none is left (NoNodesException).
+// none is left (NoNodesException). The run's time limit (timeout) is checked
+// after every block and also bounds every wait on a head, so that a stalled
+// head ends the run at the limit instead of holding it for ever; a wait ended
+// that way aborts the run and does not count as a lost host.
 #ifndef HOPPER_UPLOADMANAGER_H_
 #define HOPPER_UPLOADMANAGER_H_
 
@@ -15,6 +18,7 @@
 
 #include "hopper/MoveManager.h"
 #include "util/TCPStream.h"
+#include "util/Ticks.h"
 #include "util/Time.h"
 
 // (local source path, remote target path) pairs in upload order.
@@ -41,53 +45,66 @@ class UploadManager : public MoveManager {
 
   // Connects to the first usable host of the node set as the new head,
   // reporting (and, when given, appending to badNodes) the hosts dropped on
-  // the way. Throws NoNodesException when none is left.
+  // the way. Throws NoNodesException when none is left. Returns without a
+  // connection when the run's time limit passed on the way (the run is then
+  // aborted).
   void findGoodNode(BadNodeList* badNodes, bool newProtocol);
 
   // Picks a head and begins the upload on it, reporting busy and failed
   // hosts; retries with the next head when the head cannot take it. Returns
-  // without a connection only when the run was aborted.
+  // with the head connected unless the run was aborted (signal or time
+  // limit).
   void beginUpload();
 
   // Sends one file (size bytes, permission bits mode) to remotePath.
   // Returns true when every daemon stored it.
-  bool uploadFile(const std::string& localPath, const std::string& remotePath, long size, int mode,
-                  const Time& deadline);
+  bool uploadFile(const std::string& localPath, const std::string& remotePath, long size, int mode);
   // Sends a directory tree into remoteDir joined with the last component of
   // localDir (none when localDir ends in '/'). True when every entry
   // succeeded; symbolic links and named pipes are skipped and count as
   // failures.
-  bool uploadDirectory(const std::string& localDir, const std::string& remoteDir,
-                       const Time& deadline);
+  bool uploadDirectory(const std::string& localDir, const std::string& remoteDir);
 
-  // The whole run: validate, send each pair, then commit, or abort when the
-  // run was aborted (signal or time limit). The result is that of the last
-  // entry (true for an empty batch).
+  // The whole run: start the time limit, validate, send each pair, then
+  // commit, or abort when the run was aborted (signal or time limit). The
+  // result is that of the last entry (true for an empty batch), and false
+  // when the commit reply reports a file that did not land on some host
+  // (lost hosts alone do not count).
   bool uploadBatch(const FilePairs& pairs);
   bool upload(const std::string& localPath, const std::string& remotePath);
 
  private:
   // Where the conversation with the head stands, so that an abort is only
-  // sent at a message boundary.
-  enum class Wire { Idle, SendingData, AwaitingReply };
+  // sent at a message boundary. Broken: an exchange failed part way, so only
+  // a new connection is known to be at one.
+  enum class Wire { Idle, SendingData, AwaitingReply, Broken };
 
   // Sends a file to fileTarget, or a directory into directoryTarget (which
   // gets the directory's last component appended); skips links and pipes.
   bool uploadEntry(const std::string& localPath, const std::string& fileTarget,
-                   const std::string& directoryTarget, const Time& deadline);
+                   const std::string& directoryTarget);
   bool sendFile(std::istream& file, const std::string& localPath, const std::string& remotePath,
-                long size, int mode, const Time& deadline, long& sent, long& dotBytes,
-                std::ostream& fileErrors);
+                long size, int mode, long& sent, long& dotBytes, std::ostream& fileErrors);
   void resumeFrom(std::istream& file, const std::string& localPath, long position, long size,
                   long& sent);
-  bool sendData(std::istream& file, const std::string& localPath, long size,
-                const Time& deadline, long& sent, long& dotBytes);
+  bool sendData(std::istream& file, const std::string& localPath, long size, long& sent,
+                long& dotBytes);
+  // When the run's time limit has passed, aborts the run and returns true.
+  // After a failed exchange this tells that the head was not at fault.
+  bool timeLimitPassed();
   void dropHead();
-  void commit();
-  void finishAborted(const Time& deadline);
+  // False when the time limit ended it (the run is then aborted).
+  bool commit();
+  void finishAborted();
   // A new connection to the current head (null when it does not answer).
+  // It does not carry the run's deadline: the abort sent on it comes after.
   std::unique_ptr<TCPStream> reconnectToHead();
 
+  // When the run's time limit passes (Time::max: never), on the wall clock
+  // and as the monotonic reading that every head stream's waits end at.
+  Time mDeadline = Time::max;
+  Ticks mStreamDeadline;
+  bool mCommitFailed = false;  // the commit reply named a file error
   std::unique_ptr<TCPStream> mPOutStream;
   std::vector<char> mBlock;
   Wire mWire = Wire::Idle;

@@ -36,15 +36,19 @@ int tryHost(TCPStream& stream, const std::string& host, bool newProtocol) {
 
 }  // namespace
 
-std::unique_ptr<TCPStream> findGoodNode(NodeSet& nodes, BadNodeList& badNodes, bool newProtocol) {
-  auto stream = std::make_unique<TCPStream>();
+std::unique_ptr<TCPStream> findGoodNode(NodeSet& nodes, BadNodeList& badNodes, bool newProtocol,
+                                        const Ticks& deadline) {
   while (!nodes.empty()) {
     const std::string head = *nodes.begin();
+    auto stream = std::make_unique<TCPStream>();
+    // Set before connecting: the socket keeps it across the handshakes'
+    // reconnects.
+    stream->socket().setDeadline(deadline);
     const int code = tryHost(*stream, head, newProtocol);
     if (code < 0) return stream;
+    if (deadline != Ticks() && !(Ticks::currentTime() < deadline)) return nullptr;
     badNodes.emplace_back(head, code);
     nodes.erase(head);
-    stream = std::make_unique<TCPStream>();
   }
   return nullptr;
 }

@@ -31,8 +31,11 @@ const int kConnectTimeoutMs = 5000;
 // Connects to the first host of nodes that answers (with newProtocol: and
 // speaks protocol 4 or 5), dropping the others from nodes and appending them
 // to badNodes with their code. Returns the connected stream, or null when
-// no host is left.
-std::unique_ptr<TCPStream> findGoodNode(NodeSet& nodes, BadNodeList& badNodes, bool newProtocol);
+// no host is left. With a deadline (default Ticks(): none) every stream
+// carries it, and a host that fails once it has passed is not dropped: the
+// search ends there, returning null.
+std::unique_ptr<TCPStream> findGoodNode(NodeSet& nodes, BadNodeList& badNodes, bool newProtocol,
+                                        const Ticks& deadline = Ticks());
 
 // Sends the begin message with the whole node set and !stopAgents and acts
 // on the status (returned): 0 nothing; 1 the head goes to busyNodes; 3 the

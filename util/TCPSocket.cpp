@@ -1,7 +1,6 @@
 #include "util/TCPSocket.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -9,7 +8,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 
@@ -75,31 +76,30 @@ std::string resolve(const std::string& host, std::vector<in_addr>& out) {
   return out.empty() ? std::string("no IPv4 address") : std::string();
 }
 
-// Milliseconds left until deadline (never negative).
-int remainingMs(const Ticks& deadline) {
-  const int64_t left = (deadline - Ticks::currentTime()).nanos() / 1000000;
-  return left > 0 ? static_cast<int>(left) : 0;
+const int64_t kNanosPerMs = 1000000;
+// Longest stretch a wait goes without looking at the cancel flag.
+const int kCancelCheckMs = 100;
+
+// The poll() wait for a non-negative span: whole milliseconds rounded up, so
+// that a wait never wakes just before its limit, capped to what poll takes.
+int pollMs(const Ticks& span) {
+  const int64_t ms = (std::max<int64_t>(span.nanos(), 0) + kNanosPerMs - 1) / kNanosPerMs;
+  return static_cast<int>(std::min<int64_t>(ms, INT_MAX));
 }
 
-// poll() for events; a finite wait is resumed after a signal with the time
-// left, an unlimited one returns so that a signal can interrupt the caller.
-// Returns >0 when ready, 0 on time-out or interruption, -1 on error.
-int waitFor(int fd, short events, int ms) {
-  const Ticks deadline = Ticks::currentTime() + Ticks(int64_t(ms) * 1000000);
-  for (int wait = ms;;) {
-    pollfd p{fd, events, 0};
-    const int rc = ::poll(&p, 1, wait);
-    if (rc >= 0) return rc;
-    if (errno != EINTR) return -1;
-    if (ms < 0) return 0;
-    wait = remainingMs(deadline);
-  }
-}
+// The shorter of two poll() waits, where -1 means no limit.
+int shorterWait(int a, int b) { return a < 0 ? b : (b < 0 ? a : std::min(a, b)); }
 
 }  // namespace
 
 TCPSocket::TCPSocket()
-    : mFd(-1), mReadTimeout(-1), mLastError(0), mReadBytes(0), mWriteBytes(0) {}
+    : mFd(-1),
+      mReadTimeout(-1),
+      mWriteTimeout(-1),
+      mCancelFlag(nullptr),
+      mLastError(0),
+      mReadBytes(0),
+      mWriteBytes(0) {}
 
 TCPSocket::TCPSocket(int fd) : TCPSocket() { mFd = fd; }
 
@@ -110,16 +110,52 @@ void TCPSocket::failAndClose(const std::string& message) {
   throw exception(message);
 }
 
+bool TCPSocket::fail(int error) {
+  mLastError = error;
+  return false;
+}
+
+bool TCPSocket::writesBounded() const {
+  return mWriteTimeout >= 0 || mDeadline != Ticks() || mCancelFlag != nullptr;
+}
+
+bool TCPSocket::await(short events, int timeoutMs, bool stallable) {
+  const bool hasDeadline = mDeadline != Ticks();
+  const bool limited = timeoutMs >= 0;
+  const Ticks timeout(int64_t(std::max(timeoutMs, 0)) * kNanosPerMs);
+  Ticks timeoutEnd = Ticks::currentTime() + timeout;
+  // The flag and the deadline are looked at before the time-out, so that
+  // neither of them reaches the stall handler. A time-out of 0 polls once.
+  for (bool polled = false;; polled = true) {
+    if (mCancelFlag && mCancelFlag->load()) return fail(ECANCELED);
+    const Ticks now = Ticks::currentTime();
+    if (hasDeadline && !(now < mDeadline)) return fail(ETIMEDOUT);
+    if (polled && limited && !(now < timeoutEnd)) {
+      if (!stallable || !mStallHandler || !mStallHandler()) return fail(ETIMEDOUT);
+      timeoutEnd = Ticks::currentTime() + timeout;
+    }
+    int wait = limited ? pollMs(timeoutEnd - now) : -1;
+    if (hasDeadline) wait = shorterWait(wait, pollMs(mDeadline - now));
+    if (mCancelFlag) wait = shorterWait(wait, kCancelCheckMs);
+    pollfd p{mFd, events, 0};
+    const int rc = ::poll(&p, 1, wait);
+    if (rc > 0) return true;
+    if (rc < 0 && errno != EINTR) return fail(errno);
+    // A signal ends a wait that nothing else would end, so that the caller
+    // can act on it; bounded waits resume.
+    if (rc < 0 && !limited && !hasDeadline && !mCancelFlag) return fail(EINTR);
+  }
+}
+
 void TCPSocket::connect(const std::string& host, int port, long timeoutMs) {
   if (mFd >= 0) throw exception("socket already open");
-  mFd = ::socket(AF_INET, SOCK_STREAM, 0);
+  // Close-on-exec from birth: set later, a fork in another thread could
+  // inherit the descriptor. Non-blocking until connected, so that the wait
+  // happens in poll where its limits apply.
+  mFd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (mFd < 0) {
     mLastError = errno;
     throw exception(format("couldn't create client socket: %.100s", errnoText(errno).c_str()));
-  }
-  if (System::fcntl(mFd, F_SETFD, FD_CLOEXEC) < 0) {
-    mLastError = errno;
-    failAndClose(format("couldn't set close-on-exec for socket: %.150s", errnoText(errno).c_str()));
   }
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
@@ -132,21 +168,17 @@ void TCPSocket::connect(const std::string& host, int port, long timeoutMs) {
     }
     addr.sin_addr = found.front();
   }
-  if (System::setNonBlocking(mFd, 1) < 0) {
-    mLastError = errno;
-    failAndClose(format("couldn't set socket to nonBlocking \"%.60s\": %.150s", host.c_str(),
-                        errnoText(errno).c_str()));
-  }
   if (::connect(mFd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0 &&
       !System::errorMeansInProgress()) {
     mLastError = errno;
     failAndClose("couldn't connect to server");
   }
-  const int ready = waitFor(mFd, POLLIN | POLLOUT, static_cast<int>(timeoutMs));
-  if (ready == 0) failAndClose("couldn't connect to server: timed out");
-  if (ready < 0) {
-    mLastError = errno;
-    failAndClose(format("select failed: %.150s", errnoText(errno).c_str()));
+  if (!await(POLLIN | POLLOUT, static_cast<int>(timeoutMs), false)) {
+    if (mLastError == ECANCELED) failAndClose("couldn't connect to server: cancelled");
+    if (mLastError == ETIMEDOUT || mLastError == EINTR) {
+      failAndClose("couldn't connect to server: timed out");
+    }
+    failAndClose(format("select failed: %.150s", errnoText(mLastError).c_str()));
   }
   int pending = 0;
   socklen_t len = sizeof pending;
@@ -195,12 +227,10 @@ void TCPSocket::listen(const std::string& address, int port, int backlog) {
 
 std::unique_ptr<TCPSocket> TCPSocket::accept(int timeoutMs) {
   if (mFd < 0) throw exception("accept on a closed socket");
-  const int ready = waitFor(mFd, POLLIN, timeoutMs);
-  if (ready < 0) {
-    mLastError = errno;
-    throw exception(format("select failed: %.150s", errnoText(errno).c_str()));
+  if (!await(POLLIN, timeoutMs, false)) {
+    if (mLastError == ETIMEDOUT || mLastError == ECANCELED || mLastError == EINTR) return nullptr;
+    throw exception(format("select failed: %.150s", errnoText(mLastError).c_str()));
   }
-  if (ready == 0) return nullptr;
   const int fd = ::accept4(mFd, nullptr, nullptr, SOCK_CLOEXEC);
   if (fd < 0) {
     mLastError = errno;
@@ -219,8 +249,13 @@ void TCPSocket::close() {
   }
 }
 
-void TCPSocket::shutdown() {
-  if (mFd >= 0) ::shutdown(mFd, SHUT_RDWR);
+void TCPSocket::shutdown(bool reset) {
+  if (mFd < 0) return;
+  if (reset) {
+    const linger abortive{1, 0};
+    ::setsockopt(mFd, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
+  }
+  ::shutdown(mFd, SHUT_RDWR);
 }
 
 bool TCPSocket::isGood() {
@@ -246,10 +281,7 @@ bool TCPSocket::secureHasBufferedData() {
 
 bool TCPSocket::isReadable(int ms) {
   if (mFd < 0) return false;
-  if (secureHasBufferedData()) return true;
-  const int ready = waitFor(mFd, POLLIN, ms);
-  if (ready < 0) mLastError = errno;
-  return ready > 0;
+  return secureHasBufferedData() || await(POLLIN, ms, false);
 }
 
 int TCPSocket::read(char* buffer, int length) {
@@ -258,13 +290,7 @@ int TCPSocket::read(char* buffer, int length) {
     return -1;
   }
   const Ticks start = Ticks::currentTime();
-  if (!secureHasBufferedData()) {
-    const int ready = waitFor(mFd, POLLIN, mReadTimeout);
-    if (ready <= 0) {
-      mLastError = ready < 0 ? errno : ETIMEDOUT;
-      return -1;
-    }
-  }
+  if (!secureHasBufferedData() && !await(POLLIN, mReadTimeout, true)) return -1;
   ssize_t n;
   if (mSecureSocket) {
     n = mSecureSocket->read(buffer, length);
@@ -288,15 +314,22 @@ int TCPSocket::write(const char* buffer, int length) {
     return 0;
   }
   const Ticks start = Ticks::currentTime();
+  // A bounded write waits in poll, where its limits apply, and sends only
+  // what the socket takes at once; an unbounded one may block in send.
+  const bool bounded = writesBounded();
   int done = 0;
   while (done < length) {
+    if (bounded && !await(POLLOUT, mWriteTimeout, true)) break;
     ssize_t n;
     if (mSecureSocket) {
       n = mSecureSocket->write(buffer + done, length - done);
     } else {
       // MSG_NOSIGNAL: a vanished peer is an error return, never a SIGPIPE.
-      n = ::send(mFd, buffer + done, static_cast<size_t>(length - done), MSG_NOSIGNAL);
-      if (n < 0 && errno == EINTR) continue;
+      n = ::send(mFd, buffer + done, static_cast<size_t>(length - done),
+                 MSG_NOSIGNAL | (bounded ? MSG_DONTWAIT : 0));
+      if (n < 0 && (errno == EINTR || (bounded && (errno == EAGAIN || errno == EWOULDBLOCK)))) {
+        continue;
+      }
     }
     if (n <= 0) {
       mLastError = n < 0 ? errno : EPIPE;

@@ -1,19 +1,26 @@
 // TCPSocket: one IPv4 TCP socket, either side of a connection.
 //
 // The client side connects with a bounded wait; the server side binds,
-// listens and accepts. Reads honour an optional read time-out, writes send
-// everything or report failure, and an optional observer (TCPSpy) sees the
-// bytes. Connect and listen failures raise TCPSocket::exception; reads and
-// writes report failure by return value so that stream buffers can map it to
-// end of file. A socket object is used by one thread at a time, except that
-// shutdown() may be called from another thread to wake a blocked reader.
+// listens and accepts. Reads and writes honour optional time-outs, writes
+// send everything or report failure, and an optional observer (TCPSpy) sees
+// the bytes. Every wait can also be bounded by a deadline and ended from
+// outside by a cancel flag; these settings belong to the object and survive
+// close() and connect(). Connect and listen failures raise
+// TCPSocket::exception; reads and writes report failure by return value so
+// that stream buffers can map it to end of file, and getLastError() tells
+// ETIMEDOUT (time-out, deadline) and ECANCELED apart from a lost peer. A
+// socket object is used by one thread at a time, except that shutdown() may
+// be called, and the cancel flag set, from another thread.
 #ifndef UTIL_TCPSOCKET_H_
 #define UTIL_TCPSOCKET_H_
 
+#include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "util/Ticks.h"
@@ -55,8 +62,9 @@ class TCPSocket {
   TCPSocket& operator=(const TCPSocket&) = delete;
 
   // Connects to host (dotted address or name) and port, waiting at most
-  // timeoutMs for the connection. The descriptor is close-on-exec and
-  // blocking afterwards. Throws exception on any failure.
+  // timeoutMs for the connection (and never past the deadline or a cancel).
+  // The descriptor is close-on-exec and blocking afterwards. Throws
+  // exception on any failure.
   void connect(const std::string& host, int port, long timeoutMs);
 
   // Binds to address ("" or "0.0.0.0" for every interface) and port (0 picks
@@ -66,15 +74,18 @@ class TCPSocket {
 
   // Waits up to timeoutMs (-1: no limit) for a connection on a listening
   // socket. Returns the connected socket (close-on-exec), or null when the
-  // wait ended without one (time-out or an interrupting signal). Throws
-  // exception when the socket is not listening or accept fails otherwise.
+  // wait ended without one (time-out, deadline, cancel or an interrupting
+  // signal). Throws exception when the socket is not listening or accept
+  // fails otherwise.
   std::unique_ptr<TCPSocket> accept(int timeoutMs = -1);
 
   // Closes the descriptor (and drops the secure layer); safe when closed.
   void close();
   // Shuts both directions down without closing the descriptor, so that a
-  // read blocked in another thread returns at once.
-  void shutdown();
+  // read blocked in another thread returns at once. With reset, the close
+  // that follows resets the connection, so that a peer blocked writing to us
+  // fails at once instead of at its next window probe.
+  void shutdown(bool reset = false);
 
   // True while the descriptor is open (the peer may have gone away).
   bool isConnected() const { return mFd >= 0; }
@@ -94,6 +105,23 @@ class TCPSocket {
   // Milliseconds that read() waits for data; -1 (the default) waits for ever.
   void setReadTimeout(int ms) { mReadTimeout = ms; }
   int getReadTimeout() const { return mReadTimeout; }
+  // Writes wait at most ms (-1, the default: no limit) for the peer to take
+  // more bytes; a write that makes no progress for that long fails with
+  // getLastError() == ETIMEDOUT. Partial progress restarts the wait.
+  void setWriteTimeout(int ms) { mWriteTimeout = ms; }
+  int getWriteTimeout() const { return mWriteTimeout; }
+  // No wait (connect, accept, read, write, isReadable) goes past deadline,
+  // whatever the time-outs: once it has passed the call fails with
+  // ETIMEDOUT. A default Ticks() clears it.
+  void setDeadline(const Ticks& deadline) { mDeadline = deadline; }
+  // Waits check *flag at least every 100 ms and fail with ECANCELED once it
+  // is true. The flag must outlive the socket's use; null removes it.
+  void setCancelFlag(const std::atomic<bool>* flag) { mCancelFlag = flag; }
+  // Called when a read or write wait has run its whole read or write
+  // time-out without progress (not at the deadline, not when cancelled);
+  // returning true waits one more time-out, false fails the call with
+  // ETIMEDOUT. An empty handler always fails.
+  void setStallHandler(std::function<bool()> handler) { mStallHandler = std::move(handler); }
 
   // Enables TCP keep-alive probes so that a silently dead peer is noticed.
   // Returns false (and records the error) on failure.
@@ -135,10 +163,24 @@ class TCPSocket {
  private:
   bool secureHasBufferedData();
   [[noreturn]] void failAndClose(const std::string& message);
+  // True when writes must not block inside send() because some limit or the
+  // cancel flag has to be able to end them.
+  bool writesBounded() const;
+  // Waits until the descriptor reports one of events, for at most timeoutMs
+  // (-1: no limit) and within the deadline and the cancel flag; a stallable
+  // wait asks the stall handler when timeoutMs runs out. Returns false with
+  // mLastError set (ETIMEDOUT, ECANCELED, EINTR or poll's error) when the
+  // wait ended without the events.
+  bool await(short events, int timeoutMs, bool stallable);
+  bool fail(int error);
 
   int mFd;
   std::unique_ptr<TCPSecureLayer> mSecureSocket;
   int mReadTimeout;
+  int mWriteTimeout;
+  Ticks mDeadline;
+  const std::atomic<bool>* mCancelFlag;
+  std::function<bool()> mStallHandler;
   int mLastError;
   std::shared_ptr<TCPSpy> mSpy;
   Ticks mReadTicks;

@@ -11,6 +11,7 @@
 #include "support/FakeDaemon.h"
 #include "support/TempDir.h"
 #include "support/Thrown.h"
+#include "util/Ticks.h"
 
 namespace {
 
@@ -148,20 +149,39 @@ TEST_F(UploadManagerTest, SignalAbortsBetweenFiles) {
   EXPECT_EQ(err.str(), "\nAborting upload...\n");
 }
 
-TEST_F(UploadManagerTest, TimeLimitStopsAfterABlock) {
-  for (size_t size : {32768u, 32769u}) {
-    FakeDaemon daemon("127.0.0.2");
+// The time limit ends every wait on the head: the run aborts with the
+// timeout ending, on a new connection when the old one broke off, and the
+// head is not taken for lost (the next host is never tried).
+TEST_F(UploadManagerTest, TimeLimitEndsWaitsOnAStalledHead) {
+  struct Case {
+    int timeout;
+    long stallAfterDataBytes;
+    bool answerCommit;
+    std::string content;
+    std::vector<int> codes;
+  };
+  const Case cases[] = {
+      {0, -1, true, "x", {}},  // passed before the head was even reached
+      {2, 100000, true, TempDir::pattern(16 << 20), {kNew, kBegin, kFile, kNew, kAbort}},
+      {2, -1, false, "x", {kNew, kBegin, kFile, kCommit, kNew, kAbort}},
+  };
+  for (const Case& c : cases) {
+    FakeDaemon head("127.0.0.2"), next("127.0.0.3");
+    FakeDaemon::Script script;
+    script.stallAfterDataBytes = c.stallAfterDataBytes;
+    script.answerCommit = c.answerCommit;
+    head.setScriptFor(0, script);
     err.str("");
-    auto m = manager({&daemon}, false, 0);  // the deadline passes at once
-    EXPECT_FALSE(m->upload(file("f", TempDir::pattern(size)), "/d/f"));
-    // One block of 32768 went out; a 32769-byte file needed a second one.
-    // Inside a file's data the abort goes on a new connection to the head.
-    const bool midFile = size > 32768;
-    ASSERT_TRUE(daemon.waitForClosedConnections(midFile ? 2 : 1, 5000));
-    EXPECT_EQ(daemon.connection(0).data.size(), 32768u);
-    std::vector<int> codes = {kNew, kBegin, kFile, kAbort};
-    if (midFile) codes.insert(codes.begin() + 3, kNew);
-    EXPECT_EQ(daemon.allCodes(), codes);
+    auto m = manager({&head, &next}, false, c.timeout);
+    const Ticks start = Ticks::currentTime();
+    EXPECT_FALSE(m->upload(file("f", c.content), "/d/f"));
+    // Long before the stalled head would give up on its own (15 s).
+    EXPECT_LT((Ticks::currentTime() - start).seconds(), 10.0);
+    if (!c.codes.empty()) {  // the abort's connection
+      ASSERT_TRUE(head.waitForClosedConnections(1, 10000));
+    }
+    EXPECT_EQ(head.allCodes(), c.codes) << c.timeout;
+    EXPECT_EQ(next.connectionCount(), 0);
     EXPECT_EQ(err.str(), "\nAborting upload due to timeout...\n");
     EXPECT_EQ(thrownMessage<std::runtime_error>([&] { m->abortCheck(); }), "Time limited exceeded");
   }

@@ -60,6 +60,14 @@ struct FakeDaemon::Session {
     if (socket.write(bytes.data(), int(bytes.size())) != int(bytes.size())) throw ConnectionEnded();
   }
 
+  // Reads and answers nothing until the daemon stops (at most 15 s).
+  [[noreturn]] void stall() {
+    for (int i = 0; i < 1500 && !daemon.mStop; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    throw ConnectionEnded();
+  }
+
   void seen(int code) {
     std::function<void(int)> hook;
     {
@@ -103,6 +111,10 @@ struct FakeDaemon::Session {
         if (dataBytes >= script.closeAfterDataBytes) throw ConnectionEnded();
         chunk = std::min(chunk, script.closeAfterDataBytes - dataBytes);
       }
+      if (script.stallAfterDataBytes >= 0) {
+        if (dataBytes >= script.stallAfterDataBytes) stall();
+        chunk = std::min(chunk, script.stallAfterDataBytes - dataBytes);
+      }
       readExact(size_t(chunk), true);
       dataBytes += chunk;
       left -= chunk;
@@ -129,6 +141,7 @@ struct FakeDaemon::Session {
       } else {
         seen(code);
         if (code == kGetVersionOld) reply(WireBytes().i32(script.version));
+        else if (code == kCommit && !script.answerCommit) stall();
         else if (code == kCommit) reply(WireBytes().str(""));
         else if (code == kAbort) reply(WireBytes().i32(0));
         else throw ConnectionEnded();

@@ -60,6 +60,10 @@ class FakeDaemon {
     std::string fileText;
     std::string fileReply;          // after each file's data
     long closeAfterDataBytes = -1;  // close once this many data bytes came
+    // Like a stopped process: neither read nor answer any more once this many
+    // data bytes came (-1: never), or on a commit when answerCommit is false.
+    long stallAfterDataBytes = -1;
+    bool answerCommit = true;
     int replyDelayMs = 0;           // wait before every reply
   };
 

@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <thread>
 
 #include "support/FakeDaemon.h"
 #include "support/Thrown.h"
@@ -49,4 +52,137 @@ TEST(TCPSocketTest, ConnectFailures) {
   EXPECT_FALSE(refused.isConnected());
   EXPECT_EQ(TCPSocket::getHostIP("127.0.0.9"), "127.0.0.9");
   EXPECT_EQ(TCPSocket::getHostIP("localhost"), "127.0.0.1");
+}
+
+namespace {
+
+// A connected loopback pair: client and the server end accepted for it.
+struct SocketPair {
+  TCPSocket listener, client;
+  std::unique_ptr<TCPSocket> server;
+  SocketPair() {
+    listener.listen("127.0.0.1", 0);
+    client.connect("127.0.0.1", listener.getListenerPort(), 2000);
+    server = listener.accept(2000);
+  }
+};
+
+// Shuts the socket down after limitMs unless its wait ended first, so that
+// a wait the socket fails to end cannot hang the test (it then fails with
+// another error than the one expected).
+struct Watchdog {
+  Watchdog(TCPSocket& socket, int limitMs)
+      : mThread([this, &socket, limitMs] {
+          for (int waited = 0; waited < limitMs && !mDone; waited += 10) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+          }
+          if (!mDone) socket.shutdown();
+        }) {}
+  ~Watchdog() {
+    mDone = true;
+    mThread.join();
+  }
+  std::atomic<bool> mDone{false};
+  std::thread mThread;
+};
+
+// Writes 1 MiB chunks, at most 64 MiB, to a peer that does not read; true
+// when a write fell short.
+bool writeUntilFailure(TCPSocket& socket) {
+  const std::string chunk(1 << 20, 'x');
+  for (int i = 0; i < 64; ++i) {
+    if (socket.write(chunk.data(), int(chunk.size())) != int(chunk.size())) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+TEST(TCPSocketTest, WriteTimeoutCountsOnlyTimeWithoutProgress) {
+  SocketPair stalled;
+  Watchdog watchdog(stalled.client, 10000);
+  stalled.client.setWriteTimeout(200);
+  EXPECT_TRUE(writeUntilFailure(stalled.client));
+  EXPECT_EQ(stalled.client.getLastError(), ETIMEDOUT);
+
+  // A peer that keeps taking bytes, if slowly, never lets the write time
+  // out, however long the whole write takes.
+  SocketPair slow;
+  Watchdog slowWatchdog(slow.client, 20000);
+  slow.server->setReadTimeout(10000);
+  std::thread reader([&] {
+    std::vector<char> buffer(32 << 10);
+    for (int i = 0; i < 100000 && slow.server->read(buffer.data(), int(buffer.size())) > 0; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  });
+  slow.client.setWriteTimeout(500);
+  const std::string data(10 << 20, 'y');
+  const Ticks start = Ticks::currentTime();
+  EXPECT_EQ(slow.client.write(data.data(), int(data.size())), int(data.size()));
+  EXPECT_GT((Ticks::currentTime() - start).seconds(), 1.0);  // at least twice the time-out
+  slow.client.close();
+  reader.join();
+}
+
+TEST(TCPSocketTest, StallHandlerAndDeadlineEndReads) {
+  SocketPair p;
+  char byte;
+  int stalls = 0;
+  p.client.setStallHandler([&] { return ++stalls == 1; });  // one more time-out, then fail
+  p.client.setReadTimeout(100);
+  EXPECT_EQ(p.client.read(&byte, 1), -1);
+  EXPECT_EQ(p.client.getLastError(), ETIMEDOUT);
+  EXPECT_EQ(stalls, 2);
+
+  // The deadline comes first and does not count as a stall.
+  stalls = 0;
+  p.client.setReadTimeout(5000);
+  p.client.setDeadline(Ticks::currentTime() + Ticks(200000000));
+  EXPECT_EQ(p.client.read(&byte, 1), -1);
+  EXPECT_EQ(p.client.getLastError(), ETIMEDOUT);
+  EXPECT_EQ(stalls, 0);
+  EXPECT_FALSE(p.client.isReadable(5000));
+  EXPECT_EQ(p.client.getLastError(), ETIMEDOUT);
+}
+
+TEST(TCPSocketTest, CancelFlagEndsBlockedReadAndWrite) {
+  SocketPair p;
+  Watchdog watchdog(p.client, 10000);
+  std::atomic<bool> cancel{false};
+  p.client.setCancelFlag(&cancel);
+  for (bool writing : {false, true}) {
+    cancel = false;
+    std::thread canceller([&] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(300));
+      cancel = true;
+    });
+    char byte;
+    if (writing) {
+      EXPECT_TRUE(writeUntilFailure(p.client));
+    } else {
+      EXPECT_EQ(p.client.read(&byte, 1), -1);
+    }
+    canceller.join();
+    EXPECT_EQ(p.client.getLastError(), ECANCELED) << writing;
+  }
+}
+
+TEST(TCPSocketTest, ConnectHonoursCancelAndDeadline) {
+  TCPSocket listener;
+  listener.listen("127.0.0.1", 0);
+  const int port = listener.getListenerPort();
+  TCPSocket s;
+  std::atomic<bool> cancel{true};
+  s.setCancelFlag(&cancel);
+  EXPECT_EQ(thrownMessage<TCPSocket::exception>([&] { s.connect("127.0.0.1", port, 2000); }),
+            "couldn't connect to server: cancelled");
+  cancel = false;
+  s.setDeadline(Ticks::currentTime());
+  EXPECT_EQ(thrownMessage<TCPSocket::exception>([&] { s.connect("127.0.0.1", port, 2000); }),
+            "couldn't connect to server: timed out");
+  EXPECT_EQ(s.getLastError(), ETIMEDOUT);
+  s.setDeadline(Ticks());
+  s.connect("127.0.0.1", port, 2000);
+  EXPECT_TRUE(s.isConnected());
 }

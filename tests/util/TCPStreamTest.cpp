@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+
 #include "support/FakeDaemon.h"
 #include "support/TempDir.h"
 #include "util/CRC.h"
@@ -63,4 +65,19 @@ TEST(TCPStreamTest, ChecksummedBlocks) {
   EXPECT_EQ(readN(*p.server, 2), "xy");
   EXPECT_EQ(mismatches, 1);
   EXPECT_TRUE(p.server->crcMismatch());
+}
+
+TEST(TCPStreamTest, TimedOutReadRaisesAndSettingsSurviveReconnect) {
+  TCPSocket listener;
+  listener.listen("127.0.0.1", 0);
+  TCPStream stream;
+  int stalls = 0;
+  stream.socket().setReadTimeout(50);
+  stream.socket().setStallHandler([&] { return ++stalls < 0; });
+  for (int round = 1; round <= 2; ++round) {  // connect() reuses the socket object
+    stream.connect("127.0.0.1", listener.getListenerPort(), 2000);
+    EXPECT_THROW(stream.get(), std::ios_base::failure);
+    EXPECT_EQ(stream.socket().getLastError(), ETIMEDOUT);
+    EXPECT_EQ(stalls, round);
+  }
 }
