@@ -6,6 +6,7 @@
 #include <fstream>
 
 #include "hopperd/StagedFile.h"
+#include "hopperd/TargetPath.h"
 #include "util/Logger.h"
 #include "util/StringUtilities.h"
 
@@ -42,19 +43,46 @@ bool endsWith(const std::string& s, const std::string& tail) {
   return s.size() > tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
 }
 
-}  // namespace
-
-Journal::Journal(const std::string& stateDir, std::string sessionId)
-    : mPath(stateDir + "/" + sessionId + kExtension), mSessionId(std::move(sessionId)) {}
-
-bool Journal::append(char kind, const std::string& path, std::string& error) {
-  if (!mFd) {
-    mFd = System::openForWrite(mPath, 0600, O_APPEND);
-    if (!mFd) {
-      error = "Unable to open journal " + mPath + ": " + System::getErrorMessageStr();
-      return false;
+// Only what the session could have made: normalised paths, staged names.
+void removeLeftovers(const Journal::Contents& contents) {
+  const TargetPath paths(contents.mRoot, {});
+  const auto normal = [](const std::string& path) { return TargetPath::normalize(path) == path; };
+  for (const std::string& staged : contents.mStagedFiles) {
+    const std::string name = TargetPath::nameOf(staged);
+    if (normal(staged) && StagedFile::isStagedName(name, contents.mSessionId)) {
+      paths.removeFile(staged);
     }
   }
+  // Deepest first: created parents come before their children in the file.
+  for (auto it = contents.mDirectories.rbegin(); it != contents.mDirectories.rend(); ++it) {
+    if (normal(*it)) paths.removeDirectory(*it);
+  }
+}
+
+}  // namespace
+
+Journal::Journal(const std::string& stateDir, std::string sessionId, std::string root)
+    : mStateDir(stateDir),
+      mPath(stateDir + "/" + sessionId + kExtension),
+      mSessionId(std::move(sessionId)),
+      mRoot(std::move(root)) {}
+
+bool Journal::open(std::string& error) {
+  mFd = System::openForWrite(mPath, 0600, O_APPEND);
+  const std::string head = "R " + escape(mRoot) + "\n";
+  bool ok = mFd && System::writeAll(mFd.get(), head.data(), head.size());
+  if (ok) {  // the journal's own directory entry must survive a crash like its records
+    const System::FileDescriptor dir = System::openDirectory(mStateDir, true);
+    ok = dir && System::syncFile(dir.get());
+  }
+  if (ok) return true;
+  error = "Unable to start journal " + mPath + ": " + System::getErrorMessageStr();
+  mFd.close();
+  return false;
+}
+
+bool Journal::append(char kind, const std::string& path, std::string& error) {
+  if (!mFd && !open(error)) return false;
   const std::string line = std::string(1, kind) + " " + escape(path) + "\n";
   if (!System::writeAll(mFd.get(), line.data(), line.size())) {
     error = "Unable to write journal " + mPath + ": " + System::getErrorMessageStr();
@@ -63,12 +91,15 @@ bool Journal::append(char kind, const std::string& path, std::string& error) {
   return true;
 }
 
-bool Journal::recordStagedFile(const std::string& path, std::string& error) {
-  return append('F', path, error);
+bool Journal::recordStagedFile(const std::string& remote, std::string& error) {
+  return append('F', remote, error);
 }
 
-bool Journal::recordDirectory(const std::string& path, std::string& error) {
-  return append('D', path, error);
+bool Journal::recordDirectory(const std::string& remote, std::string& error) {
+  if (!append('D', remote, error)) return false;
+  if (System::syncData(mFd.get())) return true;
+  error = "Unable to flush journal " + mPath + ": " + System::getErrorMessageStr();
+  return false;
 }
 
 void Journal::remove() {
@@ -83,8 +114,11 @@ bool Journal::read(const std::string& journalPath, Contents& out) {
   out.mSessionId = name.substr(0, name.size() - std::min(name.size(), kExtension.size()));
   std::string line;
   while (std::getline(*in, line)) {
-    if (line.size() < 3 || line[1] != ' ') continue;  // a torn last record
+    // A record without its line end was torn by a crash: its path may be
+    // a prefix of the real one.
+    if (in->eof() || line.size() < 3 || line[1] != ' ') continue;
     const std::string path = unescape(line.substr(2));
+    if (line[0] == 'R') out.mRoot = path;
     if (line[0] == 'F') out.mStagedFiles.push_back(path);
     if (line[0] == 'D') out.mDirectories.push_back(path);
   }
@@ -101,13 +135,7 @@ int Journal::cleanUp(const std::string& stateDir) {
     const std::string journalPath = stateDir + "/" + name;
     Contents contents;
     if (!read(journalPath, contents)) continue;
-    for (const std::string& staged : contents.mStagedFiles) {
-      if (StagedFile::isStagedPath(staged, contents.mSessionId)) System::removeFile(staged);
-    }
-    // Deepest first: created parents come before their children in the file.
-    for (auto it = contents.mDirectories.rbegin(); it != contents.mDirectories.rend(); ++it) {
-      System::removeDirectory(*it);
-    }
+    if (!contents.mRoot.empty()) removeLeftovers(contents);
     System::removeFile(journalPath);
     HC_LOG_INFO("Removed the leftovers of unfinished session " << contents.mSessionId << " ("
                 << contents.mStagedFiles.size() << " staged files)");

@@ -1,7 +1,9 @@
 // The on-disk record of what one session made: its staged files and the
-// directories it created. A staged path is recorded before the file is
-// created, so a daemon restarted after a crash finds and removes the leftovers
-// of every session that never committed.
+// directories it created, as remote paths under the root the journal names.
+// Each is recorded before it is made, and a directory record reaches the disk
+// before the directory does, so a daemon restarted after a crash finds and
+// removes the leftovers of every session that never committed. Clean-up walks
+// from the root like the session did, following no symbolic link.
 #ifndef HC_HOPPERD_JOURNAL_H
 #define HC_HOPPERD_JOURNAL_H
 
@@ -13,16 +15,17 @@
 class Journal {
  public:
   // The journal of a session lives at stateDir/<sessionId>.journal; the file
-  // is created by the first record.
-  Journal(const std::string& stateDir, std::string sessionId);
+  // is created by the first record, which names root (the daemon's root).
+  Journal(const std::string& stateDir, std::string sessionId, std::string root);
   Journal(const Journal&) = delete;
   Journal& operator=(const Journal&) = delete;
 
   const std::string& path() const { return mPath; }
 
-  // Append one record. False with the error text on failure.
-  bool recordStagedFile(const std::string& path, std::string& error);
-  bool recordDirectory(const std::string& path, std::string& error);
+  // Append one record of a normalised remote path. A directory record is
+  // flushed to disk before returning. False with the error text on failure.
+  bool recordStagedFile(const std::string& remote, std::string& error);
+  bool recordDirectory(const std::string& remote, std::string& error);
 
   // Deletes the journal: the session has ended.
   void remove();
@@ -30,6 +33,7 @@ class Journal {
   // What a journal file holds, in record order.
   struct Contents {
     std::string mSessionId;
+    std::string mRoot;  // empty when the journal was torn before its first record
     std::vector<std::string> mStagedFiles;
     std::vector<std::string> mDirectories;
   };
@@ -38,14 +42,18 @@ class Journal {
 
   // For every journal in stateDir: removes its staged files (only names that
   // are staged names of that session), then its directories that are empty,
-  // deepest first, then the journal. Returns the number of journals handled.
+  // deepest first, each reached from its root without following a link; then
+  // the journal. Returns the number of journals handled.
   static int cleanUp(const std::string& stateDir);
 
  private:
+  bool open(std::string& error);
   bool append(char kind, const std::string& path, std::string& error);
 
+  std::string mStateDir;
   std::string mPath;
   std::string mSessionId;
+  std::string mRoot;
   System::FileDescriptor mFd;
 };
 

@@ -1,55 +1,106 @@
 #include "hopperd/StagedFile.h"
 
-#include <fcntl.h>
+#include <cerrno>
+#include <cstdio>
 
 #include "util/StringUtilities.h"
-#include "util/pathfun.h"
 
 namespace {
 
 const char kSuffix[] = ".staged";
-const std::string::size_type kMaxName = 255;
+// Room kept for "-<attempt>", so that every attempt keeps the same prefix.
+const std::string::size_type kAttemptRoom = 4;
+const int kMaxAttempts = 1000;
 
-std::string suffixFor(const std::string& sessionId) { return "." + sessionId + kSuffix; }
+// 64-bit FNV-1a: cheap, and ample to tell apart the names that share a prefix.
+std::string hashText(const std::string& text) {
+  uint64_t hash = 0xcbf29ce484222325u;
+  for (unsigned char c : text) {
+    hash ^= c;
+    hash *= 0x100000001b3u;
+  }
+  char hex[17];
+  std::snprintf(hex, sizeof hex, "%016llx", static_cast<unsigned long long>(hash));
+  return hex;
+}
 
 }  // namespace
 
-std::string StagedFile::pathFor(const std::string& localTarget, const std::string& sessionId) {
-  const std::string suffix = suffixFor(sessionId);
-  std::string name = getFileName(localTarget);
-  if (1 + name.size() + suffix.size() > kMaxName) name.resize(kMaxName - 1 - suffix.size());
-  return getDirectoryName(localTarget) + "/." + name + suffix;
+std::string StagedFile::nameFor(const std::string& targetName, const std::string& sessionId,
+                                int attempt) {
+  const std::string suffix = "." + sessionId + kSuffix;
+  std::string tag = "." + hashText(targetName);
+  if (attempt > 0) tag += "-" + std::to_string(attempt);
+  const std::string::size_type fixed = 1 + 1 + 16 + kAttemptRoom + suffix.size();
+  const std::string::size_type room =
+      fixed < TargetPath::kMaxName ? TargetPath::kMaxName - fixed : 0;
+  return "." + targetName.substr(0, room) + tag + suffix;
 }
 
-bool StagedFile::isStagedPath(const std::string& path, const std::string& sessionId) {
-  const std::string name = getFileName(path);
-  const std::string suffix = suffixFor(sessionId);
+bool StagedFile::isStagedName(const std::string& name, const std::string& sessionId) {
+  const std::string suffix = "." + sessionId + kSuffix;
   return name.size() > suffix.size() + 1 && name[0] == '.' &&
+         name.find('/') == std::string::npos &&
          name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
-StagedFile::StagedFile(std::string localTarget, const std::string& sessionId)
-    : mTarget(std::move(localTarget)), mPath(pathFor(mTarget, sessionId)) {}
-
-std::string StagedFile::failure(const std::string& what) const {
-  return what + " " + mPath + ": " + System::getErrorMessageStr();
+StagedFile::StagedFile(const TargetPath& paths, std::string remoteTarget, std::string sessionId)
+    : mPaths(paths), mRemoteTarget(std::move(remoteTarget)), mSessionId(std::move(sessionId)) {
+  setName(0);
 }
 
-bool StagedFile::create(std::string& error) {
-  mFd = System::openForWrite(mPath, 0600, O_TRUNC);
+std::string StagedFile::remoteStaged() const {
+  const std::string dir = TargetPath::directoryOf(mRemoteTarget);
+  return (dir == "/" ? "" : dir) + "/" + mName;
+}
+
+void StagedFile::setName(int attempt) {
+  mAttempt = attempt;
+  mName = nameFor(TargetPath::nameOf(mRemoteTarget), mSessionId, attempt);
+  mPath = mPaths.local(remoteStaged());
+}
+
+bool StagedFile::create(int parentFd, const BeforeCreate& beforeCreate, std::string& error) {
+  close();
   mSize = 0;
-  if (!mFd) error = failure("Unable to create");
-  return mFd.valid();
+  if (mExists) {
+    System::removeFileAt(parentFd, mName);
+    mExists = false;
+  }
+  for (;;) {
+    if (beforeCreate && !beforeCreate(remoteStaged(), error)) return false;
+    mFd = System::createExclusiveAt(parentFd, mName, 0600);
+    if (mFd) {
+      mExists = true;
+      return true;
+    }
+    // EEXIST: the name is another file's (a hash shared by two targets).
+    if (errno != EEXIST || mAttempt + 1 >= kMaxAttempts) break;
+    setName(mAttempt + 1);
+  }
+  error = "Unable to stage " + mRemoteTarget + ": " + System::getErrorMessageStr();
+  return false;
+}
+
+System::FileDescriptor StagedFile::openExisting(bool forWrite, std::string& error) const {
+  System::FileDescriptor parent = mPaths.openParent(mRemoteTarget, error);
+  if (!parent) return parent;
+  System::FileDescriptor fd = System::openFileAt(parent.get(), mName, forWrite);
+  if (!fd) {
+    System::SaveError keep;  // readAt reports errno
+    error = "Staged copy of " + mRemoteTarget + ": " + System::getErrorMessageStr();
+  }
+  return fd;
 }
 
 bool StagedFile::reopen(std::string& error) {
-  mFd = System::openForWrite(mPath, 0600, O_APPEND);
+  mFd = openExisting(true, error);
   FileAttributes attrs;
   if (mFd && attrs.statFd(mFd.get())) {
     mSize = attrs.mSize;
+    mExists = true;
     return true;
   }
-  error = failure("Unable to reopen");
   mFd.close();
   return false;
 }
@@ -57,7 +108,8 @@ bool StagedFile::reopen(std::string& error) {
 bool StagedFile::append(const char* data, size_t n, std::string& error) {
   if (!mFd && !reopen(error)) return false;
   if (!System::writeAll(mFd.get(), data, n)) {
-    error = failure("Error writing");
+    error = "Error writing " + mRemoteTarget + ": " + System::getErrorMessageStr();
+    discard();
     return false;
   }
   mSize += int64_t(n);
@@ -65,36 +117,69 @@ bool StagedFile::append(const char* data, size_t n, std::string& error) {
 }
 
 ssize_t StagedFile::readAt(char* buf, size_t n, int64_t offset) const {
-  if (!mReader) mReader = System::openForRead(mPath, false);
-  if (!mReader) return -1;
+  if (!mReader) {
+    std::string ignored;
+    mReader = openExisting(false, ignored);
+    if (!mReader) return -1;
+  }
   return System::preadSome(mReader.get(), buf, n, offset);
 }
 
-bool StagedFile::commit(int mode, std::string& error) {
-  if (!mFd) {
-    mFd = System::openForWrite(mPath, 0600, O_APPEND);
-    if (!mFd) {
-      error = failure("Unable to open");
-      return false;
-    }
-  }
-  if (!System::syncFile(mFd.get())) {
-    error = failure("Error flushing");
-    return false;
-  }
-  if (!System::changeMode(mFd.get(), mode & 0777)) {
-    error = failure("Unable to set the mode of");
-    return false;
-  }
+System::FileDescriptor StagedFile::prepare(int64_t expectedSize, int mode, std::string& error) {
   close();
-  if (!System::move(mPath, mTarget)) {
-    error = "Unable to rename " + mPath + " to " + mTarget + ": " + System::getErrorMessageStr();
+  // A fresh walk: the directories may have been swapped since staging.
+  std::string reason;
+  const System::FileDescriptor parent = mPaths.openParent(mRemoteTarget, reason);
+  if (!parent) {
+    error = mRemoteTarget + ": " + reason;
+    return System::FileDescriptor();
+  }
+  System::FileDescriptor fd = System::openFileAt(parent.get(), mName, false);
+  FileAttributes attrs;
+  if (!fd || !attrs.statFd(fd.get())) {
+    error = mRemoteTarget + ": the staged copy is lost: " + System::getErrorMessageStr();
+    return System::FileDescriptor();
+  }
+  if (attrs.mSize != expectedSize) {
+    error = mRemoteTarget + ": the staged copy holds " + std::to_string(attrs.mSize) + " of " +
+            std::to_string(expectedSize) + " bytes";
+    return System::FileDescriptor();
+  }
+  if (!System::changeMode(fd.get(), mode & 0777)) {
+    error = "Unable to set the mode of " + mRemoteTarget + ": " + System::getErrorMessageStr();
+    return System::FileDescriptor();
+  }
+  return fd;
+}
+
+bool StagedFile::moveInto(int parentFd, std::string& error) {
+  if (!System::renameAt(parentFd, mName, parentFd, TargetPath::nameOf(mRemoteTarget))) {
+    error = "Unable to move into place " + mRemoteTarget + ": " + System::getErrorMessageStr();
     return false;
   }
+  mExists = false;
   return true;
+}
+
+bool StagedFile::commit(int64_t expectedSize, int mode, std::string& error) {
+  const System::FileDescriptor fd = prepare(expectedSize, mode, error);
+  if (!fd) return false;
+  if (!System::syncFile(fd.get())) {
+    error = "Error flushing " + mRemoteTarget + ": " + System::getErrorMessageStr();
+    return false;
+  }
+  std::string reason;
+  const System::FileDescriptor parent = mPaths.openParent(mRemoteTarget, reason);
+  if (!parent) {
+    error = mRemoteTarget + ": " + reason;
+    return false;
+  }
+  return moveInto(parent.get(), error);
 }
 
 void StagedFile::discard() {
   close();
-  System::removeFile(mPath);
+  if (!mExists) return;
+  mExists = false;
+  mPaths.removeFile(remoteStaged());
 }

@@ -1,40 +1,58 @@
 // The bytes of one file in flight: a hidden file beside its target, on the
 // same file system, so that committing is one atomic rename and nothing is
 // visible at the target before it. The staged file is private (0600) until
-// commit gives it the announced permission bits.
+// commit gives it the announced permission bits. It is reached only through
+// its TargetPath's walk, which follows no symbolic link, and it is created
+// exclusively, so it is never confused with another file; only the
+// descriptors of the bytes being written or read back stay open.
 #ifndef HC_HOPPERD_STAGEDFILE_H
 #define HC_HOPPERD_STAGEDFILE_H
 
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
+#include "hopperd/TargetPath.h"
 #include "util/System.h"
 
 class StagedFile {
  public:
-  // ".<name>.<sessionId>.staged" in the directory of localTarget; the name
-  // part is shortened when the result would exceed 255 bytes.
-  static std::string pathFor(const std::string& localTarget, const std::string& sessionId);
-  // True when the last component of path is a staged name of the session.
-  static bool isStagedPath(const std::string& path, const std::string& sessionId);
+  // Called with the remote path of a staged file just before it is created
+  // (to journal it); false with error set refuses the file.
+  using BeforeCreate = std::function<bool(const std::string& remoteStaged, std::string& error)>;
 
-  StagedFile(std::string localTarget, const std::string& sessionId);
+  // "." + a prefix of targetName + "." + 16 hex digits of a hash of all of
+  // targetName, "-" + attempt when attempt > 0, + "." + sessionId +
+  // ".staged". At most 255 bytes for a session identifier of up to 64.
+  static std::string nameFor(const std::string& targetName, const std::string& sessionId,
+                             int attempt);
+  // True when name (one component) is a staged name of the session.
+  static bool isStagedName(const std::string& name, const std::string& sessionId);
+
+  // remoteTarget is normalised; paths must outlive this object.
+  StagedFile(const TargetPath& paths, std::string remoteTarget, std::string sessionId);
   StagedFile(const StagedFile&) = delete;
   StagedFile& operator=(const StagedFile&) = delete;
 
+  const std::string& remoteTarget() const { return mRemoteTarget; }
+  // The staged file's name and its local path (for messages).
+  const std::string& name() const { return mName; }
   const std::string& path() const { return mPath; }
   // Bytes staged so far.
   int64_t size() const { return mSize; }
 
-  // Creates the staged file empty, replacing an earlier one. False with the
-  // error text (naming the path) on failure.
-  bool create(std::string& error);
+  // Creates the staged file empty in parentFd, the target's directory, after
+  // removing the one this object created before (a re-announced target).
+  // When the name belongs to another file, takes the next attempt's name.
+  // False with the error text (naming the remote target) on failure.
+  bool create(int parentFd, const BeforeCreate& beforeCreate, std::string& error);
   // Opens the existing staged file to append to it (a resumed file); its
   // size becomes the bytes staged. False with the error text on failure.
   bool reopen(std::string& error);
-  // Appends n bytes at the end. False with the error text on failure.
+  // Appends n bytes at the end. On failure removes the staged file, so that
+  // its space comes back, and returns false with the error text.
   bool append(const char* data, size_t n, std::string& error);
   // Reads up to n bytes at offset from the staged copy (to re-send a gap).
   // Returns the count read, 0 at the end, -1 with errno set on failure. The
@@ -45,17 +63,34 @@ class StagedFile {
     mFd.close();
     mReader.close();
   }
-  // Flushes the bytes to disk, applies mode & 0777 and renames the staged
-  // file onto the target. False with the error text on failure.
-  bool commit(int mode, std::string& error);
-  // Removes the staged file; a missing one is fine.
+  // First step of commit: finds the staged file by a fresh walk, checks that
+  // it holds exactly expectedSize bytes and applies mode & 0777. Returns it
+  // open (its file system is to be flushed before the rename), or an invalid
+  // descriptor with the error text. A missing or short staged file fails;
+  // nothing is ever re-created.
+  System::FileDescriptor prepare(int64_t expectedSize, int mode, std::string& error);
+  // Second step, once the bytes are durable: renames the staged file onto
+  // its target in parentFd, the target's directory reached by a fresh walk
+  // (TargetPath::openParent). False with the error text on failure.
+  bool moveInto(int parentFd, std::string& error);
+  // Both steps with a flush of this file alone (tests, single files).
+  bool commit(int64_t expectedSize, int mode, std::string& error);
+  // Removes the staged file this object made; a missing one is fine.
   void discard();
 
  private:
-  std::string failure(const std::string& what) const;
+  void setName(int attempt);
+  std::string remoteStaged() const;
+  // The staged file by a fresh walk: appending, or reading.
+  System::FileDescriptor openExisting(bool forWrite, std::string& error) const;
 
-  std::string mTarget;
+  const TargetPath& mPaths;
+  const std::string mRemoteTarget;
+  const std::string mSessionId;
+  int mAttempt = 0;
+  std::string mName;
   std::string mPath;
+  bool mExists = false;  // made (or reopened) by this object and not yet gone
   System::FileDescriptor mFd;
   mutable System::FileDescriptor mReader;  // opened by the first readAt
   int64_t mSize = 0;

@@ -10,14 +10,16 @@ namespace {
 
 std::string quoted(const std::string& s) { return "\"" + s + "\""; }
 
-// "/a/b/c" -> {"/a", "/a/b"}: the proper ancestors below "/".
-std::vector<std::string> parentsOf(const std::string& target) {
-  std::vector<std::string> parents;
-  for (std::string::size_type pos = target.find('/', 1); pos != std::string::npos;
-       pos = target.find('/', pos + 1)) {
-    parents.push_back(target.substr(0, pos));
+// True when no component of the normalised path is longer than a name may be.
+bool namesFit(const std::string& path) {
+  std::string::size_type start = 1;
+  while (start < path.size()) {
+    std::string::size_type end = path.find('/', start);
+    if (end == std::string::npos) end = path.size();
+    if (end - start > TargetPath::kMaxName) return false;
+    start = end + 1;
   }
-  return parents;
+  return true;
 }
 
 bool validBaseName(const std::string& base) {
@@ -30,6 +32,10 @@ bool validBaseName(const std::string& base) {
 TargetPath::TargetPath(std::string root, std::vector<std::string> allowed)
     : mRoot(normalize(root).value_or("/")), mAllowed(std::move(allowed)) {
   if (mRoot == "/") mRoot.clear();
+  // The root is the administrator's choice, so a link there is followed;
+  // nothing below it ever is.
+  mRootFd = System::openDirectory(mRoot.empty() ? "/" : mRoot, true);
+  if (!mRootFd) mRootError = errno;
 }
 
 std::optional<std::string> TargetPath::normalize(const std::string& remote) {
@@ -82,9 +88,91 @@ std::string TargetPath::local(const std::string& normalizedRemote) const {
   return mRoot.empty() ? normalizedRemote : mRoot + normalizedRemote;
 }
 
+std::string TargetPath::directoryOf(const std::string& remote) {
+  const std::string::size_type slash = remote.rfind('/');
+  return slash == 0 || slash == std::string::npos ? "/" : remote.substr(0, slash);
+}
+
+std::string TargetPath::nameOf(const std::string& remote) {
+  return remote.substr(remote.rfind('/') + 1);
+}
+
+System::FileDescriptor TargetPath::walk(const std::string& dir, bool create,
+                                        const BeforeMakeDirectory& beforeMake,
+                                        std::vector<std::string>* created,
+                                        std::string& reason) const {
+  if (!mRootFd) {
+    reason = "Root directory " + quoted(mRoot.empty() ? "/" : mRoot) + ": " +
+             System::errorText(mRootError);
+    errno = mRootError;
+    return System::FileDescriptor();
+  }
+  System::FileDescriptor current = System::openDirectoryAt(mRootFd.get(), ".");
+  for (std::string::size_type pos = 1; current && pos < dir.size();) {
+    std::string::size_type end = dir.find('/', pos);
+    if (end == std::string::npos) end = dir.size();
+    const std::string name = dir.substr(pos, end - pos);
+    const std::string sofar = dir.substr(0, end);
+    pos = end + 1;
+    if (name.empty() || name == "." || name == "..") {  // only normalised paths come here
+      errno = EINVAL;
+      reason = quoted(dir) + ": " + System::errorText(EINVAL);
+      return System::FileDescriptor();
+    }
+    System::FileDescriptor next = System::openDirectoryAt(current.get(), name);
+    if (!next && errno == ENOENT && create) {
+      if (beforeMake && !beforeMake(sofar, reason)) return System::FileDescriptor();
+      if (System::makeDirectoryAt(current.get(), name, 0755)) {
+        created->push_back(sofar);
+      } else if (errno != EEXIST) {  // EEXIST: made meanwhile, opened below like any other
+        System::SaveError keep;
+        reason = "Unable to create directory " + sofar + ": " + System::getErrorMessageStr();
+        return System::FileDescriptor();
+      }
+      next = System::openDirectoryAt(current.get(), name);
+    }
+    if (!next) {
+      System::SaveError keep;
+      reason = sofar + ": " + System::getErrorMessageStr();
+    }
+    current = std::move(next);
+  }
+  return current;
+}
+
+System::FileDescriptor TargetPath::openParent(const std::string& remote,
+                                              std::string& reason) const {
+  return walk(directoryOf(remote), false, nullptr, nullptr, reason);
+}
+
+bool TargetPath::isDirectory(const std::string& remote) const {
+  if (remote == "/") return true;
+  std::string ignored;
+  const System::FileDescriptor parent = openParent(remote, ignored);
+  FileAttributes attrs;
+  return parent && attrs.statAt(parent.get(), nameOf(remote), DONT_FOLLOW_SYMLINK) &&
+         attrs.isDirectory();
+}
+
+bool TargetPath::removeFile(const std::string& remote) const {
+  std::string ignored;
+  const System::FileDescriptor parent = openParent(remote, ignored);
+  return parent && System::removeFileAt(parent.get(), nameOf(remote));
+}
+
+bool TargetPath::removeDirectory(const std::string& remote) const {
+  std::string ignored;
+  const System::FileDescriptor parent = openParent(remote, ignored);
+  return parent && System::removeDirectoryAt(parent.get(), nameOf(remote));
+}
+
+void TargetPath::removeDirectories(const std::vector<std::string>& dirs) const {
+  for (auto it = dirs.rbegin(); it != dirs.rend(); ++it) removeDirectory(*it);
+}
+
 bool TargetPath::resolve(const std::string& remote, const std::string& baseName,
                          const std::set<std::string>& knownDirs, Resolution& out,
-                         std::string& reason) const {
+                         std::string& reason, const BeforeMakeDirectory& beforeMake) const {
   const std::optional<std::string> norm = normalize(remote);
   if (!norm) {
     reason = "Remote path " + quoted(remote) + " must be absolute and free of \"..\"";
@@ -94,9 +182,17 @@ bool TargetPath::resolve(const std::string& remote, const std::string& baseName,
     reason = "Remote path " + quoted(remote) + " lies outside the allowed paths";
     return false;
   }
-  FileAttributes attrs;
-  const bool intoDirectory = remote.back() == '/' || knownDirs.count(*norm) > 0 ||
-                             (attrs.stat(local(*norm), DONT_FOLLOW_SYMLINK) && attrs.isDirectory());
+  // Refused before anything is made, rather than failing half-way down.
+  if (!namesFit(*norm)) {
+    reason = "Remote path " + quoted(remote) + ": " + System::errorText(ENAMETOOLONG);
+    return false;
+  }
+  if (baseName.size() > kMaxName) {
+    reason = "File name " + quoted(baseName) + ": " + System::errorText(ENAMETOOLONG);
+    return false;
+  }
+  const bool intoDirectory =
+      remote.back() == '/' || knownDirs.count(*norm) > 0 || isDirectory(*norm);
   out.mTarget = *norm;
   if (intoDirectory) {
     if (!validBaseName(baseName)) {
@@ -110,9 +206,13 @@ bool TargetPath::resolve(const std::string& remote, const std::string& baseName,
     return false;
   }
   out.mLocal = local(out.mTarget);
-  if (!makeParents(out.mTarget, out, reason)) return false;
+  out.mParent = walk(directoryOf(out.mTarget), true, beforeMake, &out.mCreatedDirs, reason);
+  if (!out.mParent) {
+    reason = out.mTarget + ": " + reason;
+    return false;
+  }
   FileAttributes existing;
-  if (existing.stat(out.mLocal, DONT_FOLLOW_SYMLINK)) {
+  if (existing.statAt(out.mParent.get(), nameOf(out.mTarget), DONT_FOLLOW_SYMLINK)) {
     if (existing.isDirectory()) {
       reason = out.mTarget + ": " + System::errorText(EISDIR);
       return false;
@@ -121,43 +221,6 @@ bool TargetPath::resolve(const std::string& remote, const std::string& baseName,
       reason = out.mTarget + ": " + System::errorText(ELOOP);
       return false;
     }
-  }
-  return true;
-}
-
-bool TargetPath::makeParents(const std::string& target, Resolution& out,
-                             std::string& reason) const {
-  FileAttributes rootAttrs;
-  const std::string root = mRoot.empty() ? "/" : mRoot;
-  if (!rootAttrs.stat(root, FOLLOW_SYMLINK)) {
-    reason = "Root directory " + quoted(root) + ": " + System::getErrorMessageStr();
-    return false;
-  }
-  if (!rootAttrs.isDirectory()) {
-    reason = "Root directory " + quoted(root) + ": " + System::errorText(ENOTDIR);
-    return false;
-  }
-  for (const std::string& dir : parentsOf(target)) {
-    const std::string path = local(dir);
-    FileAttributes attrs;
-    if (attrs.stat(path, DONT_FOLLOW_SYMLINK)) {
-      if (attrs.isDirectory()) continue;
-      reason = dir + ": " + System::errorText(ENOTDIR);
-      return false;
-    }
-    if (errno != ENOENT) {
-      reason = dir + ": " + System::getErrorMessageStr();
-      return false;
-    }
-    if (System::makeDirectory(path, 0755)) {
-      out.mCreatedDirs.push_back(dir);
-      continue;
-    }
-    // Someone may have made it meanwhile; anything but a real directory fails.
-    const int err = errno;
-    if (err == EEXIST && attrs.stat(path, DONT_FOLLOW_SYMLINK) && attrs.isDirectory()) continue;
-    reason = "Unable to create directory " + dir + ": " + System::errorText(err == EEXIST ? ENOTDIR : err);
-    return false;
   }
   return true;
 }

@@ -1,22 +1,39 @@
-// Where an announced file lands on this host. A remote path is checked
-// (absolute, no "..", under an allowed prefix), mapped under the daemon's
-// root, and its missing parent directories are created one component at a
-// time without following symbolic links, so nothing is ever written outside
-// the root. Paths called "remote" are in the client's terms ("/opt/x");
-// "local" paths have the root in front.
+// Where an announced file lands on this host, and the one way the daemon
+// reaches anything under its root. A remote path is checked (absolute, no
+// "..", every name at most 255 bytes, under an allowed prefix) and mapped
+// under the root. The root is opened once; every path below it is reached by
+// opening one component at a time from the root's descriptor, never
+// following a symbolic link and never trusting an earlier check of a path
+// name, so a link found or swapped in anywhere on the way fails the walk
+// instead of leading it outside the root. Paths called "remote" are in the
+// client's terms ("/opt/x"); "local" paths have the root in front and serve
+// only in messages.
 #ifndef HC_HOPPERD_TARGETPATH_H
 #define HC_HOPPERD_TARGETPATH_H
 
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "util/System.h"
+
 class TargetPath {
  public:
-  // root: existing absolute directory ("/" means none); allowed: normalised
+  // The longest name of one path component.
+  static constexpr std::string::size_type kMaxName = 255;
+
+  // Called with a normalised remote directory just before it is created;
+  // false (with error set) refuses the file instead.
+  using BeforeMakeDirectory = std::function<bool(const std::string& dir, std::string& error)>;
+
+  // root: an existing directory ("/" means none), opened here once; when it
+  // cannot be opened every walk fails naming it. allowed: normalised
   // absolute prefixes that remote paths must lie under, empty for any.
   TargetPath(std::string root, std::vector<std::string> allowed);
+  TargetPath(const TargetPath&) = delete;
+  TargetPath& operator=(const TargetPath&) = delete;
 
   // Parses a comma-separated list of absolute prefixes into normalised form.
   // Throws std::runtime_error for a relative prefix or one holding "..".
@@ -25,23 +42,42 @@ class TargetPath {
   // "/" followed by the non-empty, non-"." components joined by "/"; nothing
   // for a relative path or one with a ".." component.
   static std::optional<std::string> normalize(const std::string& remote);
+  // "/a/b" -> "/a", "/a" -> "/"; and "/a/b" -> "b". Normalised paths only.
+  static std::string directoryOf(const std::string& remote);
+  static std::string nameOf(const std::string& remote);
 
   // The outcome of resolving one file announcement.
   struct Resolution {
     std::string mTarget;                     // normalised remote target
     std::string mLocal;                      // the target under the root
     std::vector<std::string> mCreatedDirs;   // normalised remote directories made, in order
+    System::FileDescriptor mParent;          // the target's directory, reached by the walk
   };
 
-  // Checks the remote path, chooses the target (inside the remote directory
-  // when the path ends in "/", is an existing directory or is in knownDirs,
-  // a set of normalised remote paths), creates its parents (0755) and checks
-  // that the target is not a directory or a symbolic link. On refusal returns
-  // false with reason naming the path; directories made before a failure are
-  // still listed in out.mCreatedDirs.
+  // Checks the remote path and the base name, chooses the target (inside the
+  // remote directory when the path ends in "/", is an existing directory or
+  // is in knownDirs, a set of normalised remote paths), walks to its parent
+  // creating missing directories (0755, each announced to beforeMake first)
+  // and checks that the target is not a directory or a symbolic link. On
+  // refusal returns false with reason naming the remote target (and the
+  // directory at fault); directories made before a failure are still listed
+  // in out.mCreatedDirs.
   bool resolve(const std::string& remote, const std::string& baseName,
-               const std::set<std::string>& knownDirs, Resolution& out,
-               std::string& reason) const;
+               const std::set<std::string>& knownDirs, Resolution& out, std::string& reason,
+               const BeforeMakeDirectory& beforeMake = nullptr) const;
+
+  // The directory holding a normalised remote path, by the walk, creating
+  // nothing. Invalid on failure, with reason naming the remote directory and
+  // the system's error text, and errno set.
+  System::FileDescriptor openParent(const std::string& remote, std::string& reason) const;
+
+  // Remove the file, or the empty directory, at a normalised remote path
+  // reached by the walk. False with errno set when nothing was removed.
+  bool removeFile(const std::string& remote) const;
+  bool removeDirectory(const std::string& remote) const;
+  // Removes those of dirs (normalised, parents before children) that are
+  // empty, last first.
+  void removeDirectories(const std::vector<std::string>& dirs) const;
 
   // Local form of a normalised remote path.
   std::string local(const std::string& normalizedRemote) const;
@@ -50,10 +86,17 @@ class TargetPath {
   bool allowed(const std::string& normalizedRemote) const;
 
  private:
-  bool makeParents(const std::string& target, Resolution& out, std::string& reason) const;
+  // Opens the normalised remote directory dir component by component from
+  // the root; with create, makes the missing ones and lists them in created.
+  System::FileDescriptor walk(const std::string& dir, bool create,
+                              const BeforeMakeDirectory& beforeMake,
+                              std::vector<std::string>* created, std::string& reason) const;
+  bool isDirectory(const std::string& remote) const;
 
   std::string mRoot;  // without a trailing '/', empty for "/"
   std::vector<std::string> mAllowed;
+  System::FileDescriptor mRootFd;
+  int mRootError = 0;  // why mRootFd could not be opened
 };
 
 #endif  // HC_HOPPERD_TARGETPATH_H

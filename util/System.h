@@ -1,5 +1,6 @@
 // Operating-system services: file existence and metadata, directory listing,
 // removal and renaming with patient retries, file streams and descriptors,
+// names inside an open directory (for walks that never follow a link),
 // environment, platform names, sleeping, signal settings and a shell runner.
 // Unless stated otherwise every service reports failure by its return value
 // with errno set (turn it into words with System::getErrorMessageStr) and
@@ -47,6 +48,8 @@ class FileAttributes {
   bool stat(const std::string& path, SymLinkMode mode);
   // The same from an open descriptor (fstat).
   bool statFd(int fd);
+  // The same for name inside the open directory dirFd (fstatat).
+  bool statAt(int dirFd, const std::string& name, SymLinkMode mode);
 
   // Directory, symlink, named pipe; everything else is TYPE_FILE.
   FileType getType() const;
@@ -166,8 +169,33 @@ class FileDescriptor {
 FileDescriptor openForWrite(const std::string& path, int mode, int extraFlags = 0);
 // open(O_RDONLY|O_CLOEXEC), plus O_NOFOLLOW unless followSymlink.
 FileDescriptor openForRead(const std::string& path, bool followSymlink = true);
-// open(O_RDONLY|O_DIRECTORY|O_CLOEXEC|O_NOFOLLOW), e.g. to fsync a directory.
-FileDescriptor openDirectory(const std::string& path);
+// open(O_RDONLY|O_DIRECTORY|O_CLOEXEC), plus O_NOFOLLOW unless
+// followSymlink; e.g. to fsync a directory.
+FileDescriptor openDirectory(const std::string& path, bool followSymlink = false);
+
+// ---- names inside an open directory ------------------------------------------
+// Each takes one name (no '/') inside the directory dirFd and never follows
+// a symbolic link at that name, so a walk from a held directory can never be
+// led elsewhere by a link swapped in meanwhile.
+
+// openat(O_RDONLY|O_DIRECTORY|O_NOFOLLOW|O_CLOEXEC): a link gives ELOOP, a
+// non-directory ENOTDIR.
+FileDescriptor openDirectoryAt(int dirFd, const std::string& name);
+// mkdirat(mode before umask); an existing name, link or not, gives EEXIST.
+bool makeDirectoryAt(int dirFd, const std::string& name, int mode);
+// openat(O_WRONLY|O_CREAT|O_EXCL|O_NOFOLLOW|O_CLOEXEC, mode): a new file
+// only; any existing name gives EEXIST.
+FileDescriptor createExclusiveAt(int dirFd, const std::string& name, int mode);
+// openat of an existing regular file: O_RDONLY when !forWrite, else
+// O_WRONLY|O_APPEND; never creates. A link gives ELOOP; anything but a
+// regular file fails at once (EINVAL, or ENXIO for a FIFO without reader).
+FileDescriptor openFileAt(int dirFd, const std::string& name, bool forWrite);
+// renameat; replaces a file or link at the new name, never follows one.
+bool renameAt(int fromDirFd, const std::string& from, int toDirFd, const std::string& to);
+// unlinkat: a file or a link (never what it points to).
+bool removeFileAt(int dirFd, const std::string& name);
+// unlinkat(AT_REMOVEDIR): an empty directory.
+bool removeDirectoryAt(int dirFd, const std::string& name);
 
 // Writes all n bytes, retrying short writes and EINTR.
 bool writeAll(int fd, const void* data, size_t n);
@@ -180,6 +208,10 @@ ssize_t preadSome(int fd, void* buf, size_t n, int64_t offset);
 // lseek(); returns the new offset or -1.
 int64_t seek(int fd, int64_t offset, int whence);
 bool syncFile(int fd);
+// syncfs(): flushes the whole file system holding fd.
+bool syncFileSystem(int fd);
+// fdatasync: the data and the size, not every time stamp.
+bool syncData(int fd);
 bool changeMode(int fd, int mode);
 bool truncateFile(int fd, int64_t length);
 

@@ -1,9 +1,14 @@
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <functional>
+#include <memory>
 
 #include "hopperd/Journal.h"
+#include "hopperd/Session.h"
 #include "hopperd/StagedFile.h"
 #include "support/TempDir.h"
 
@@ -11,10 +16,52 @@ namespace fs = std::filesystem;
 
 namespace {
 
+const std::string kSession = "0123456789abcdef0123456789abcdef";
+
 int modeOf(const std::string& path) {
   struct stat st;
   return ::stat(path.c_str(), &st) == 0 ? int(st.st_mode & 07777) : -1;
 }
+
+// The staged file of the target called name under root ("" when none).
+std::string stagedPathOf(const std::string& root, const std::string& name) {
+  for (const std::string& path : filesUnder(root, true)) {
+    if (fs::path(path).filename().string().rfind("." + name + ".", 0) == 0) return path;
+  }
+  return "";
+}
+
+// A session of this host alone under dir/root, journaling in dir/state.
+struct LocalSession {
+  explicit LocalSession(const TempDir& dir) : root(dir.file("root")) {
+    fs::create_directories(root);
+    fs::create_directories(dir.file("state"));
+    config.mRoot = root;
+    config.mStateDir = dir.file("state");
+    session = std::make_unique<Session>(kSession, std::vector<std::string>{"self"}, "127.0.0.1",
+                                        config);
+    reconnect();
+  }
+  void reconnect() {  // what a client's begin after a reconnect does
+    BeginResult ignored;
+    session->begin({"self"}, false, ignored, [] { return false; });
+  }
+  // Announces a file; the position to send from, or -1.
+  int64_t open(const std::string& remote, const std::string& base, int64_t size, int mode = 0644) {
+    int64_t start = -1;
+    std::string refusal;
+    return session->openFile(FileInfo{size, base, remote, mode}, start, refusal) ? start : -1;
+  }
+  // Sends a whole file; its reply.
+  std::string send(const std::string& remote, const std::string& base, const std::string& bytes) {
+    if (open(remote, base, int64_t(bytes.size())) != 0) return "refused";
+    session->fileData(bytes.data(), bytes.size());
+    return session->closeFile();
+  }
+  const std::string root;
+  DaemonConfig config;
+  std::unique_ptr<Session> session;
+};
 
 }  // namespace
 
@@ -22,51 +69,152 @@ TEST(StagingTest, StagedBytesAppearOnlyAtCommit) {
   TempDir dir;
   const std::string target = dir.file("out.bin");
   TempDir::write(target, "old");
-  StagedFile staged(target, "abc123");
-  EXPECT_EQ(staged.path(), dir.file(".out.bin.abc123.staged"));
-  EXPECT_TRUE(StagedFile::isStagedPath(staged.path(), "abc123"));
-  EXPECT_FALSE(StagedFile::isStagedPath(target, "abc123"));
+  const TargetPath paths(dir.path(), {});
   std::string error;
-  ASSERT_TRUE(staged.create(error)) << error;
+  const System::FileDescriptor parent = paths.openParent("/out.bin", error);
+  StagedFile staged(paths, "/out.bin", kSession);
+  EXPECT_TRUE(StagedFile::isStagedName(staged.name(), kSession));
+  EXPECT_FALSE(StagedFile::isStagedName(staged.name(), "abc123"));
+  ASSERT_TRUE(staged.create(parent.get(), nullptr, error)) << error;
   ASSERT_TRUE(staged.append("hello ", 6, error));
   staged.close();  // a resumed file goes on where its bytes stopped
-  StagedFile resumed(target, "abc123");
+  StagedFile resumed(paths, "/out.bin", kSession);
   ASSERT_TRUE(resumed.reopen(error)) << error;
   EXPECT_EQ(resumed.size(), 6);
   ASSERT_TRUE(resumed.append("world", 5, error));
   EXPECT_EQ(TempDir::read(target), "old");
   EXPECT_EQ(modeOf(resumed.path()), 0600);
-  ASSERT_TRUE(resumed.commit(0751, error)) << error;
+  ASSERT_TRUE(resumed.commit(11, 0751, error)) << error;
   EXPECT_EQ(TempDir::read(target), "hello world");
   EXPECT_EQ(modeOf(target), 0751);
   EXPECT_FALSE(fs::exists(resumed.path()));
 }
 
-TEST(StagingTest, CleanUpRemovesWhatUnfinishedSessionsLeft) {
+TEST(StagingTest, NamesSharingALongPrefixOrAHashKeepTheirOwnBytes) {
   TempDir dir;
-  const std::string state = dir.file("state"), a = dir.file("a"), b = dir.file("a/b");
-  fs::create_directories(b);
-  fs::create_directories(state);
-  {
-    Journal journal(state, "s1");
-    std::string error;
-    StagedFile staged(b + "/we\nird", "s1");
-    ASSERT_TRUE(journal.recordDirectory(a, error) && journal.recordDirectory(b, error));
-    ASSERT_TRUE(journal.recordStagedFile(staged.path(), error)) << error;
-    ASSERT_TRUE(journal.recordStagedFile(dir.file("victim"), error));  // not a staged name
-    ASSERT_TRUE(staged.create(error)) << error;
+  LocalSession local(dir);
+  const std::string shared(235, 'n');
+  EXPECT_EQ(local.send("/d/", shared + "-one", "one"), "");
+  EXPECT_EQ(local.send("/d/", shared + "-two", "two!!"), "");
+  // A staged name already taken by another file (as when two hashes agree).
+  const std::string taken = local.root + "/d/" + StagedFile::nameFor("t", kSession, 0);
+  TempDir::write(taken, "someone else's");
+  EXPECT_EQ(local.send("/d/t", "t", "t1"), "");
+  EXPECT_EQ(local.session->commit(), "");
+  EXPECT_EQ(TempDir::read(local.root + "/d/" + shared + "-one"), "one");
+  EXPECT_EQ(TempDir::read(local.root + "/d/" + shared + "-two"), "two!!");
+  EXPECT_EQ(TempDir::read(local.root + "/d/t"), "t1");
+  EXPECT_EQ(filesUnder(local.root, true), std::vector<std::string>{taken});
+  EXPECT_LE(StagedFile::nameFor(shared, std::string(64, 'f'), 999).size(), 255u);
+}
+
+TEST(StagingTest, AStagedCopyLostOrCutShortFailsItsFileAndLeavesTheTarget) {
+  TempDir dir;
+  LocalSession local(dir);
+  for (const char* name : {"lost", "cut", "fine"}) {
+    TempDir::write(local.root + "/d/" + name, "old");
+    EXPECT_EQ(local.send(std::string("/d/") + name, name, "new!"), "");
   }
-  TempDir::write(dir.file("victim"), "keep");
-  fs::create_directories(dir.file("kept"));
-  {
-    Journal other(state, "s2");
-    std::string error;
-    ASSERT_TRUE(other.recordDirectory(dir.file("kept"), error));
-    TempDir::write(dir.file("kept/committed"), "x");
+  ASSERT_TRUE(fs::remove(stagedPathOf(local.root, "lost")));
+  fs::resize_file(stagedPathOf(local.root, "cut"), 2);
+  EXPECT_EQ(local.session->commit(),
+            "self: /d/lost: the staged copy is lost: " + System::errorText(ENOENT) +
+                "\nself: /d/cut: the staged copy holds 2 of 4 bytes");
+  EXPECT_EQ(TempDir::read(local.root + "/d/lost"), "old");
+  EXPECT_EQ(TempDir::read(local.root + "/d/cut"), "old");
+  EXPECT_EQ(TempDir::read(local.root + "/d/fine"), "new!");
+  EXPECT_TRUE(filesUnder(local.root, true).empty());
+}
+
+TEST(StagingTest, FilesFailingForWantOfSpaceLeaveNothingBehind) {
+  TempDir dir;
+  LocalSession local(dir);
+  // A file size limit stands in for a full disk.
+  const auto withSizeLimit = [](rlim_t limit, const std::function<void()>& run) {
+    struct rlimit saved, small;
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &saved), 0);
+    small = saved;
+    small.rlim_cur = limit;
+    const sighandler_t previous = ::signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+    run();
+    ::setrlimit(RLIMIT_FSIZE, &saved);
+    ::signal(SIGXFSZ, previous);
+  };
+  EXPECT_EQ(local.send("/first", "first", "1"), "");
+  // The journal has room for one more directory record ("D /deep\n") only.
+  const auto journalSize = fs::file_size(dir.file("state/" + kSession + ".journal"));
+  std::string reply;
+  withSizeLimit(journalSize + 8, [&] { reply = local.send("/deep/er/", "f", "x"); });
+  EXPECT_EQ(reply, "refused");
+  EXPECT_FALSE(fs::exists(local.root + "/deep"));
+  bool stagedGone = false;
+  withSizeLimit(64 << 10, [&] {
+    reply = local.send("/big", "big", TempDir::pattern(256 << 10));
+    stagedGone = stagedPathOf(local.root, "big").empty();
+  });
+  EXPECT_EQ(reply, "self: Error writing /big: " + System::errorText(EFBIG));
+  EXPECT_TRUE(stagedGone);
+  EXPECT_EQ(local.session->commit(), "");  // reported once, in the file's own reply
+  EXPECT_FALSE(fs::exists(local.root + "/big"));
+  EXPECT_EQ(TempDir::read(local.root + "/first"), "1");
+}
+
+TEST(StagingTest, AResumedFileContinuesOnlyWhenAnnouncedExactlyAsBefore) {
+  TempDir dir;
+  LocalSession local(dir);
+  // Each differs from ("/r/", "f", 8, 0640) in one item; the last two name the same target.
+  const FileInfo others[] = {{9, "f", "/r/", 0640}, {8, "f", "/r/", 0600},
+                             {8, "g", "/r/f", 0640}, {8, "f", "/r//", 0640}};
+  for (const FileInfo& other : others) {
+    ASSERT_EQ(local.open("/r/", "f", 8, 0640), 0);  // no reconnect: afresh
+    local.session->fileData("ab", 2);
+    local.reconnect();
+    EXPECT_EQ(local.open(other.mRemotePath, other.mBaseName, other.mSize, other.mMode), 0);
   }
+  ASSERT_EQ(local.open("/r/", "f", 8, 0640), 0);
+  local.session->fileData("0123", 4);
+  local.reconnect();
+  ASSERT_EQ(local.open("/r/", "f", 8, 0640), 4);
+  local.session->fileData("4567", 4);
+  EXPECT_EQ(local.session->closeFile(), "");
+  EXPECT_EQ(local.session->commit(), "");
+  EXPECT_EQ(TempDir::read(local.root + "/r/f"), "01234567");
+  EXPECT_EQ(modeOf(local.root + "/r/f"), 0640);
+}
+
+TEST(StagingTest, CleanUpRemovesWhatAnUnfinishedSessionLeftAndNothingElse) {
+  TempDir dir;
+  const std::string root = dir.file("root"), state = dir.file("state"), outside = dir.file("out");
+  {
+    LocalSession crashed(dir);
+    EXPECT_EQ(crashed.send("/a/b/", "we\nird", "abc"), "");
+    EXPECT_EQ(crashed.send("/kept/", "f", "x"), "");
+    TempDir::write(root + "/kept/other", "y");
+  }  // the daemon stops without commit or abort
+  {
+    // Records that no session could have made are left alone.
+    Journal other(state, "s2", root);
+    std::string error;
+    const std::string stagedName = StagedFile::nameFor("f", "s2", 0);
+    TempDir::write(root + "/victim", "keep");
+    TempDir::write(outside + "/" + stagedName, "keep");
+    fs::create_directory_symlink(outside, root + "/link");
+    ASSERT_TRUE(other.recordStagedFile("/victim", error)) << error;
+    ASSERT_TRUE(other.recordStagedFile("/link/" + stagedName, error));
+    ASSERT_TRUE(other.recordDirectory("/link", error));
+    ASSERT_TRUE(other.recordDirectory("/kept/other", error));
+  }
+  // A record cut short by the crash may name a prefix of the real path.
+  const std::string journal = state + "/s2.journal";
+  TempDir::write(journal, TempDir::read(journal) + "D /a\nD /kep");
+  fs::create_directory(root + "/kep");
   EXPECT_EQ(Journal::cleanUp(state), 2);
-  EXPECT_FALSE(fs::exists(a));  // emptied (so the odd name was found), removed deepest first
-  EXPECT_TRUE(fs::exists(dir.file("victim")));
-  EXPECT_TRUE(fs::exists(dir.file("kept/committed")));
+  EXPECT_FALSE(fs::exists(root + "/a"));  // emptied (the odd name found), removed deepest first
+  EXPECT_TRUE(fs::exists(root + "/kept/other")) << "a directory in use stays";
+  EXPECT_TRUE(fs::exists(root + "/kep"));
+  EXPECT_TRUE(filesUnder(root, true).empty());
+  EXPECT_EQ(TempDir::read(root + "/victim"), "keep");
+  EXPECT_EQ(filesUnder(outside, true).size(), 1u);
   EXPECT_TRUE(fs::is_empty(state));
 }

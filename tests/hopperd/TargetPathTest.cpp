@@ -7,6 +7,7 @@
 #include <filesystem>
 
 #include "support/TempDir.h"
+#include "util/StringUtilities.h"
 
 namespace fs = std::filesystem;
 
@@ -56,7 +57,7 @@ TEST_F(TargetPathTest, ChoosesTargetAndCreatesParents) {
   std::string reason;
   EXPECT_TRUE(paths.resolve("/opt/later", "f", {"/opt/later"}, result, reason));
   EXPECT_EQ(result.mTarget, "/opt/later/f");
-  EXPECT_NE(refusal(paths, "/opt/plain/sub/x").find("Not a directory"), std::string::npos);
+  EXPECT_EQ(refusal(paths, "/opt/plain/sub/x"), "/opt/plain/sub/x: /opt/plain: Not a directory");
   EXPECT_NE(refusal(paths, "/opt/", "existing").find("Is a directory"), std::string::npos);
 }
 
@@ -69,4 +70,46 @@ TEST_F(TargetPathTest, NeverFollowsSymbolicLinks) {
   EXPECT_NE(refusal(paths, "/opt/escape", "f"), "");  // a link to a directory is no directory
   EXPECT_NE(refusal(paths, "/opt/link"), "");
   EXPECT_TRUE(fs::is_empty(outside));
+}
+
+TEST_F(TargetPathTest, WalksFromTheHeldRootSoALinkSwappedInLaterFails) {
+  const TargetPath paths(root, {});
+  ASSERT_EQ(refusal(paths, "/race/sub/f"), "");
+  TempDir::write(root + "/race/sub/keep", "k");
+  // The directory moves out of the root and a link to it takes its place.
+  fs::rename(root + "/race/sub", outside + "/sub");
+  fs::create_directory_symlink(outside + "/sub", root + "/race/sub");
+  std::string reason;
+  EXPECT_FALSE(paths.openParent("/race/sub/f", reason).valid());
+  EXPECT_EQ(reason, "/race/sub: " + System::errorText(ELOOP));
+  EXPECT_FALSE(paths.removeFile("/race/sub/keep"));
+  EXPECT_TRUE(fs::exists(outside + "/sub/keep"));
+  EXPECT_FALSE(paths.openParent("/opt/plain/x", reason).valid());
+  EXPECT_EQ(reason, "/opt/plain: " + System::errorText(ENOTDIR));
+}
+
+TEST_F(TargetPathTest, OverlongNamesAreRefusedAndMadeDirectoriesAnnouncedAndUnmade) {
+  const TargetPath paths(root, {});
+  const std::string tooLong(256, 'n');
+  EXPECT_EQ(refusal(paths, "/opt/fits/" + std::string(255, 'n')), "");
+  EXPECT_NE(refusal(paths, "/opt/new/" + tooLong + "/f").find("too long"), std::string::npos);
+  EXPECT_NE(refusal(paths, "/opt/new/", tooLong).find("too long"), std::string::npos);
+  EXPECT_FALSE(fs::exists(root + "/opt/new"));
+  // Each directory is announced (journaled) before it is made.
+  std::vector<std::string> announced;
+  const auto allowTwo = [&](const std::string& made, std::string& error) {
+    EXPECT_FALSE(fs::exists(root + made));
+    announced.push_back(made);
+    error = "journal full";
+    return announced.size() <= 2;
+  };
+  std::string reason;
+  EXPECT_FALSE(paths.resolve("/opt/a/b/c/f", "f", {}, result, reason, allowTwo));
+  EXPECT_EQ(announced, (std::vector<std::string>{"/opt/a", "/opt/a/b", "/opt/a/b/c"}));
+  EXPECT_EQ(result.mCreatedDirs, (std::vector<std::string>{"/opt/a", "/opt/a/b"}));
+  // Only empty ones are removed, deepest first.
+  TempDir::write(root + "/opt/a/other", "x");
+  paths.removeDirectories(result.mCreatedDirs);
+  EXPECT_FALSE(fs::exists(root + "/opt/a/b"));
+  EXPECT_TRUE(fs::exists(root + "/opt/a/other"));
 }

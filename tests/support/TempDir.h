@@ -1,7 +1,7 @@
 // TempDir: a fresh folder under /tmp for one test, removed with its
 // contents; and file helpers for the tests that write files, upload trees to
 // real daemons and look for what the daemons staged (hidden
-// ".<name>.<session>.staged" files beside their targets).
+// ".<name>.<hash>.<session>.staged" files beside their targets).
 #ifndef HIVE_TESTS_SUPPORT_TEMPDIR_H
 #define HIVE_TESTS_SUPPORT_TEMPDIR_H
 

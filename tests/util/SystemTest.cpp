@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -110,6 +111,42 @@ TEST(SystemTest, DescriptorServices) {
   EXPECT_EQ(EEXIST, errno);
   EXPECT_TRUE(System::removeFile(link));
   EXPECT_TRUE(System::fileExists(path)) << "only the link is removed";
+}
+
+TEST(SystemTest, NamesInsideAnOpenDirectoryNeverFollowALink) {
+  TempDir dir, elsewhere;
+  TempDir::write(dir.file("file"), "12345");
+  TempDir::write(elsewhere.file("precious"), "keep");
+  ASSERT_EQ(0, symlink(elsewhere.path().c_str(), dir.file("dirlink").c_str()));
+  ASSERT_EQ(0, symlink(elsewhere.file("made").c_str(), dir.file("dangling").c_str()));
+  ASSERT_EQ(0, symlink(elsewhere.file("precious").c_str(), dir.file("filelink").c_str()));
+  ASSERT_EQ(0, mkfifo(dir.file("fifo").c_str(), 0600));
+  const System::FileDescriptor at = System::openDirectory(dir.path());
+  const auto failsWith = [](bool ok, int expected) { return !ok && errno == expected; };
+  EXPECT_TRUE(failsWith(System::openDirectoryAt(at.get(), "dirlink").valid(), ELOOP));
+  EXPECT_TRUE(failsWith(System::openDirectoryAt(at.get(), "file").valid(), ENOTDIR));
+  EXPECT_TRUE(failsWith(System::createExclusiveAt(at.get(), "dangling", 0600).valid(), EEXIST));
+  EXPECT_TRUE(failsWith(System::openFileAt(at.get(), "filelink", true).valid(), ELOOP));
+  EXPECT_TRUE(failsWith(System::openFileAt(at.get(), "fifo", false).valid(), EINVAL));
+  EXPECT_FALSE(System::openFileAt(at.get(), "fifo", true).valid());  // and does not wait
+  EXPECT_TRUE(failsWith(System::openFileAt(at.get(), "none", true).valid(), ENOENT));
+  EXPECT_FALSE(System::fileExists(elsewhere.file("made"), DONT_FOLLOW_SYMLINK));
+
+  ASSERT_TRUE(System::makeDirectoryAt(at.get(), "sub", 0700));
+  const System::FileDescriptor sub = System::openDirectoryAt(at.get(), "sub");
+  ASSERT_TRUE(System::writeAll(System::createExclusiveAt(sub.get(), "new", 0600).get(), "ab", 2));
+  ASSERT_TRUE(System::writeAll(System::openFileAt(sub.get(), "new", true).get(), "cd", 2));
+  EXPECT_TRUE(failsWith(System::removeDirectoryAt(at.get(), "sub"), ENOTEMPTY));
+  // Renamed over a link and removed: the link goes, never what it points to.
+  ASSERT_TRUE(System::renameAt(sub.get(), "new", at.get(), "filelink"));
+  EXPECT_EQ("abcd", TempDir::read(dir.file("filelink")));
+  EXPECT_TRUE(System::removeFileAt(at.get(), "dirlink"));
+  EXPECT_EQ("keep", TempDir::read(elsewhere.file("precious")));
+  EXPECT_TRUE(System::removeDirectoryAt(at.get(), "sub"));
+  FileAttributes attrs;
+  EXPECT_TRUE(failsWith(attrs.statAt(at.get(), "sub", DONT_FOLLOW_SYMLINK), ENOENT));
+  ASSERT_TRUE(attrs.statAt(at.get(), "dangling", DONT_FOLLOW_SYMLINK));
+  EXPECT_TRUE(attrs.isSymlink());
 }
 
 TEST(SystemTest, ShellCommandsStreamsAndSignals) {

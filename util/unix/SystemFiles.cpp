@@ -47,6 +47,18 @@ bool FileAttributes::statFd(int fd) {
   return true;
 }
 
+bool FileAttributes::statAt(int dirFd, const std::string& name, SymLinkMode mode) {
+  struct stat st;
+  const int flags = mode == DONT_FOLLOW_SYMLINK ? AT_SYMLINK_NOFOLLOW : 0;
+  int rc;
+  do {
+    rc = ::fstatat(dirFd, name.c_str(), &st, flags);
+  } while (rc != 0 && errno == EINTR);
+  if (rc != 0) return false;
+  fillFrom(*this, st);
+  return true;
+}
+
 FileType FileAttributes::getType() const {
   if (S_ISDIR(mMode)) return TYPE_DIRECTORY;
   if (S_ISLNK(mMode)) return TYPE_SYMLINK;
@@ -132,12 +144,16 @@ bool FileDescriptor::close() {
 
 namespace {
 
-int openRetrying(const std::string& path, int flags, int mode) {
+int openAtRetrying(int dirFd, const std::string& name, int flags, int mode) {
   int fd;
   do {
-    fd = ::open(path.c_str(), flags, static_cast<mode_t>(mode));
+    fd = ::openat(dirFd, name.c_str(), flags, static_cast<mode_t>(mode));
   } while (fd < 0 && errno == EINTR);
   return fd;
+}
+
+int openRetrying(const std::string& path, int flags, int mode) {
+  return openAtRetrying(AT_FDCWD, path, flags, mode);
 }
 
 }  // namespace
@@ -152,8 +168,59 @@ FileDescriptor openForRead(const std::string& path, bool followSymlink) {
       openRetrying(path, O_RDONLY | O_CLOEXEC | (followSymlink ? 0 : O_NOFOLLOW), 0));
 }
 
-FileDescriptor openDirectory(const std::string& path) {
-  return FileDescriptor(openRetrying(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW, 0));
+FileDescriptor openDirectory(const std::string& path, bool followSymlink) {
+  return FileDescriptor(
+      openRetrying(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC | (followSymlink ? 0 : O_NOFOLLOW), 0));
+}
+
+FileDescriptor openDirectoryAt(int dirFd, const std::string& name) {
+  FileDescriptor fd(
+      openAtRetrying(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC, 0));
+  if (fd || errno != ENOTDIR) return fd;
+  // Linux says ENOTDIR for a link here; a link is worth naming as such.
+  struct stat st;
+  const bool link = ::fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+                    S_ISLNK(st.st_mode);
+  errno = link ? ELOOP : ENOTDIR;
+  return fd;
+}
+
+bool makeDirectoryAt(int dirFd, const std::string& name, int mode) {
+  return ::mkdirat(dirFd, name.c_str(), static_cast<mode_t>(mode)) == 0;
+}
+
+FileDescriptor createExclusiveAt(int dirFd, const std::string& name, int mode) {
+  return FileDescriptor(openAtRetrying(
+      dirFd, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+}
+
+FileDescriptor openFileAt(int dirFd, const std::string& name, bool forWrite) {
+  const int access = forWrite ? (O_WRONLY | O_APPEND) : O_RDONLY;
+  FileDescriptor fd(
+      openAtRetrying(dirFd, name, access | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0));
+  struct stat st;
+  if (!fd || ::fstat(fd.get(), &st) != 0) return FileDescriptor();
+  if (!S_ISREG(st.st_mode)) {
+    fd.close();
+    errno = EINVAL;
+    return FileDescriptor();
+  }
+  // Back to blocking, so that the descriptor behaves like any other file's.
+  const int flags = ::fcntl(fd.get(), F_GETFL);
+  if (flags < 0 || ::fcntl(fd.get(), F_SETFL, flags & ~O_NONBLOCK) != 0) return FileDescriptor();
+  return fd;
+}
+
+bool renameAt(int fromDirFd, const std::string& from, int toDirFd, const std::string& to) {
+  return ::renameat(fromDirFd, from.c_str(), toDirFd, to.c_str()) == 0;
+}
+
+bool removeFileAt(int dirFd, const std::string& name) {
+  return ::unlinkat(dirFd, name.c_str(), 0) == 0;
+}
+
+bool removeDirectoryAt(int dirFd, const std::string& name) {
+  return ::unlinkat(dirFd, name.c_str(), AT_REMOVEDIR) == 0;
 }
 
 bool writeAll(int fd, const void* data, size_t n) {
@@ -203,6 +270,10 @@ int64_t seek(int fd, int64_t offset, int whence) {
 }
 
 bool syncFile(int fd) { return ::fsync(fd) == 0; }
+
+bool syncFileSystem(int fd) { return ::syncfs(fd) == 0; }
+
+bool syncData(int fd) { return ::fdatasync(fd) == 0; }
 
 bool changeMode(int fd, int mode) { return ::fchmod(fd, static_cast<mode_t>(mode)) == 0; }
 
