@@ -18,18 +18,45 @@ std::string hex(int code) {
 
 }  // namespace
 
-Connection::Connection(std::unique_ptr<TCPSocket> socket, SessionTable& table)
+Connection::Connection(std::unique_ptr<TCPSocket> socket, SessionTable& table, int ioTimeoutMs)
     : mTable(table),
+      mIoTimeoutMs(ioTimeoutMs),
       mSocket(socket.get()),
       mStream(std::move(socket)),
       mPeer(mSocket->getRemoteHost()),
       mBuffer(kDataBlock) {
   mSocket->setKeepAlive(true);
+  mSocket->setReadTimeout(ioTimeoutMs);
+  mSocket->setWriteTimeout(ioTimeoutMs);
+}
+
+bool Connection::waitForMessage() {
+  mSocket->setDeadline(Ticks());
+  if (mStream.streamBuf().buffered() > 0) return true;
+  if (mSession) {
+    // Keep-alive ends the wait for a peer that vanished.
+    while (!mSocket->isReadable(60000)) {
+      if (!mSocket->isGood()) return false;
+    }
+    return true;
+  }
+  if (mSocket->isReadable(mIoTimeoutMs)) return true;
+  HC_LOG_DEBUG("Connection from " << mPeer << " idle for " << mIoTimeoutMs << " ms; closed");
+  return false;
+}
+
+void Connection::startMessage() {
+  mSocket->setDeadline(Ticks::currentTime() + Ticks(int64_t(mIoTimeoutMs) * 1000000));
+}
+
+void Connection::sendReply() {
+  mSocket->setDeadline(Ticks());
+  mStream.flush();
 }
 
 void Connection::interrupt() {
   Mutex::Lock lock(mCloseMutex);
-  if (!mClosed) mSocket->shutdown();
+  if (!mClosed) mSocket->shutdown(true);
 }
 
 const std::string& Connection::clientAddress() const {
@@ -38,7 +65,8 @@ const std::string& Connection::clientAddress() const {
 
 void Connection::run() {
   try {
-    while (true) {
+    while (waitForMessage()) {
+      startMessage();
       int code = 0;
       mStream >> code;
       if (!handle(code)) break;
@@ -58,10 +86,12 @@ void Connection::run() {
 }
 
 bool Connection::handle(int code) {
+  const bool first = !mSeenMessage;
+  if (code != C2H_GET_VERSION && code != C2H_NEW_GET_VERSION) mSeenMessage = true;
   switch (code) {
     case C2H_GET_VERSION:
       mStream << kHopperProtocolVersion;
-      mStream.flush();
+      sendReply();
       return true;
     case C2H_NEW_GET_VERSION:
       handleNewVersion();
@@ -73,7 +103,10 @@ bool Connection::handle(int code) {
       handleBegin();
       return true;
     case C2H_RESUME_UPLOAD:
+      // A client that lost its head opens its next connection with the file
+      // it was sending; only such a connection may resume an orphan.
       handleFile();
+      if (first && !mSession && !mIdentity) mResuming = true;
       return true;
     case C2H_COMMIT_UPLOAD:
       handleCommit();
@@ -98,7 +131,7 @@ void Connection::handleNewVersion() {
   const std::string version = Protocol::readString(mStream);
   HC_LOG_DEBUG("Handshake from " << mPeer << ", protocol " << clientProtocol);
   mStream << std::string("OK") << kHopperProtocolVersion;
-  mStream.flush();
+  sendReply();
 }
 
 void Connection::handleBegin() {
@@ -110,28 +143,31 @@ void Connection::handleBegin() {
   // A client talks to its head directly: the head is its own upstream host.
   request.mUpstreamHost = mIdentity ? mIdentity->mSender : request.mHosts.front();
   if (mIdentity) request.mUploadId = mIdentity->mUploadId;
+  request.mResume = mResuming;
+  mSocket->setDeadline(Ticks());
   mSession = mTable.begin(shared_from_this(), request);
   if (!mSession) {
     HC_LOG_INFO("Busy: begin from " << mPeer << " for " << request.mClientAddress << " refused");
     mStream << int(BEGIN_HEAD_BUSY);
-    mStream.flush();
+    sendReply();
     return;
   }
   BeginResult result;
   {
     Mutex::Lock work(mSession->workMutex());
     mSession->touch();
-    mSession->begin(request.mHosts, stopAgents, result);
+    // The host search stops when the peer that asked for it has gone.
+    mSession->begin(request.mHosts, stopAgents, result, [this] { return !mSocket->isGood(); });
   }
   Protocol::writeBeginReply(mStream, result);
-  mStream.flush();
+  sendReply();
 }
 
 void Connection::handleFile() {
   const FileInfo info = Protocol::readFileInfo(mStream);
   if (!mSession) {
     mStream << int(RESUME_NO_SESSION);
-    mStream.flush();
+    sendReply();
     return;
   }
   Mutex::Lock work(mSession->workMutex());
@@ -141,20 +177,31 @@ void Connection::handleFile() {
   if (!mSession->openFile(info, start, refusal)) {
     HC_LOG_DEBUG("Refused " << info.mRemotePath << ": " << refusal);
     mStream << RESUME_REFUSED << refusal;
-    mStream.flush();
+    sendReply();
     return;
   }
   mStream << int(RESUME_OK) << long(start);
-  mStream.flush();
+  sendReply();
   receiveData(info.mSize - start);
   mStream << mSession->closeFile();
-  mStream.flush();
+  sendReply();
 }
 
 void Connection::receiveData(int64_t count) {
+  // Each block must arrive within the time-out spent waiting for it: a peer
+  // that sends a byte now and then holds nothing for ever.
+  Ticks waitedBefore = mSocket->getReadTicks();
+  size_t sinceBlock = 0;
   while (count > 0) {
     const size_t want = static_cast<size_t>(std::min<int64_t>(count, int64_t(mBuffer.size())));
     const size_t got = readSome(mBuffer.data(), want);
+    sinceBlock += got;
+    if (sinceBlock >= kDataBlock) {
+      sinceBlock = 0;
+      waitedBefore = mSocket->getReadTicks();
+    } else if ((mSocket->getReadTicks() - waitedBefore).nanos() / 1000000 > mIoTimeoutMs) {
+      throw std::ios_base::failure("file data slower than one block per time-out");
+    }
     mSession->fileData(mBuffer.data(), got);
     mSession->touch();
     count -= static_cast<int64_t>(got);
@@ -176,7 +223,10 @@ size_t Connection::readSome(char* buffer, size_t max) {
 }
 
 void Connection::handleCommit() {
-  if (!mSession) mSession = mTable.takeOver(shared_from_this(), clientAddress());
+  // Without a session, only the orphan of this very peer may be committed:
+  // a claimed client address grants nothing.
+  mSocket->setDeadline(Ticks());
+  if (!mSession) mSession = mTable.takeOver(shared_from_this(), mPeer);
   std::string errors;
   if (mSession) {
     {
@@ -187,11 +237,12 @@ void Connection::handleCommit() {
     mSession.reset();
   }
   mStream << errors;
-  mStream.flush();
+  sendReply();
 }
 
 void Connection::handleAbort() {
-  if (!mSession) mSession = mTable.takeOver(shared_from_this(), clientAddress());
+  mSocket->setDeadline(Ticks());
+  if (!mSession) mSession = mTable.takeOver(shared_from_this(), mPeer);
   if (mSession) {
     {
       Mutex::Lock work(mSession->workMutex());
@@ -201,5 +252,5 @@ void Connection::handleAbort() {
     mSession.reset();
   }
   mStream << 0;
-  mStream.flush();
+  sendReply();
 }

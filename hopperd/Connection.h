@@ -2,7 +2,9 @@
 // until the peer closes. The peer is a client or an upstream daemon; both
 // speak the same messages, an upstream daemon announcing itself first with
 // the relay identity. Everything read goes through the bounded readers: a
-// violation is logged and closes the connection.
+// violation is logged and closes the connection. So does a peer that is
+// silent in the middle of a message, or without a session, for the time-out,
+// or that sends a message or a block of file data slower than one time-out.
 #ifndef HC_HOPPERD_CONNECTION_H
 #define HC_HOPPERD_CONNECTION_H
 
@@ -18,7 +20,7 @@
 
 class Connection : public SessionOwner, public std::enable_shared_from_this<Connection> {
  public:
-  Connection(std::unique_ptr<TCPSocket> socket, SessionTable& table);
+  Connection(std::unique_ptr<TCPSocket> socket, SessionTable& table, int ioTimeoutMs);
 
   // The message loop; returns when the peer closes, on a protocol error, or
   // after interrupt(). Orphans the session if the connection still owns it.
@@ -29,6 +31,14 @@ class Connection : public SessionOwner, public std::enable_shared_from_this<Conn
   const std::string& peer() const { return mPeer; }
 
  private:
+  // Waits for the next message: for ever while the connection holds a
+  // session (a client may think between messages), else up to the time-out.
+  // False when the peer closed or stayed silent.
+  bool waitForMessage();
+  // The message's items must arrive within the time-out from its start.
+  void startMessage();
+  // Flushes a reply (no deadline: the reply may follow long work).
+  void sendReply();
   // False ends the connection.
   bool handle(int code);
   void handleNewVersion();
@@ -43,12 +53,15 @@ class Connection : public SessionOwner, public std::enable_shared_from_this<Conn
   size_t readSome(char* buffer, size_t max);
 
   SessionTable& mTable;
+  const int mIoTimeoutMs;
   Mutex mCloseMutex;    // interrupt() must not touch a closed descriptor
   bool mClosed = false;
   TCPSocket* mSocket;  // owned by mStream
   TCPStream mStream;
   std::string mPeer;
   std::optional<RelayIdentity> mIdentity;
+  bool mSeenMessage = false;  // any message after the handshake
+  bool mResuming = false;     // opened with a file announcement, no session
   std::shared_ptr<Session> mSession;
   std::vector<char> mBuffer;  // the one buffer file data passes through
 };

@@ -1,6 +1,7 @@
 #include "hopperd/DaemonApplication.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <iostream>
 #include <stdexcept>
 
@@ -26,6 +27,7 @@ GetOpt::Option gDaemonOptions[] = {
     {"stop-agents-cmd", GetOpt::REQ_ARG, nullptr, DaemonApplication::ARG_STOP_AGENTS_CMD, nullptr},
     {"start-agents-cmd", GetOpt::REQ_ARG, nullptr, DaemonApplication::ARG_START_AGENTS_CMD,
      nullptr},
+    {"io-timeout", GetOpt::REQ_ARG, nullptr, DaemonApplication::ARG_IO_TIMEOUT, "30"},
     {"log-level", GetOpt::REQ_ARG, nullptr, Application::ARG_LOGLEVEL, nullptr},
     {"logfile", GetOpt::REQ_ARG, nullptr, Application::ARG_LOGFILE, nullptr},
     {nullptr, 0, nullptr, 0, nullptr}};
@@ -89,6 +91,8 @@ void DaemonApplication::usage() {
       << "      --stop-agents-cmd=val   Shell command run before commit when the\n"
       << "                              client asked to stop the agents.\n"
       << "      --start-agents-cmd=val  Shell command run after that commit.\n"
+      << "      --io-timeout=val      Seconds a read or write may go without progress\n"
+      << "                            before the peer is taken for lost (default 30).\n"
       << "      --log-level=val       info or debug (default: no logging).\n"
       << "      --logfile=val         Log file (default /var/log/hopperd.log).\n";
 }
@@ -111,6 +115,9 @@ DaemonConfig DaemonApplication::readConfig() const {
   if (wasOptionPresent(id(ARG_RESUME_WINDOW))) {
     config.mResumeWindowSeconds =
         parseNumber("resume-window", getOption(id(ARG_RESUME_WINDOW), ""), 0, 86400 * 7);
+  }
+  if (wasOptionPresent(id(ARG_IO_TIMEOUT))) {
+    config.mIoTimeoutSeconds = parseNumber("io-timeout", getOption(id(ARG_IO_TIMEOUT), ""), 1, 86400);
   }
   config.mStopAgentsCommand = getOption(id(ARG_STOP_AGENTS_CMD), "");
   config.mStartAgentsCommand = getOption(id(ARG_START_AGENTS_CMD), "");
@@ -144,8 +151,21 @@ void DaemonApplication::initialize() {
   signals.processSignals();
 }
 
+void DaemonApplication::parseArgs(int argc, char** argv) {
+  Application::parseArgs(argc, argv);
+  if (!mArgs.empty()) {
+    usage();
+    throw std::runtime_error(std::string("Unexpected argument \"") + mArgs.front() + "\"");
+  }
+}
+
 int DaemonApplication::run() {
-  if (mServer) mServer->run();
+  if (mServer && !mServer->run()) {
+    // Threads still blocked (a command, a disk) hold the server's state;
+    // leave without tearing it down under them.
+    HC_LOG_INFO("Exiting with connections still busy");
+    std::_Exit(0);
+  }
   return 0;
 }
 

@@ -22,7 +22,8 @@ class DaemonApplication : public Application {
     ARG_STATE_DIR,
     ARG_RESUME_WINDOW,
     ARG_STOP_AGENTS_CMD,
-    ARG_START_AGENTS_CMD
+    ARG_START_AGENTS_CMD,
+    ARG_IO_TIMEOUT
   };
 
   DaemonApplication();
@@ -30,6 +31,8 @@ class DaemonApplication : public Application {
   // Serves until a shutdown signal; 0 afterwards.
   int run() override;
   void usage() override;
+  // The switches; a positional argument prints the usage and throws.
+  void parseArgs(int argc, char** argv) override;
   // Logging, --version, signal blocking, the settings (a faulty switch
   // throws with its message), journal clean-up, listening, signal dispatch.
   void initialize() override;

@@ -20,8 +20,13 @@ struct DaemonConfig {
   int mResumeWindowSeconds = 120;
   std::string mStopAgentsCommand;
   std::string mStartAgentsCommand;
-  // Connections served at once; more are closed at once.
+  // No read or write on a connection or relay link waits longer than this
+  // without progress.
+  int mIoTimeoutSeconds = 30;
+  // Connections served at once, in all and from one peer address; more are
+  // closed at once.
   int mMaxConnections = 64;
+  int mMaxConnectionsPerPeer = 8;
 };
 
 #endif  // HC_HOPPERD_DAEMONCONFIG_H

@@ -10,11 +10,43 @@ namespace {
 
 const int kConnectTimeoutMs = 5000;
 const size_t kGapBlock = 65536;
+// Commit may run agent commands on the hosts after this one: a host that
+// keeps answering handshakes is given this many time-outs for its reply.
+const int kCommitStalls = 20;
 
 }  // namespace
 
-Downstream::Downstream(RelayIdentity identity, std::string self)
-    : mIdentity(std::move(identity)), mSelf(std::move(self)) {}
+Downstream::Downstream(RelayIdentity identity, std::string self, int ioTimeoutMs)
+    : mIdentity(std::move(identity)), mSelf(std::move(self)), mIoTimeoutMs(ioTimeoutMs) {}
+
+std::unique_ptr<TCPStream> Downstream::newStream() {
+  auto stream = std::make_unique<TCPStream>();
+  TCPSocket& socket = stream->socket();
+  socket.setReadTimeout(mIoTimeoutMs);
+  socket.setWriteTimeout(mIoTimeoutMs);
+  socket.setCancelFlag(&mCancelled);
+  return stream;
+}
+
+bool Downstream::hostStillAnswers() {
+  const int limit = mCommitting ? kCommitStalls : int(mCandidates.size() - mIndex) + 1;
+  if (mCancelled || ++mStalls > limit) return false;
+  std::string address;
+  int port = kHopperDefaultPort;
+  parseHostPort(mHost, address, port);
+  std::unique_ptr<TCPStream> probe = newStream();
+  try {
+    const bool alive = Protocol::acceptedVersion(
+        Protocol::handshake(*probe, address, port, std::min(kConnectTimeoutMs, mIoTimeoutMs)));
+    HC_LOG_INFO("Relay link to " << mHost << " silent for " << mIoTimeoutMs << " ms; the host "
+                << (alive ? "still answers" : "does not answer"));
+    return alive;
+  } catch (const std::exception& e) {
+    HC_LOG_INFO("Relay link to " << mHost << " silent for " << mIoTimeoutMs
+                << " ms; the host does not answer: " << e.what());
+    return false;
+  }
+}
 
 Downstream::~Downstream() { close(); }
 
@@ -32,17 +64,21 @@ std::vector<std::string> Downstream::remainingFrom(size_t index) const {
 }
 
 bool Downstream::connect(const std::vector<std::string>& candidates, bool stopAgents,
-                         BeginResult& result) {
+                         BeginResult& result, const std::function<bool()>& abandoned) {
   close();
   mCandidates = candidates;
   mStopAgents = stopAgents;
-  return search(0, result);
+  return search(0, result, abandoned);
 }
 
-bool Downstream::search(size_t from, BeginResult& result) {
+bool Downstream::search(size_t from, BeginResult& result, const std::function<bool()>& abandoned) {
   for (size_t i = from; i < mCandidates.size(); ++i) {
     const std::string& host = mCandidates[i];
     if (mDropped.count(host)) continue;
+    if (mCancelled || (abandoned && abandoned())) {
+      HC_LOG_INFO("Host search for upload " << mIdentity.mUploadId << " stopped at " << host);
+      return false;
+    }
     const Outcome outcome = tryLink(i, result);
     if (outcome == LINKED) return true;
     if (outcome == BUSY) {
@@ -60,11 +96,11 @@ Downstream::Outcome Downstream::tryLink(size_t index, BeginResult& result) {
   std::string address;
   int port = kHopperDefaultPort;
   parseHostPort(host, address, port);
-  auto stream = std::make_unique<TCPStream>();
+  std::unique_ptr<TCPStream> stream = newStream();
   try {
-    int version = connectToHopperNew(*stream, address, port, kConnectTimeoutMs);
-    if (version == -1) version = connectToHopperOld(*stream, address, port, kConnectTimeoutMs);
-    if (version != 4 && version != kHopperProtocolVersion) return MISMATCH;
+    if (!Protocol::acceptedVersion(Protocol::handshake(*stream, address, port, kConnectTimeoutMs))) {
+      return MISMATCH;
+    }
     stream->socket().setKeepAlive(true);
     Protocol::writeRelayIdentity(*stream, mIdentity);
     Protocol::writeBegin(*stream, remainingFrom(index), mStopAgents);
@@ -89,6 +125,8 @@ Downstream::Outcome Downstream::tryLink(size_t index, BeginResult& result) {
   mStream = std::move(stream);
   mHost = host;
   mIndex = index;
+  mStalls = 0;
+  mStream->socket().setStallHandler([this] { return hostStillAnswers(); });
   HC_LOG_DEBUG("Relaying upload " << mIdentity.mUploadId << " to " << host);
   return LINKED;
 }
@@ -132,7 +170,7 @@ bool Downstream::announceOnLink(std::string& refusal) {
       return true;
     }
     if (status != RESUME_NO_SESSION) {
-      refusal = Protocol::readString(*mStream);
+      refusal = Protocol::readReply(*mStream, mHost);
       return false;
     }
     if (round > 0) break;
@@ -185,6 +223,7 @@ void Downstream::sendFileBytes(const char* data, size_t n) {
   if (mStream->socket().write(data, static_cast<int>(n)) != static_cast<int>(n)) {
     throw std::ios_base::failure("relay link lost");
   }
+  progressed();
   mBytesForwarded += static_cast<int64_t>(n);
 }
 
@@ -248,7 +287,7 @@ std::string Downstream::finishFile() {
     try {
       if (mPosition < mFile.mSize && !resendGap(mFile.mSize)) break;
       mStream->flush();
-      reply = Protocol::readString(*mStream);
+      reply = Protocol::readReply(*mStream, mHost);
       break;
     } catch (const std::exception&) {
       if (!relinkFile()) break;
@@ -275,15 +314,20 @@ void Downstream::sendCommit() {
 }
 
 std::string Downstream::finishCommit() {
+  mCommitting = true;
+  mStalls = 0;
+  std::string reply;
   for (size_t attempt = 0; linked() && attempt <= mCandidates.size(); ++attempt) {
     try {
-      return Protocol::readString(*mStream);
+      reply = Protocol::readReply(*mStream, mHost);
+      break;
     } catch (const std::exception&) {
       if (!reroute()) break;
       sendCommit();
     }
   }
-  return std::string();
+  mCommitting = false;
+  return reply;
 }
 
 void Downstream::abort() {

@@ -3,10 +3,13 @@
 // passes file announcements, data, commit and abort on, and when the link is
 // lost in the middle it drops the host, links to the next one and re-sends
 // what that host is missing from this host's staged copy, so that a lost
-// host costs the others nothing.
+// host costs the others nothing. No wait on the link lasts longer than the
+// time-out without progress, unless the host still answers a fresh
+// handshake (it is then itself waiting on the hosts after it).
 #ifndef HC_HOPPERD_DOWNSTREAM_H
 #define HC_HOPPERD_DOWNSTREAM_H
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -22,23 +25,28 @@ class StagedFile;
 class Downstream {
  public:
   // identity travels ahead of every begin; self is this host's identifier,
-  // used in the error lines this link writes.
-  Downstream(RelayIdentity identity, std::string self);
+  // used in the error lines this link writes; ioTimeoutMs bounds every wait
+  // on the link.
+  Downstream(RelayIdentity identity, std::string self, int ioTimeoutMs);
   ~Downstream();
   Downstream(const Downstream&) = delete;
   Downstream& operator=(const Downstream&) = delete;
 
   // Drops any current link and links to the first host of candidates (the
   // hosts after this one, in order) that accepts the upload. Busy and failed
-  // hosts, and those the new link reports, go to result. True when linked.
+  // hosts, and those the new link reports, go to result. The search stops
+  // early when abandoned() says the upstream has gone. True when linked.
   bool connect(const std::vector<std::string>& candidates, bool stopAgents,
-               BeginResult& result);
+               BeginResult& result, const std::function<bool()>& abandoned);
   // When no link is up but hosts remain (after an orphaning), links again;
   // hosts that fail now count as lost. True when linked.
   bool ensureLinked();
   bool linked() const { return mStream != nullptr; }
   // Closes the link without a word (the next host sees its upstream vanish).
   void close();
+  // From any thread: every wait on the link ends within 100 ms and no new
+  // link is made (the daemon is shutting down).
+  void cancel() { mCancelled = true; }
 
   // Announces a file. True when the link takes its bytes from position()
   // on; false when there is no link or it refused the file (its text then
@@ -67,7 +75,15 @@ class Downstream {
  private:
   enum Outcome { LINKED, BUSY, FAILED, MISMATCH };
   Outcome tryLink(size_t index, BeginResult& result);
-  bool search(size_t from, BeginResult& result);
+  bool search(size_t from, BeginResult& result,
+              const std::function<bool()>& abandoned = nullptr);
+  // A new stream with the link's time-outs and cancellation.
+  std::unique_ptr<TCPStream> newStream();
+  // The stall handler of the link: true (wait once more) while the host
+  // answers a fresh handshake, a bounded number of times in a row.
+  bool hostStillAnswers();
+  // Starts counting stalls afresh (the link made progress).
+  void progressed() { mStalls = 0; }
   std::vector<std::string> remainingFrom(size_t index) const;
   // The link broke: records the host as lost and links to the next one,
   // whose own failures count as lost too. True when a new link is up.
@@ -88,6 +104,10 @@ class Downstream {
 
   RelayIdentity mIdentity;
   std::string mSelf;
+  const int mIoTimeoutMs;
+  std::atomic<bool> mCancelled{false};
+  int mStalls = 0;  // time-outs in a row the host excused by answering
+  bool mCommitting = false;
   bool mStopAgents = false;
   std::vector<std::string> mCandidates;
   std::set<std::string> mDropped;

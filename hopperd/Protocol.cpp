@@ -3,7 +3,52 @@
 #include <algorithm>
 #include <cctype>
 
+#include "util/Ticks.h"
+
+namespace {
+
+const char kCutMark[] = " [cut]";
+const char kOmitted[] = "(further errors omitted)";
+
+// The old version request: the daemon answers with a bare int32.
+int oldHandshake(TCPStream& stream, const std::string& host, int port, int timeoutMs) {
+  stream.connect(host, port, timeoutMs);
+  stream << int(C2H_GET_VERSION);
+  stream.flush();
+  int version = 0;
+  stream >> version;
+  return version;
+}
+
+}  // namespace
+
 namespace Protocol {
+
+bool acceptedVersion(int version) { return version == 4 || version == kHopperProtocolVersion; }
+
+int handshake(TCPStream& stream, const std::string& host, int port, int timeoutMs) {
+  TCPSocket& socket = stream.socket();
+  socket.setDeadline(Ticks::currentTime() + Ticks(int64_t(timeoutMs) * 1000000));
+  struct ClearDeadline {
+    TCPSocket& mSocket;
+    ~ClearDeadline() { mSocket.setDeadline(Ticks()); }
+  } clear{socket};
+  stream.connect(host, port, timeoutMs);
+  stream << int(C2H_NEW_GET_VERSION) << kHopperProtocolVersion << getVersionString();
+  stream.flush();
+  std::string reply;
+  try {
+    reply = readString(stream);
+  } catch (const std::ios_base::failure&) {
+    // A daemon that predates the new request closes the connection on it.
+    if (socket.getLastError() == ETIMEDOUT || socket.getLastError() == ECANCELED) throw;
+    return oldHandshake(stream, host, port, timeoutMs);
+  }
+  if (reply != "OK") return oldHandshake(stream, host, port, timeoutMs);
+  int version = 0;
+  stream >> version;
+  return version;
+}
 
 std::string readString(TCPStream& in) {
   std::string s;
@@ -18,6 +63,20 @@ int64_t readPosition(TCPStream& in, int64_t max) {
     throw System::WireLimitError("size or position " + std::to_string(value) + " out of range");
   }
   return value;
+}
+
+std::string readReply(TCPStream& in, const std::string& host) {
+  int length = 0;
+  in >> length;
+  if (length < 0) throw System::WireLimitError("negative reply length");
+  if (size_t(length) <= kMaxReplyText) {
+    std::string text(size_t(length), '\0');
+    in.read(&text[0], length);
+    return text;
+  }
+  in.ignore(length);  // read past it without keeping it
+  return host + ": reply of " + std::to_string(length) + " bytes exceeds the limit of " +
+         std::to_string(kMaxReplyText) + " and was dropped";
 }
 
 FileInfo readFileInfo(TCPStream& in) {
@@ -93,9 +152,22 @@ void writeBeginReply(TCPStream& out, const BeginResult& result) {
 }
 
 void appendLines(std::string& lines, const std::string& text) {
-  if (text.empty()) return;
-  if (!lines.empty() && lines.back() != '\n') lines += '\n';
-  lines += text;
+  const size_t room = kMaxReplyText - sizeof kOmitted;  // the marker always fits
+  std::string::size_type start = 0;
+  while (start < text.size()) {
+    std::string::size_type end = text.find('\n', start);
+    if (end == std::string::npos) end = text.size();
+    std::string line = text.substr(start, std::min(end - start, kMaxReplyLine + 1));
+    start = end + 1;
+    if (line.size() > kMaxReplyLine) line.replace(kMaxReplyLine - (sizeof kCutMark - 1), std::string::npos, kCutMark);
+    const bool omitted = lines.size() >= sizeof kOmitted - 1 &&
+                         lines.compare(lines.size() - (sizeof kOmitted - 1), std::string::npos, kOmitted) == 0;
+    if (omitted) return;
+    const size_t separator = lines.empty() ? 0 : 1;
+    if (lines.size() + separator + line.size() > room) line = kOmitted;
+    if (separator) lines += '\n';
+    lines += line;
+  }
 }
 
 }  // namespace Protocol

@@ -23,6 +23,11 @@ const int RESUME_REFUSED = 4;
 // The largest file size a peer may announce.
 const int64_t kMaxFileSize = int64_t(1) << 62;
 
+// A reply line longer than this is cut (and marked so); a whole reply stays
+// within the string bound a peer accepts.
+const size_t kMaxReplyLine = 1024;
+const size_t kMaxReplyText = System::kMaxPeerStringLength;
+
 // One file announcement.
 struct FileInfo {
   int64_t mSize = 0;
@@ -49,6 +54,15 @@ struct BeginResult {
 
 namespace Protocol {
 
+// Handshakes with the daemon at host:port as a client does (the new version
+// request, then the old one when the new is not understood). Every reply
+// item goes through the bounded readers and the whole exchange ends within
+// timeoutMs. Returns the daemon's protocol version; throws on a silent,
+// broken or foreign peer. stream keeps its socket's settings.
+int handshake(TCPStream& stream, const std::string& host, int port, int timeoutMs);
+// Protocol versions this daemon relays to.
+bool acceptedVersion(int version);
+
 // Readers; each throws System::WireLimitError when the peer exceeds a bound
 // and the stream's failure exception when the connection breaks.
 std::string readString(TCPStream& in);
@@ -62,6 +76,10 @@ RelayIdentity readRelayIdentity(TCPStream& in);
 void readBeginFailures(TCPStream& in, BeginResult& out);
 // An int64 position or size, checked to lie in [0, max].
 int64_t readPosition(TCPStream& in, int64_t max);
+// A reply text of the daemon `host`. One over the string bound is read past
+// and replaced by a line saying so, so the link stays usable; a negative
+// length throws System::WireLimitError.
+std::string readReply(TCPStream& in, const std::string& host);
 
 // Writers (not flushed).
 void writeFileInfo(TCPStream& out, const FileInfo& info);
@@ -70,7 +88,9 @@ void writeRelayIdentity(TCPStream& out, const RelayIdentity& identity);
 // Status 3 (or 0 when nothing failed) and, for 3, the lists and the text.
 void writeBeginReply(TCPStream& out, const BeginResult& result);
 
-// Appends text to lines as further lines ("" adds nothing).
+// Appends the lines of text to lines ("" adds nothing). A line over
+// kMaxReplyLine is cut and marked; lines that would take the whole past
+// kMaxReplyText are dropped, and one line says that some were.
 void appendLines(std::string& lines, const std::string& text);
 
 }  // namespace Protocol

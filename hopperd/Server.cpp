@@ -1,8 +1,10 @@
 #include "hopperd/Server.h"
 
+#include <algorithm>
 #include <system_error>
 
 #include "util/Logger.h"
+#include "util/System.h"
 
 namespace {
 
@@ -12,7 +14,7 @@ const int kAcceptPollMs = 200;
 
 Server::Server(DaemonConfig config) : mConfig(std::move(config)), mTable(mConfig) {}
 
-Server::~Server() { joinWorkers(true); }
+Server::~Server() { stopWorkers(kStopWaitMs); }
 
 void Server::listen() {
   mListener.listen(mConfig.mBindAddress, mConfig.mPort);
@@ -20,32 +22,47 @@ void Server::listen() {
               << mConfig.mRoot << ", allowing " << mConfig.mAllow.toString());
 }
 
-void Server::run() {
+bool Server::run() {
   while (!mStopping) {
     std::unique_ptr<TCPSocket> socket = mListener.accept(kAcceptPollMs);
     if (socket) serve(std::move(socket));
     mTable.reap();
-    joinWorkers(false);
+    joinFinished();
   }
   HC_LOG_INFO("Shutting down");
   mListener.close();
-  mTable.discardAll();
-  joinWorkers(true);
+  const Ticks start = Ticks::currentTime();
+  bool clean = mTable.discardAll(kStopWaitMs);
+  const long left = kStopWaitMs - long((Ticks::currentTime() - start).nanos() / 1000000);
+  clean = stopWorkers(std::max(left, 100L)) && clean;
+  return clean;
+}
+
+std::string Server::refusal(const std::string& peer) {
+  if (!mConfig.mAllow.allows(peer)) return "not in the allow list";
+  joinFinished();  // connections that just ended do not count
+  if (mWorkers.size() >= static_cast<size_t>(mConfig.mMaxConnections)) {
+    return std::to_string(mWorkers.size()) + " connections already";
+  }
+  const auto fromPeer = std::count_if(mWorkers.begin(), mWorkers.end(),
+                                      [&](const Worker& w) { return w.mPeer == peer; });
+  if (fromPeer >= mConfig.mMaxConnectionsPerPeer) {
+    return std::to_string(fromPeer) + " connections from that address already";
+  }
+  return std::string();
 }
 
 void Server::serve(std::unique_ptr<TCPSocket> socket) {
   const std::string peer = socket->getRemoteHost();
-  if (!mConfig.mAllow.allows(peer)) {
-    HC_LOG_INFO("Connection from " << peer << " refused: not in the allow list");
-    return;
-  }
-  if (mWorkers.size() >= static_cast<size_t>(mConfig.mMaxConnections)) {
-    HC_LOG_INFO("Connection from " << peer << " refused: " << mWorkers.size()
-                << " connections already");
+  const std::string why = refusal(peer);
+  if (!why.empty()) {
+    HC_LOG_INFO("Connection from " << peer << " refused: " << why);
     return;
   }
   Worker worker;
-  worker.mConnection = std::make_shared<Connection>(std::move(socket), mTable);
+  worker.mPeer = peer;
+  worker.mConnection =
+      std::make_shared<Connection>(std::move(socket), mTable, mConfig.mIoTimeoutSeconds * 1000);
   worker.mDone = std::make_shared<std::atomic<bool>>(false);
   std::shared_ptr<Connection> connection = worker.mConnection;
   std::shared_ptr<std::atomic<bool>> done = worker.mDone;
@@ -61,16 +78,30 @@ void Server::serve(std::unique_ptr<TCPSocket> socket) {
   mWorkers.push_back(std::move(worker));
 }
 
-void Server::joinWorkers(bool all) {
-  if (all) {
-    for (Worker& worker : mWorkers) worker.mConnection->interrupt();
-  }
+void Server::joinFinished() {
   for (auto it = mWorkers.begin(); it != mWorkers.end();) {
-    if (all || *it->mDone) {
+    if (*it->mDone) {
       it->mThread.join();
       it = mWorkers.erase(it);
     } else {
       ++it;
     }
   }
+}
+
+bool Server::stopWorkers(long waitMs) {
+  for (Worker& worker : mWorkers) worker.mConnection->interrupt();
+  const Ticks until = Ticks::currentTime() + Ticks(int64_t(waitMs) * 1000000);
+  joinFinished();
+  while (!mWorkers.empty() && Ticks::currentTime() < until) {
+    System::sleep(10);
+    joinFinished();
+  }
+  if (mWorkers.empty()) return true;
+  HC_LOG_INFO(mWorkers.size() << " connections still busy at shutdown; not waiting for them");
+  // Each thread holds its connection (and the session table through it)
+  // by shared pointers taken at start; the process exits right after.
+  for (Worker& worker : mWorkers) worker.mThread.detach();
+  mWorkers.clear();
+  return false;
 }

@@ -1,7 +1,8 @@
 // The daemon's accept loop: one thread per accepted connection (up to the
-// configured cap; more are closed at once), peers outside the allow list
-// closed and logged, orphaned sessions discarded when their resume window
-// passes, and an orderly stop that aborts the session on this host.
+// configured caps, in all and per peer address; more are closed at once),
+// peers outside the allow list closed and logged, orphaned sessions
+// discarded when their resume window passes, and an orderly stop that aborts
+// the session on this host within a bounded time.
 #ifndef HC_HOPPERD_SERVER_H
 #define HC_HOPPERD_SERVER_H
 
@@ -27,21 +28,30 @@ class Server {
   void listen();
   // The port listened on (useful with port 0).
   int port() const { return mListener.getListenerPort(); }
-  // Serves until stop(); then discards the session on this host, ends every
-  // connection and returns once their threads have finished.
-  void run();
+  // Serves until stop(); then discards the session on this host and ends
+  // every connection. Returns true once their threads have finished, false
+  // when some were still busy after kStopWaitMs (the caller exits anyway:
+  // the journal clean-up at the next start removes what they staged).
+  bool run();
+  static const long kStopWaitMs = 1500;
   // Asks run() to return; callable from any thread (the signal dispatcher).
   void stop() { mStopping = true; }
 
  private:
   struct Worker {
+    std::string mPeer;
     std::shared_ptr<Connection> mConnection;
     std::thread mThread;
     std::shared_ptr<std::atomic<bool>> mDone;
   };
   void serve(std::unique_ptr<TCPSocket> socket);
-  // Joins finished workers (all of them with all, after interrupting them).
-  void joinWorkers(bool all);
+  // Joins finished workers.
+  void joinFinished();
+  // Interrupts every worker and joins those that end within waitMs; the
+  // others are detached. True when all ended.
+  bool stopWorkers(long waitMs);
+  // Why a connection from peer cannot be served now ("" when it can).
+  std::string refusal(const std::string& peer);
 
   const DaemonConfig mConfig;
   SessionTable mTable;

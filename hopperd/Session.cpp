@@ -1,6 +1,7 @@
 #include "hopperd/Session.h"
 
 #include <algorithm>
+#include <map>
 
 #include "util/Logger.h"
 #include "util/StringUtilities.h"
@@ -13,21 +14,23 @@ Session::Session(std::string id, std::vector<std::string> hosts, std::string cli
       mConfig(config),
       mHosts(std::move(hosts)),
       mTargets(config.mRoot, config.mAllowedPaths),
-      mJournal(config.mStateDir, mId),
-      mDownstream(RelayIdentity{mClientAddress, mId, mSelf}, mSelf) {
+      mJournal(config.mStateDir, mId, config.mRoot),
+      mDownstream(RelayIdentity{mClientAddress, mId, mSelf}, mSelf,
+                  config.mIoTimeoutSeconds * 1000) {
   touch();
 }
 
 Session::~Session() = default;
 
-void Session::begin(const std::vector<std::string>& hosts, bool stopAgents, BeginResult& result) {
+void Session::begin(const std::vector<std::string>& hosts, bool stopAgents, BeginResult& result,
+                    const std::function<bool()>& abandoned) {
   mHosts = hosts;
   mStopAgents = stopAgents;
   ++mGeneration;
   mCurrent = nullptr;
   const std::vector<std::string> after(mHosts.begin() + std::min<size_t>(1, mHosts.size()),
                                        mHosts.end());
-  mDownstream.connect(after, stopAgents, result);
+  mDownstream.connect(after, stopAgents, result, abandoned);
 }
 
 void Session::moveToEnd(Entry* entry) {
@@ -36,28 +39,32 @@ void Session::moveToEnd(Entry* entry) {
   std::rotate(it, it + 1, mEntries.end());
 }
 
-void Session::recordCreatedDirs(const std::vector<std::string>& dirs) {
-  for (const std::string& dir : dirs) {
-    const std::string local = mTargets.local(dir);
-    std::string error;
-    if (!mJournal.recordDirectory(local, error)) HC_LOG_INFO(error);
-    mCreatedDirs.push_back(local);
-    mKnownDirs.insert(dir);
-  }
+void Session::keepCreatedDirs(const std::vector<std::string>& dirs) {
+  mCreatedDirs.insert(mCreatedDirs.end(), dirs.begin(), dirs.end());
+  mKnownDirs.insert(dirs.begin(), dirs.end());
+}
+
+bool Session::resumable(const Entry* entry, const FileInfo& info) const {
+  // Only the last file, announced again after a reconnect exactly as before.
+  return entry && entry == mLast && !entry->mFailed && entry->mGeneration < mGeneration &&
+         entry->mInfo.mSize == info.mSize && entry->mInfo.mRemotePath == info.mRemotePath &&
+         entry->mInfo.mBaseName == info.mBaseName && entry->mInfo.mMode == info.mMode;
 }
 
 Session::Entry* Session::stageLocally(const FileInfo& info, int64_t& position,
                                       std::string& refusal) {
   TargetPath::Resolution where;
-  const bool ok = mTargets.resolve(info.mRemotePath, info.mBaseName, mKnownDirs, where, refusal);
-  recordCreatedDirs(where.mCreatedDirs);
-  if (!ok) return nullptr;
-  const auto known = mByTarget.find(where.mLocal);
+  const auto journalDir = [this](const std::string& dir, std::string& error) {
+    return mJournal.recordDirectory(dir, error);
+  };
+  if (!mTargets.resolve(info.mRemotePath, info.mBaseName, mKnownDirs, where, refusal,
+                        journalDir)) {
+    mTargets.removeDirectories(where.mCreatedDirs);  // a refused file leaves nothing behind
+    return nullptr;
+  }
+  const auto known = mByTarget.find(where.mTarget);
   Entry* entry = known == mByTarget.end() ? nullptr : known->second;
-  // A file announced again after a reconnect, with the same size, goes on
-  // where its bytes stopped; any other announcement starts it afresh.
-  bool resume = entry && entry == mLast && !entry->mFailed && entry->mSize == info.mSize &&
-                entry->mGeneration < mGeneration;
+  bool resume = resumable(entry, info);
   if (resume && !(entry->mFile->reopen(refusal) && entry->mFile->size() <= info.mSize)) {
     resume = false;
   }
@@ -67,19 +74,20 @@ Session::Entry* Session::stageLocally(const FileInfo& info, int64_t& position,
     } else {
       mEntries.push_back(std::make_unique<Entry>());
       entry = mEntries.back().get();
-      entry->mFile = std::make_unique<StagedFile>(where.mLocal, mId);
-      if (!mJournal.recordStagedFile(entry->mFile->path(), refusal)) {
-        mEntries.pop_back();
-        return nullptr;
-      }
-      mByTarget[where.mLocal] = entry;
+      entry->mFile = std::make_unique<StagedFile>(mTargets, where.mTarget, mId);
+      mByTarget[where.mTarget] = entry;
     }
-    entry->mRemoteTarget = where.mTarget;
-    entry->mSize = info.mSize;
-    entry->mMode = info.mMode;
-    entry->mFailed = !entry->mFile->create(refusal);
-    if (entry->mFailed) return nullptr;
+    entry->mInfo = info;
+    const auto journalFile = [this](const std::string& staged, std::string& error) {
+      return mJournal.recordStagedFile(staged, error);
+    };
+    entry->mFailed = !entry->mFile->create(where.mParent.get(), journalFile, refusal);
+    if (entry->mFailed) {
+      mTargets.removeDirectories(where.mCreatedDirs);
+      return nullptr;
+    }
   }
+  keepCreatedDirs(where.mCreatedDirs);
   entry->mGeneration = mGeneration;
   mLast = entry;
   position = entry->mFile->size();
@@ -150,21 +158,7 @@ std::string Session::commit() {
   mDownstream.sendCommit();
   std::string errors;
   if (mStopAgents) runCommand(mConfig.mStopAgentsCommand, errors);
-  for (const auto& entry : mEntries) {
-    StagedFile& file = *entry->mFile;
-    std::string error;
-    if (entry->mFailed) {
-      file.discard();
-    } else if (file.size() != entry->mSize) {
-      Protocol::appendLines(errors, line(entry->mRemoteTarget + ": incomplete, " +
-                                         std::to_string(file.size()) + " of " +
-                                         std::to_string(entry->mSize) + " bytes received"));
-      file.discard();
-    } else if (!file.commit(entry->mMode, error)) {
-      Protocol::appendLines(errors, line(error));
-      file.discard();
-    }
-  }
+  moveIntoPlace(prepareForCommit(errors), errors);
   if (mStopAgents) runCommand(mConfig.mStartAgentsCommand, errors);
   const std::string downstream = mDownstream.finishCommit();
   for (const std::string& lost : mDownstream.lostHosts()) {
@@ -180,14 +174,73 @@ std::string Session::commit() {
   return errors;
 }
 
+std::vector<Session::Entry*> Session::prepareForCommit(std::string& errors) {
+  // One descriptor per file system holding staged files, to flush each once.
+  std::map<int64_t, System::FileDescriptor> fileSystems;
+  std::vector<Entry*> ready;
+  for (const auto& entry : mEntries) {
+    StagedFile& file = *entry->mFile;
+    std::string error;
+    System::FileDescriptor fd;
+    if (!entry->mFailed && file.size() != entry->mInfo.mSize) {
+      error = file.remoteTarget() + ": incomplete, " + std::to_string(file.size()) + " of " +
+              std::to_string(entry->mInfo.mSize) + " bytes received";
+    } else if (!entry->mFailed) {
+      fd = file.prepare(entry->mInfo.mSize, entry->mInfo.mMode, error);
+    }
+    FileAttributes attrs;
+    if (!fd || !attrs.statFd(fd.get())) {
+      Protocol::appendLines(errors, error.empty() ? "" : line(error));
+      file.discard();
+      continue;
+    }
+    fileSystems.emplace(attrs.mFSID.mDevice, std::move(fd));
+    ready.push_back(entry.get());
+  }
+  for (const auto& fileSystem : fileSystems) {
+    if (System::syncFileSystem(fileSystem.second.get())) continue;
+    // Nothing on it is known to be durable: none of its files is renamed.
+    Protocol::appendLines(errors, line("Error flushing staged files: " + System::getErrorMessageStr()));
+    for (Entry* entry : ready) entry->mFile->discard();
+    return {};
+  }
+  return ready;
+}
+
+void Session::moveIntoPlace(const std::vector<Entry*>& ready, std::string& errors) {
+  // Files of one directory mostly come together: each run of them costs one
+  // walk to the directory and one flush of it after its renames.
+  std::string directory;
+  System::FileDescriptor parent;
+  const auto flushDirectory = [&] {
+    if (parent && !System::syncFile(parent.get())) {
+      Protocol::appendLines(errors, line("Error flushing directory " + directory + ": " +
+                                         System::getErrorMessageStr()));
+    }
+  };
+  for (Entry* entry : ready) {
+    StagedFile& file = *entry->mFile;
+    std::string error;
+    if (TargetPath::directoryOf(file.remoteTarget()) != directory || !parent) {
+      flushDirectory();
+      directory = TargetPath::directoryOf(file.remoteTarget());
+      parent = mTargets.openParent(file.remoteTarget(), error);
+      if (!parent) error = file.remoteTarget() + ": " + error;
+    }
+    if (!parent || !file.moveInto(parent.get(), error)) {
+      Protocol::appendLines(errors, line(error));
+      file.discard();
+    }
+  }
+  flushDirectory();
+}
+
 void Session::removeStaged() {
   for (const auto& entry : mEntries) entry->mFile->discard();
   mByTarget.clear();
   mEntries.clear();
   mLast = mCurrent = nullptr;
-  for (auto it = mCreatedDirs.rbegin(); it != mCreatedDirs.rend(); ++it) {
-    System::removeDirectory(*it);
-  }
+  mTargets.removeDirectories(mCreatedDirs);
   mCreatedDirs.clear();
   mKnownDirs.clear();
   mJournal.remove();

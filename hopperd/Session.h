@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -47,8 +48,10 @@ class Session {
   // ---- with workMutex() held -------------------------------------------
 
   // Takes a begin's host set and links to the next host that accepts; the
-  // hosts that failed or were busy go to result.
-  void begin(const std::vector<std::string>& hosts, bool stopAgents, BeginResult& result);
+  // hosts that failed or were busy go to result. The search stops when
+  // abandoned() says the upstream has gone.
+  void begin(const std::vector<std::string>& hosts, bool stopAgents, BeginResult& result,
+             const std::function<bool()>& abandoned);
   // Stages a file here and announces it downstream. True with the offset
   // from which the sender must send; false with the refusal lines when
   // neither this host nor the ones after it take the file.
@@ -67,6 +70,8 @@ class Session {
   void discard();
   // Drops the relay link, so that the hosts after this one notice the loss.
   void closeDownstream() { mDownstream.close(); }
+  // From any thread: ends every wait on the relay link (shutdown).
+  void cancel() { mDownstream.cancel(); }
 
   // Raw data bytes passed downstream.
   int64_t bytesForwarded() const { return mDownstream.bytesForwarded(); }
@@ -76,17 +81,23 @@ class Session {
 
   struct Entry {
     std::unique_ptr<StagedFile> mFile;
-    std::string mRemoteTarget;
-    int64_t mSize = 0;
-    int mMode = 0;
+    FileInfo mInfo;  // the announcement the staged bytes belong to
     uint64_t mGeneration = 0;
     bool mFailed = false;
   };
 
   Entry* stageLocally(const FileInfo& info, int64_t& position, std::string& refusal);
+  // True when entry's staged bytes may be continued for info (a resumed file).
+  bool resumable(const Entry* entry, const FileInfo& info) const;
   void moveToEnd(Entry* entry);
-  void recordCreatedDirs(const std::vector<std::string>& dirs);
+  void keepCreatedDirs(const std::vector<std::string>& dirs);
   void runCommand(const std::string& command, std::string& errors);
+  // Commit in two passes, so that durability costs one flush per file
+  // system and one per directory rather than one per file: the files whose
+  // staged copies are complete, checked and on flushed file systems...
+  std::vector<Entry*> prepareForCommit(std::string& errors);
+  // ...then renamed onto their targets, each directory flushed after.
+  void moveIntoPlace(const std::vector<Entry*>& ready, std::string& errors);
   void removeStaged();
   std::string line(const std::string& text) const { return mSelf + ": " + text; }
 
@@ -102,9 +113,9 @@ class Session {
   Journal mJournal;
   Downstream mDownstream;
   std::vector<std::unique_ptr<Entry>> mEntries;  // announcement order
-  std::unordered_map<std::string, Entry*> mByTarget;  // keyed by local target
+  std::unordered_map<std::string, Entry*> mByTarget;  // keyed by remote target
   std::set<std::string> mKnownDirs;              // remote directories made
-  std::vector<std::string> mCreatedDirs;         // local, in creation order
+  std::vector<std::string> mCreatedDirs;         // the same, in creation order
   uint64_t mGeneration = 0;                      // counts (re)begins
   Entry* mLast = nullptr;                        // the last announced file
 

@@ -6,37 +6,34 @@
 #include <random>
 
 #include "util/Logger.h"
+#include "util/System.h"
 
 SessionTable::SessionTable(const DaemonConfig& config) : mConfig(config) {}
 
 std::string SessionTable::newSessionId() {
   std::random_device random;
-  const uint64_t value = (uint64_t(random()) << 32) ^ uint64_t(random()) ^
-                         uint64_t(Ticks::currentTime().nanos());
-  char text[17];
-  std::snprintf(text, sizeof text, "%016" PRIx64, value);
-  return text;
-}
-
-bool SessionTable::upstreamGone(const Session& session) const {
-  return session.mOrphaned || session.mOwner.expired() ||
-         Ticks::currentTime().nanos() - session.lastActivity() > kQuietNanos;
+  std::string id;
+  char part[9];
+  for (int i = 0; i < 4; ++i) {
+    std::snprintf(part, sizeof part, "%08" PRIx32, uint32_t(random()));
+    id += part;
+  }
+  return id;
 }
 
 SessionTable::Decision SessionTable::decide(const Session& session, const SessionOwner* owner,
                                             const BeginRequest& request) {
   if (session.mOwnerId == owner) return ADOPT;
-  // A relayed begin resumes exactly its own upload and nothing else; one
-  // from this very session (a host set naming us twice) is refused.
-  if (request.mUploadId) {
-    return *request.mUploadId == session.id() && request.mUpstreamHost != session.self() ? ADOPT
-                                                                                          : BUSY;
+  // A relayed begin with the session's identifier is the same upload coming
+  // back along another path; one from this very session (a host set naming
+  // us twice) is refused.
+  if (request.mUploadId && *request.mUploadId == session.id()) {
+    return request.mUpstreamHost != session.self() ? ADOPT : BUSY;
   }
   if (request.mClientAddress != session.clientAddress()) return BUSY;
-  // The client resumes here only after giving up on our upstream host.
-  const std::vector<std::string>& hosts = request.mHosts;
-  if (std::find(hosts.begin(), hosts.end(), session.mUpstreamHost) != hosts.end()) return BUSY;
-  return upstreamGone(session) ? ADOPT : WAIT;
+  if (request.mResume && !request.mUploadId) return session.mOrphaned ? ADOPT : WAIT;
+  // Any other begin is a new upload: it never continues an old one.
+  return session.mOrphaned ? REPLACE : WAIT;
 }
 
 std::shared_ptr<Session> SessionTable::adopt(const std::shared_ptr<SessionOwner>& owner,
@@ -57,41 +54,74 @@ std::shared_ptr<Session> SessionTable::adopt(const std::shared_ptr<SessionOwner>
   return mSession;
 }
 
+std::shared_ptr<Session> SessionTable::create(const std::shared_ptr<SessionOwner>& owner,
+                                              const BeginRequest& request) {
+  mSession = std::make_shared<Session>(request.mUploadId.value_or(newSessionId()),
+                                       request.mHosts, request.mClientAddress, mConfig);
+  mSession->mOwner = owner;
+  mSession->mOwnerId = owner.get();
+  mSession->mUpstreamHost = request.mUpstreamHost;
+  HC_LOG_INFO("Session " << mSession->id() << " begun for " << request.mClientAddress
+              << " from " << request.mUpstreamHost);
+  mChanged.broadcast();
+  return mSession;
+}
+
+std::shared_ptr<Session> SessionTable::detach() {
+  std::shared_ptr<Session> session;
+  session.swap(mSession);
+  mChanged.broadcast();
+  return session;
+}
+
+void SessionTable::graceFor(Mutex::Lock& lock) {
+  const std::shared_ptr<Session> watched = mSession;
+  mChanged.waitFor(lock, kGraceMs, [&] { return mSession != watched || watched->mOrphaned; });
+}
+
 std::shared_ptr<Session> SessionTable::begin(const std::shared_ptr<SessionOwner>& owner,
                                              const BeginRequest& request) {
-  Mutex::Lock lock(mMutex);
-  for (int round = 0; round < 2; ++round) {
-    if (!mSession) {
-      mSession = std::make_shared<Session>(request.mUploadId.value_or(newSessionId()),
-                                           request.mHosts, request.mClientAddress, mConfig);
-      mSession->mOwner = owner;
-      mSession->mOwnerId = owner.get();
-      mSession->mUpstreamHost = request.mUpstreamHost;
-      HC_LOG_INFO("Session " << mSession->id() << " begun for " << request.mClientAddress
-                  << " from " << request.mUpstreamHost);
-      return mSession;
+  std::shared_ptr<Session> replaced;
+  {
+    Mutex::Lock lock(mMutex);
+    if (request.mUploadId &&
+        std::find(mEnded.begin(), mEnded.end(), *request.mUploadId) != mEnded.end()) {
+      return nullptr;
     }
-    const Decision decision = decide(*mSession, owner.get(), request);
-    if (decision == ADOPT) return adopt(owner, request.mUpstreamHost);
-    if (decision == BUSY || round > 0) break;
-    // The same client may be resuming before we noticed its old path close.
-    const std::shared_ptr<Session> watched = mSession;
-    mChanged.waitFor(lock, kGraceMs, [&] { return mSession != watched || watched->mOrphaned; });
+    for (int round = 0; !replaced; ++round) {
+      if (!mSession) return create(owner, request);
+      const Decision decision = decide(*mSession, owner.get(), request);
+      if (decision == ADOPT) return adopt(owner, request.mUpstreamHost);
+      if (decision == REPLACE) {
+        replaced = detach();
+      } else if (decision == WAIT && round == 0) {
+        graceFor(lock);
+      } else {
+        return nullptr;
+      }
+    }
   }
-  return nullptr;
+  // The orphan's staged files go before the new upload stages anything, so
+  // the two never meet in a directory.
+  HC_LOG_INFO("Session " << replaced->id() << " of " << replaced->clientAddress()
+              << " discarded: its client began a new upload");
+  {
+    Mutex::Lock work(replaced->workMutex());
+    replaced->discard();
+  }
+  Mutex::Lock lock(mMutex);
+  return mSession ? nullptr : create(owner, request);
 }
 
 std::shared_ptr<Session> SessionTable::takeOver(const std::shared_ptr<SessionOwner>& owner,
-                                                const std::string& clientAddress) {
+                                                const std::string& peerAddress) {
   Mutex::Lock lock(mMutex);
   for (int round = 0; round < 2; ++round) {
-    if (!mSession || mSession->clientAddress() != clientAddress) return nullptr;
-    if (mSession->mOwnerId == owner.get() || upstreamGone(*mSession)) {
+    if (!mSession || mSession->clientAddress() != peerAddress) return nullptr;
+    if (mSession->mOwnerId == owner.get() || mSession->mOrphaned) {
       return adopt(owner, mSession->mUpstreamHost);
     }
-    if (round > 0) break;
-    const std::shared_ptr<Session> watched = mSession;
-    mChanged.waitFor(lock, kGraceMs, [&] { return mSession != watched || watched->mOrphaned; });
+    if (round == 0) graceFor(lock);
   }
   return nullptr;
 }
@@ -121,8 +151,11 @@ void SessionTable::release(const SessionOwner* owner) {
 }
 
 void SessionTable::end(const std::shared_ptr<Session>& session) {
+  const size_t kRemembered = 64;
   Mutex::Lock lock(mMutex);
   if (mSession == session) mSession.reset();
+  mEnded.push_back(session->id());
+  if (mEnded.size() > kRemembered) mEnded.pop_front();
   mChanged.broadcast();
 }
 
@@ -144,21 +177,30 @@ bool SessionTable::reap() {
   return true;
 }
 
-void SessionTable::discardAll() {
+bool SessionTable::discardAll(long waitMs) {
   std::shared_ptr<Session> victim;
   std::shared_ptr<SessionOwner> owner;
   {
     Mutex::Lock lock(mMutex);
-    victim.swap(mSession);
-    if (victim) {
-      owner = victim->mOwner.lock();
-      victim->mOwner.reset();
-      victim->mOwnerId = nullptr;
-    }
-    mChanged.broadcast();
+    if (!mSession) return true;
+    owner = mSession->mOwner.lock();
+    mSession->mOwner.reset();
+    mSession->mOwnerId = nullptr;
+    victim = detach();
   }
-  if (!victim) return;
   if (owner) owner->interrupt();
-  Mutex::Lock work(victim->workMutex());
+  victim->cancel();
+  // The connection busy with it lets go once its waits end; one stuck in a
+  // command or a disk write is left to the journal clean-up at next start.
+  const Ticks until = Ticks::currentTime() + Ticks(int64_t(waitMs) * 1000000);
+  while (!victim->workMutex().try_lock()) {
+    if (Ticks::currentTime() > until) {
+      HC_LOG_INFO("Session " << victim->id() << " still busy at shutdown; left to the journal");
+      return false;
+    }
+    System::sleep(10);
+  }
   victim->discard();
+  victim->workMutex().unlock();
+  return true;
 }

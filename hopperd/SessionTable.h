@@ -1,13 +1,21 @@
-// The daemon's one session and who owns it. A begin on another connection
-// while a session exists is answered busy, except when it resumes that
-// session: the same upload relayed again (its identifier), or the same
-// client coming back through a host set that leaves out the session's
-// upstream host. A session whose upstream connection ends without commit or
-// abort is orphaned: kept for the resume window, then discarded. All these
-// decisions are made under one mutex.
+// The daemon's one session and who owns it. A session whose upstream
+// connection ends without commit or abort is orphaned: kept for the resume
+// window, then discarded. A begin from another connection while a session
+// exists:
+//  - resumes it when it is relayed with the session's own identifier, or
+//    when it comes from the session's client in person, on a connection
+//    whose first message was a file announcement (the client lost its head
+//    and goes on here), and the session is orphaned;
+//  - otherwise replaces an orphaned session of the same client (a new run
+//    after a crash: the orphan is discarded, never mixed in);
+//  - otherwise is answered busy, and so is a relayed begin of an upload
+//    that has already ended here.
+// A live session whose upstream is about to vanish is given a short grace
+// before the answer. All these decisions are made under one mutex.
 #ifndef HC_HOPPERD_SESSIONTABLE_H
 #define HC_HOPPERD_SESSIONTABLE_H
 
+#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
@@ -28,28 +36,30 @@ class SessionOwner {
 
 class SessionTable {
  public:
-  // An upstream that is silent this long is taken for dead by a resuming
-  // client; a live one is given this grace to close before the answer is busy.
-  static const int64_t kQuietNanos = 30LL * 1000 * 1000 * 1000;
+  // A live session of the same client is given this grace to be orphaned
+  // before the answer is busy (its old connection may not have closed yet).
   static const long kGraceMs = 1500;
 
   explicit SessionTable(const DaemonConfig& config);
 
   struct BeginRequest {
     std::vector<std::string> mHosts;       // this host first
-    std::string mClientAddress;            // the origin client
+    std::string mClientAddress;            // the origin client, as claimed
     std::string mUpstreamHost;             // the host that sends to us
     std::optional<std::string> mUploadId;  // set when relayed by a daemon
+    // A client in person resuming: its connection opened with a file
+    // announcement, answered "no session".
+    bool mResume = false;
   };
 
   // The session for owner: a new one, the one it already owns, or one it
   // adopts (whose previous owner is interrupted). Null means busy.
   std::shared_ptr<Session> begin(const std::shared_ptr<SessionOwner>& owner,
                                  const BeginRequest& request);
-  // Commit or abort without a begin: owner takes over the session of the
-  // client address, if there is one that is not busy with a live upstream.
+  // Commit or abort without a begin: owner takes over the orphaned session
+  // of peerAddress (the connection's real peer), if there is one.
   std::shared_ptr<Session> takeOver(const std::shared_ptr<SessionOwner>& owner,
-                                    const std::string& clientAddress);
+                                    const std::string& peerAddress);
   // The owner's connection has ended: its session, if it still owns it, is
   // orphaned and its relay link dropped.
   void release(const SessionOwner* owner);
@@ -59,21 +69,32 @@ class SessionTable {
   // connection is still busy with it (never blocks). Returns true when one
   // was discarded.
   bool reap();
-  // Shutdown: discards the session, whatever its state.
-  void discardAll();
+  // Shutdown: discards the session, whatever its state, waiting at most
+  // waitMs for a connection busy with it (false when it gave up).
+  bool discardAll(long waitMs);
+
+  // 32 hex digits from the system's random source.
+  static std::string newSessionId();
 
  private:
-  enum Decision { BUSY, ADOPT, WAIT };
+  enum Decision { BUSY, ADOPT, REPLACE, WAIT };
   Decision decide(const Session& session, const SessionOwner* owner, const BeginRequest& request);
   std::shared_ptr<Session> adopt(const std::shared_ptr<SessionOwner>& owner,
                                  const std::string& upstreamHost);
-  bool upstreamGone(const Session& session) const;
-  std::string newSessionId();
+  std::shared_ptr<Session> create(const std::shared_ptr<SessionOwner>& owner,
+                                  const BeginRequest& request);
+  // Takes the session out of the table; the caller discards it.
+  std::shared_ptr<Session> detach();
+  // Waits up to the grace for the watched session to be orphaned or gone.
+  void graceFor(Mutex::Lock& lock);
 
   const DaemonConfig& mConfig;
   Mutex mMutex;
   Condition mChanged;
   std::shared_ptr<Session> mSession;
+  // Uploads that committed or aborted here lately: a host lost from the
+  // chain that wakes up and relays one again must not begin it afresh.
+  std::deque<std::string> mEnded;
 };
 
 #endif  // HC_HOPPERD_SESSIONTABLE_H

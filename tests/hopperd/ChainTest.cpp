@@ -177,7 +177,8 @@ TEST_F(ChainTest, AgentCommandsRunAroundTheRenamesWhenAsked) {
   start(1, {"--stop-agents-cmd=test -e " + target + " || echo stop >> " + log,
             "--start-agents-cmd=test -e " + target + " && echo start >> " + log + "; exit 3"});
   TempDir::write(dir.file("src/f"), 10, 1, fs::perms(0644));
-  EXPECT_TRUE(upload(dir.file("src/f"), "/data/f", true));
+  // The file landed, but a failed command is an error of the run.
+  EXPECT_FALSE(upload(dir.file("src/f"), "/data/f", true));
   EXPECT_EQ(TempDir::read(log), "stop\nstart\n");
   EXPECT_PRED_FORMAT2(testing::IsSubstring, name(0) + ": Command \"", err.str());
   EXPECT_PRED_FORMAT2(testing::IsSubstring, "failed: exit status 3", err.str());

@@ -55,3 +55,21 @@ int DaemonProcess::freePort(const std::vector<std::string>& addresses) {
   }
   return -1;
 }
+
+DaemonChain::DaemonChain(const std::string& binary, const std::string& folder, size_t n,
+                         const std::vector<std::string>& extraArgs) {
+  std::vector<std::string> addresses;
+  for (size_t i = 0; i < n; ++i) addresses.push_back("127.0.0." + std::to_string(i + 2));
+  mPort = DaemonProcess::freePort(addresses);
+  for (size_t i = 0; i < n; ++i) {
+    mDaemons.push_back(std::make_unique<DaemonProcess>(
+        binary, addresses[i], mPort, folder + "/d" + std::to_string(i), extraArgs));
+    mStarted = mDaemons.back()->start() && mStarted;
+  }
+}
+
+std::string DaemonChain::hostsArg() const {
+  std::string arg = "--hosts=";
+  for (size_t i = 0; i < mDaemons.size(); ++i) arg += (i ? " " : "") + mDaemons[i]->id();
+  return arg;
+}

@@ -24,6 +24,7 @@ class DaemonProcess {
   // As RunProcess's; no-ops when the daemon never started.
   void signal(int sig) { if (mProcess) mProcess->signal(sig); }
   int waitExit(int timeoutMs) { return mProcess ? mProcess->waitExit(timeoutMs) : -1; }
+  pid_t pid() const { return mProcess ? mProcess->pid() : -1; }
   // SIGCONT and SIGTERM, then SIGKILL after 10 s.
   void stop() { if (mProcess) mProcess->stop(10000); }
 
@@ -42,6 +43,25 @@ class DaemonProcess {
   std::string mRoot, mStateDir, mLogFile;
   std::vector<std::string> mExtraArgs;
   std::unique_ptr<RunProcess> mProcess;
+};
+
+// n daemons on 127.0.0.2, 127.0.0.3, ... sharing one free port, each under
+// folder/d<i>, all given extraArgs and started (check started()).
+class DaemonChain {
+ public:
+  DaemonChain(const std::string& binary, const std::string& folder, size_t n,
+              const std::vector<std::string>& extraArgs = {});
+  bool started() const { return mStarted; }
+  DaemonProcess& operator[](size_t i) { return *mDaemons.at(i); }
+  size_t size() const { return mDaemons.size(); }
+  int port() const { return mPort; }
+  // "--hosts=<id0> <id1> ..." for the client.
+  std::string hostsArg() const;
+
+ private:
+  std::vector<std::unique_ptr<DaemonProcess>> mDaemons;
+  int mPort = -1;
+  bool mStarted = true;
 };
 
 #endif  // HIVE_TESTS_SUPPORT_DAEMONPROCESS_H
