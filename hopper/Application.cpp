@@ -114,6 +114,8 @@ void Application::parseArgs(int argc, char** argv) {
   mArgs.insert(mArgs.end(), args.begin() + scanner.optind, args.end());
 }
 
+std::string Application::defaultLogFile() const { return "/var/log/" + mProgramName + ".log"; }
+
 void Application::initialize() {
   if (wasOptionPresent(ARG_LOGLEVEL)) {
     Logger& log = Logger::getInstance();
@@ -123,9 +125,7 @@ void Application::initialize() {
     } else if (std::strcmp(level, "debug") == 0) {
       log.setGlobalMask(LOG_INFO | LOG_DEBUG);
     }
-    std::string file = getOption(ARG_LOGFILE, "");
-    if (file.empty()) file = "/var/log/" + mProgramName + ".log";
-    log.setLogFile(file);
+    log.setLogFile(wasOptionPresent(ARG_LOGFILE) ? getOption(ARG_LOGFILE, "") : defaultLogFile());
     HC_LOG_INFO("Logging enabled for " << mProgramName);
   } else if (wasOptionPresent(ARG_LOGFILE)) {
     throw std::runtime_error("Logfile option requires a log level.");

@@ -81,9 +81,12 @@ class Application {
   // Prints the program's help.
   virtual void usage() = 0;
   // Sets up logging: level "info" or "debug", file from the log-file option
-  // or /var/log/<program>.log.  A log file without a level throws.
+  // or defaultLogFile().  A log file without a level throws.
   // Subclasses call it first.
   virtual void initialize();
+  // Where records go when no log file is named: /var/log/<program>.log; ""
+  // means standard error.
+  virtual std::string defaultLogFile() const;
   // Clean-up after run (also after a failure); nothing here.
   virtual void terminate();
   virtual ~Application();

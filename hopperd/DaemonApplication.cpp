@@ -1,6 +1,7 @@
 #include "hopperd/DaemonApplication.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <iostream>
 #include <stdexcept>
@@ -135,6 +136,7 @@ void DaemonApplication::initialize() {
   // only the dispatcher receives the shutdown signals.
   Ticks::currentTime();
   SignalProcessing::block(System::sDaemonShutdownSignals);
+  SignalProcessing::block({SIGHUP});
   System::ignoreSIGPIPE();
   const DaemonConfig config = readConfig();
   const int cleaned = Journal::cleanUp(config.mStateDir);
@@ -143,12 +145,24 @@ void DaemonApplication::initialize() {
   mServer->listen();
   Server* server = mServer.get();
   SignalProcessing& signals = SignalProcessing::getInstance();
-  signals.configureRange(System::sDaemonShutdownSignals,
-                         SignalProcessing::simple([server](int sig) {
-                           HC_LOG_INFO("Signal received: " << System::signalName(sig));
-                           server->stop();
-                         }));
+  SignalProcessing::Configuration configuration;
+  for (int sig : System::sDaemonShutdownSignals) {
+    configuration.set(sig, SignalProcessing::simple([server](int sig) {
+      HC_LOG_INFO("Signal received: " << System::signalName(sig));
+      server->stop();
+    }));
+  }
+  configuration.set(SIGHUP, SignalProcessing::simple([](int) {
+    Logger::getInstance().reopen();
+    HC_LOG_INFO("Log file reopened");
+  }));
+  signals.configure(configuration);
   signals.processSignals();
+}
+
+std::string DaemonApplication::defaultLogFile() const {
+  if (System::getenv("JOURNAL_STREAM") || System::getenv("INVOCATION_ID")) return "";
+  return Application::defaultLogFile();
 }
 
 void DaemonApplication::parseArgs(int argc, char** argv) {

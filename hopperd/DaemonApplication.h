@@ -33,8 +33,12 @@ class DaemonApplication : public Application {
   void usage() override;
   // The switches; a positional argument prints the usage and throws.
   void parseArgs(int argc, char** argv) override;
+  // Standard error when systemd started us (its journal keeps it), else
+  // /var/log/hopperd.log.
+  std::string defaultLogFile() const override;
   // Logging, --version, signal blocking, the settings (a faulty switch
-  // throws with its message), journal clean-up, listening, signal dispatch.
+  // throws with its message), journal clean-up, listening, signal dispatch
+  // (the shutdown signals stop the server; SIGHUP reopens the log file).
   void initialize() override;
   // Stops the signal dispatcher and the server.
   void terminate() override;

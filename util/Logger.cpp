@@ -46,6 +46,11 @@ void Logger::clear() {
   openLogFile(true);
 }
 
+void Logger::reopen() {
+  Mutex::Lock lock(mMutex);
+  openLogFile(false);
+}
+
 bool Logger::okToLog() const { return !pthread_equal(mThreadId, Thread::currentId()); }
 
 void Logger::showContext() { mShowHeaderFn(*mOutputStream); }

@@ -54,6 +54,9 @@ class Logger : public AbstractLogger {
   void setLogFile(const std::string& path);
   // Reopens the log file truncated.
   void clear();
+  // Reopens the log file by its path, appending: after log rotation moved
+  // the old file away, records go to a new file of that name.
+  void reopen();
 
   void setGlobalMask(int mask) { mGlobalMask = mask; }
   int getGlobalMask() const { return mGlobalMask; }

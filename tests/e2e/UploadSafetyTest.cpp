@@ -195,3 +195,26 @@ TEST(DaemonCommandLineTest, StrayArgumentsAreRefusedWithTheUsage) {
   EXPECT_TRUE(contains(r.out, "Usage: hopperd [switches]"));
   EXPECT_TRUE(contains(r.err, "Unexpected argument \"stray\"")) << r.err;
 }
+
+TEST(DaemonCommandLineTest, HangUpReopensTheLogFileAfterRotation) {
+  TempDir dir;
+  DaemonChain chain(HIVE_BINARY_DIR "/hopperd", dir.path(), 1);
+  ASSERT_TRUE(chain.started());
+  const std::string log = chain[0].logFile();
+  fs::rename(log, log + ".1");  // what log rotation does
+  chain[0].signal(SIGHUP);
+  EXPECT_TRUE(waitFor([&] { return contains(TempDir::read(log), "Log file reopened"); }));
+  EXPECT_TRUE(RawClient("127.0.0.1", "127.0.0.2", chain.port()).handshake());  // still serving
+  chain[0].signal(SIGTERM);
+  EXPECT_EQ(chain[0].waitExit(10000), 0);
+  EXPECT_TRUE(contains(TempDir::read(log), "Signal received"));
+}
+
+TEST(DaemonCommandLineTest, UnderSystemdRecordsGoToStandardError) {
+  const RunProcess::Result r =
+      RunProcess(HIVE_BINARY_DIR "/hopperd", {"--log-level=info", "--version"},
+                 {{"JOURNAL_STREAM", std::string("8:12345")}})
+          .wait(10000);
+  EXPECT_EQ(r.status, 0);
+  EXPECT_TRUE(contains(r.err, "Logging enabled for hopperd")) << r.err;
+}
