@@ -135,6 +135,31 @@ TEST_F(TimeoutTest, ForeignServiceInTheHostSetIsDroppedAtOnce) {
   }
 }
 
+TEST_F(TimeoutTest, HostSearchStopsWhenItsClientLeaves) {
+  DaemonChain chain(HIVE_BINARY_DIR "/hopperd", dir.path(), 1);
+  ASSERT_TRUE(chain.started());
+  // Eight services that accept connections and never say a word.
+  std::vector<std::unique_ptr<TCPSocket>> silent;
+  WireBytes begin;
+  begin.i32(C2H_BEGIN_UPLOAD).i32(9).str(chain[0].id());
+  for (int i = 0; i < 8; ++i) {
+    silent.push_back(std::make_unique<TCPSocket>());
+    silent.back()->listen("127.0.0.3", 0);
+    begin.str("127.0.0.3:" + std::to_string(silent.back()->getListenerPort()));
+  }
+  {
+    RawClient client("127.0.0.1", "127.0.0.2", chain.port());
+    ASSERT_TRUE(client.handshake());
+    client.send(begin.flag(true));
+  }  // gone while the head waits on the first silent service
+  EXPECT_TRUE(waitFor([&] {
+    return contains(TempDir::read(chain[0].logFile()), "Host search for upload");
+  }, 20000));
+  TempDir::write(dir.file("src/f"), 100, 9, fs::perms(0644));
+  const RunProcess::Result r = runCopy({chain.hostsArg(), dir.file("src/f"), "/data/"});
+  EXPECT_EQ(r.status, 0) << r.err;
+}
+
 TEST_F(TimeoutTest, TermEndsADaemonBlockedOnItsRelayLink) {
   DaemonChain chain(HIVE_BINARY_DIR "/hopperd", dir.path(), 2, {"--io-timeout=60"});
   ASSERT_TRUE(chain.started());
