@@ -5,6 +5,8 @@
 #                       and an AddressSanitizer+UndefinedBehaviorSanitizer build
 #   ./build.sh demo     build, then upload a sample tree to three local daemons
 #   ./build.sh bench    build, then run the benchmarks under bench/
+#   ./build.sh package  release build in build-package/ (prefix /usr), then
+#                       the Debian packages hivecopy and hopperd (cpack -G DEB)
 set -euo pipefail
 cd "$(dirname "$0")"
 top=$PWD
@@ -51,7 +53,13 @@ case "$cmd" in
   bench)
     build build
     exec "$top/bench/run.sh" "$top/build" ;;
+  package)
+    packages+=(dpkg-dev)  # dpkg-shlibdeps works out the packages' dependencies
+    install_packages
+    build build-package -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr -DHIVE_TESTS=OFF
+    (cd build-package && rm -f ./*.deb && cpack -G DEB >/dev/null)
+    ls -1 "$top"/build-package/*.deb ;;
   *)
-    echo "usage: ./build.sh [build|test|demo|bench]" >&2
+    echo "usage: ./build.sh [build|test|demo|bench|package]" >&2
     exit 2 ;;
 esac
