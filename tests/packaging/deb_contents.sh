@@ -31,7 +31,8 @@ has() {  # has DEB PATH...
     printf '%s\n' "$list" | grep -qxF "$p" || fail "$(basename "$deb") lacks $p"
   done
 }
-has "$client" ./usr/bin/hivecopy ./usr/share/man/man1/hivecopy.1.gz
+has "$client" ./usr/bin/hivecopy ./usr/share/man/man1/hivecopy.1.gz \
+  ./usr/share/bash-completion/completions/hivecopy
 has "$daemon" ./usr/sbin/hopperd ./usr/share/man/man8/hopperd.8.gz \
   ./lib/systemd/system/hopperd.service ./etc/default/hopperd ./var/lib/hopperd/
 dpkg-deb -c "$daemon" | awk '{print $6}' | grep -q 'bin/hivecopy$' && fail "hopperd package holds hivecopy"
@@ -60,6 +61,7 @@ if [ "$(id -u)" -eq 0 ] && ! dpkg -s hivecopy hopperd >/dev/null 2>&1; then
   [ -x /usr/bin/hivecopy ] && /usr/sbin/hopperd --version >/dev/null 2>&1 || fail "installed programs do not run"
   dpkg -P hivecopy hopperd >/dev/null 2>&1 || fail "dpkg -P of both packages failed"
   for f in /usr/bin/hivecopy /usr/sbin/hopperd /usr/share/man/man1/hivecopy.1.gz \
+           /usr/share/bash-completion/completions/hivecopy \
            /usr/share/man/man8/hopperd.8.gz /lib/systemd/system/hopperd.service \
            /etc/default/hopperd /var/lib/hopperd /usr/share/doc/hopperd; do
     [ -e "$f" ] && fail "$f is left after removal"
