@@ -35,9 +35,8 @@ bool reportsFileErrors(const std::string& reply) {
     std::string::size_type end = reply.find('\n', start);
     if (end == std::string::npos) end = reply.size();
     const std::string line = reply.substr(start, end - start);
-    if (!line.empty() && line.find(": Unable to connect or lost connection to ") == std::string::npos) {
-      return true;
-    }
+    const bool lostHost = line.find(": Unable to connect or lost connection to ") != std::string::npos;
+    if (!line.empty() && !lostHost) return true;
     start = end + 1;
   }
   return false;

@@ -118,7 +118,8 @@ DaemonConfig DaemonApplication::readConfig() const {
         parseNumber("resume-window", getOption(id(ARG_RESUME_WINDOW), ""), 0, 86400 * 7);
   }
   if (wasOptionPresent(id(ARG_IO_TIMEOUT))) {
-    config.mIoTimeoutSeconds = parseNumber("io-timeout", getOption(id(ARG_IO_TIMEOUT), ""), 1, 86400);
+    config.mIoTimeoutSeconds =
+        parseNumber("io-timeout", getOption(id(ARG_IO_TIMEOUT), ""), 1, 86400);
   }
   config.mStopAgentsCommand = getOption(id(ARG_STOP_AGENTS_CMD), "");
   config.mStartAgentsCommand = getOption(id(ARG_START_AGENTS_CMD), "");

@@ -98,9 +98,8 @@ Downstream::Outcome Downstream::tryLink(size_t index, BeginResult& result) {
   parseHostPort(host, address, port);
   std::unique_ptr<TCPStream> stream = newStream();
   try {
-    if (!Protocol::acceptedVersion(Protocol::handshake(*stream, address, port, kConnectTimeoutMs))) {
-      return MISMATCH;
-    }
+    const int version = Protocol::handshake(*stream, address, port, kConnectTimeoutMs);
+    if (!Protocol::acceptedVersion(version)) return MISMATCH;
     stream->socket().setKeepAlive(true);
     Protocol::writeRelayIdentity(*stream, mIdentity);
     Protocol::writeBegin(*stream, remainingFrom(index), mStopAgents);

@@ -152,19 +152,23 @@ void writeBeginReply(TCPStream& out, const BeginResult& result) {
 }
 
 void appendLines(std::string& lines, const std::string& text) {
-  const size_t room = kMaxReplyText - sizeof kOmitted;  // the marker always fits
+  const std::string omitted = kOmitted;
+  const size_t room = kMaxReplyText - omitted.size() - 1;  // the marker always fits
   std::string::size_type start = 0;
   while (start < text.size()) {
     std::string::size_type end = text.find('\n', start);
     if (end == std::string::npos) end = text.size();
     std::string line = text.substr(start, std::min(end - start, kMaxReplyLine + 1));
     start = end + 1;
-    if (line.size() > kMaxReplyLine) line.replace(kMaxReplyLine - (sizeof kCutMark - 1), std::string::npos, kCutMark);
-    const bool omitted = lines.size() >= sizeof kOmitted - 1 &&
-                         lines.compare(lines.size() - (sizeof kOmitted - 1), std::string::npos, kOmitted) == 0;
-    if (omitted) return;
+    if (line.size() > kMaxReplyLine) {
+      line.replace(kMaxReplyLine - (sizeof kCutMark - 1), std::string::npos, kCutMark);
+    }
+    if (lines.size() >= omitted.size() &&
+        lines.compare(lines.size() - omitted.size(), std::string::npos, omitted) == 0) {
+      return;  // already full
+    }
     const size_t separator = lines.empty() ? 0 : 1;
-    if (lines.size() + separator + line.size() > room) line = kOmitted;
+    if (lines.size() + separator + line.size() > room) line = omitted;
     if (separator) lines += '\n';
     lines += line;
   }

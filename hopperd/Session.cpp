@@ -200,7 +200,8 @@ std::vector<Session::Entry*> Session::prepareForCommit(std::string& errors) {
   for (const auto& fileSystem : fileSystems) {
     if (System::syncFileSystem(fileSystem.second.get())) continue;
     // Nothing on it is known to be durable: none of its files is renamed.
-    Protocol::appendLines(errors, line("Error flushing staged files: " + System::getErrorMessageStr()));
+    const std::string why = System::getErrorMessageStr();
+    Protocol::appendLines(errors, line("Error flushing staged files: " + why));
     for (Entry* entry : ready) entry->mFile->discard();
     return {};
   }

@@ -43,3 +43,22 @@ TEST(ProtocolTest, ChecksEveryLengthAndSizeBeforeUsingIt) {
   bool stop = false;
   EXPECT_THROW(Protocol::readBegin(*hosts.stream, list, stop), System::WireLimitError);
 }
+
+TEST(ProtocolTest, RepliesStayWithinTheirBounds) {
+  std::string lines;
+  Protocol::appendLines(lines, "h1: short\n" + std::string(5000, 'p'));
+  Protocol::appendLines(lines, "");
+  ASSERT_EQ(lines.find('\n'), 9u);
+  EXPECT_EQ(lines.size() - 10, kMaxReplyLine);
+  EXPECT_EQ(lines.substr(lines.size() - 6), " [cut]");
+  for (int i = 0; i < 100; ++i) Protocol::appendLines(lines, std::string(kMaxReplyLine, 'x'));
+  EXPECT_LE(lines.size(), kMaxReplyText);
+  EXPECT_EQ(lines.substr(lines.size() - 24), "(further errors omitted)");
+  // A downstream reply over the bound is read past, and the next item follows.
+  Peer big(WireBytes().str(std::string(kMaxReplyText + 1, 'r')).i32(7));
+  EXPECT_EQ(Protocol::readReply(*big.stream, "h2"),
+            "h2: reply of 65537 bytes exceeds the limit of 65536 and was dropped");
+  int next = 0;
+  *big.stream >> next;
+  EXPECT_EQ(next, 7);
+}
