@@ -35,7 +35,8 @@ bool reportsFileErrors(const std::string& reply) {
     std::string::size_type end = reply.find('\n', start);
     if (end == std::string::npos) end = reply.size();
     const std::string line = reply.substr(start, end - start);
-    const bool lostHost = line.find(": Unable to connect or lost connection to ") != std::string::npos;
+    const bool lostHost =
+        line.find(": Unable to connect or lost connection to ") != std::string::npos;
     if (!line.empty() && !lostHost) return true;
     start = end + 1;
   }

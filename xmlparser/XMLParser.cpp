@@ -141,7 +141,10 @@ class Parse {
     if (outsideRoot()) parserError("Found a CDATA section outside the root element");
     const size_t end = mText.find("]]>", mPos);
     if (end == std::string::npos) parserError("Terminated inside a CDATA section");
-    mOpen.back().tree->appendCDATA(mText.substr(mPos, end - mPos));
+    // The section's bytes join the element's text unchanged (no entity
+    // references, no markup) and are then decoded like the rest of it.
+    XMLTree* tree = mOpen.back().tree;
+    for (size_t i = mPos; i < end; ++i) tree->appendCharacter(mText[i]);
     mPos = end + 3;
   }
 

@@ -1,6 +1,8 @@
 // Parser for the cluster manager's XML dialect: elements, text, the five
 // predefined entities, CDATA sections and a skipped XML declaration.
 // Attributes, comments and document types are deliberately not accepted.
+// A CDATA section's bytes join the surrounding text of its element as they
+// are; the text is then read back like any other (percent-decoded).
 //
 // A document is an optional declaration, then exactly one root element, with
 // nothing but white space around them. Anything else is malformed and is

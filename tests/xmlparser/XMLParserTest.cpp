@@ -31,10 +31,20 @@ TEST(XMLParser, ReadsElementsEntitiesAndCDATA) {
   EXPECT_EQ((*a)["c"], "");
   EXPECT_EQ((*a)["d"], "1 & 2 &foo; <\"'> & ");
   EXPECT_EQ((*a)["e"], "x y+z%4%g1");
-  EXPECT_TRUE(a->getSubTree("f")->isCDATA());
-  EXPECT_EQ((*a)["f"], "<![CDATA[<raw>&amp;%20]]>");
+  EXPECT_FALSE(a->getSubTree("f")->isCDATA());
+  EXPECT_EQ((*a)["f"], "<raw>&amp; ");  // no entity decoding, but %-decoding
   EXPECT_EQ((*a)["missing"], "");
   EXPECT_EQ(a->getValue(), "\n\n");  // text between children belongs to the parent
+}
+
+TEST(XMLParser, CDATASectionJoinsTheSurroundingText) {
+  XMLTree tree;
+  XMLParser::getInstance().parse("<r><a>x<![CDATA[y%20]]>z</a><b><![CDATA[]]>1<![CDATA[<]]></b></r>", tree);
+  const XMLTree* r = tree.getSubTree("r");
+  ASSERT_NE(r, nullptr);
+  EXPECT_EQ((*r)["a"], "xy z");
+  EXPECT_FALSE(r->getSubTree("a")->isCDATA());
+  EXPECT_EQ((*r)["b"], "1<");
 }
 
 TEST(XMLParser, EveryMalformedDocumentIsAnError) {
