@@ -48,12 +48,11 @@ void MoveManager::massageMsg(std::string& text) const {
     const std::string& address = entry.first;
     const std::string& name = entry.second;
     if (address.empty() || address == name) continue;
-    // Each search starts again at the beginning, so an address is replaced
-    // wherever earlier replacements left it. A name holding its own address
-    // would never finish that way; past such a name the search moves on.
-    const bool nameHoldsAddress = name.find(address) != std::string::npos;
+    // The next search starts after the name just inserted: a name may hold
+    // its address, or form it again with the text that follows, and a search
+    // from the beginning would then never end.
     for (size_t at = text.find(address); at != std::string::npos;
-         at = text.find(address, nameHoldsAddress ? at + name.size() : 0)) {
+         at = text.find(address, at + name.size())) {
       text.replace(at, address.size(), name);
     }
   }

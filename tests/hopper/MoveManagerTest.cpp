@@ -29,6 +29,11 @@ TEST(MoveManagerTest, MessagesNameHostsAndPaths) {
   std::string text = "10.0.0.1 and 10.0.0.1, 10.0.0.12, 10.0.0.3";
   manager.massageMsg(text);
   EXPECT_EQ(text, "alpha and alpha, alpha2, 10.0.0.3");
+  // A name that forms its address again with what follows it still ends.
+  MoveManager joins({{"ax", "xxxaa"}}, false, false, -1, System::OS_LINUX, out, err);
+  text = "aaax ax";
+  joins.massageMsg(text);
+  EXPECT_EQ(text, "aaxxxaa xxxaa");
   manager.reportBadNodesByIP({{"10.0.0.3", 1}});  // busy and lost hosts: see the begin statuses
   EXPECT_EQ(err.str(),
             TCPSocket::getHostName() + ": Protocol version mismatch communicating with 10.0.0.3.\n");
