@@ -155,7 +155,6 @@ void Connection::handleBegin() {
   BeginResult result;
   {
     Mutex::Lock work(mSession->workMutex());
-    mSession->touch();
     // The host search stops when the peer that asked for it has gone.
     mSession->begin(request.mHosts, stopAgents, result, [this] { return !mSocket->isGood(); });
   }
@@ -171,7 +170,6 @@ void Connection::handleFile() {
     return;
   }
   Mutex::Lock work(mSession->workMutex());
-  mSession->touch();
   int64_t start = 0;
   std::string refusal;
   if (!mSession->openFile(info, start, refusal)) {
@@ -203,7 +201,6 @@ void Connection::receiveData(int64_t count) {
       throw std::ios_base::failure("file data slower than one block per time-out");
     }
     mSession->fileData(mBuffer.data(), got);
-    mSession->touch();
     count -= static_cast<int64_t>(got);
   }
 }

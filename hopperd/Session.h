@@ -6,7 +6,6 @@
 #ifndef HC_HOPPERD_SESSION_H
 #define HC_HOPPERD_SESSION_H
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -41,9 +40,6 @@ class Session {
 
   // Held by a connection while it handles one message of the session.
   Mutex& workMutex() { return mWorkMutex; }
-  // Notes upstream activity (adoption leaves a busy upstream alone).
-  void touch() { mLastActivity = Ticks::currentTime().nanos(); }
-  int64_t lastActivity() const { return mLastActivity; }
 
   // ---- with workMutex() held -------------------------------------------
 
@@ -124,7 +120,6 @@ class Session {
   int64_t mOffset = 0;
   std::string mFileErrors;
   int64_t mBytesReceived = 0;
-  std::atomic<int64_t> mLastActivity{0};
 
   // Ownership, guarded by the session table's mutex.
   std::weak_ptr<SessionOwner> mOwner;

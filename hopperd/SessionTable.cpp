@@ -49,7 +49,6 @@ std::shared_ptr<Session> SessionTable::adopt(const std::shared_ptr<SessionOwner>
     HC_LOG_INFO("Session " << session.id() << " resumed from " << upstreamHost);
   }
   session.mUpstreamHost = upstreamHost;
-  session.touch();
   mChanged.broadcast();
   return mSession;
 }
