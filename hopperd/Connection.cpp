@@ -108,6 +108,14 @@ bool Connection::handle(int code) {
       handleFile();
       if (first && !mSession && !mIdentity) mResuming = true;
       return true;
+    case H2H_FILE_PART:
+      if (!mIdentity) return refuseRelayCode(code);
+      handlePart();
+      return true;
+    case H2H_LAST_FILE:
+      if (!mIdentity) return refuseRelayCode(code);
+      handleLastFile();
+      return true;
     case C2H_COMMIT_UPLOAD:
       handleCommit();
       return true;
@@ -185,6 +193,46 @@ void Connection::handleFile() {
   sendReply();
 }
 
+bool Connection::refuseRelayCode(int code) {
+  HC_LOG_INFO("Protocol error from " << mPeer << ": relay message " << hex(code)
+              << " without a relay identity; connection closed");
+  return false;
+}
+
+void Connection::handlePart() {
+  const FilePart part = Protocol::readFilePart(mStream);
+  if (!mSession) {
+    receiveData(part.mCount);
+    mStream << int(RELAY_FILE_ERRORS) << long(part.mSeq)
+            << std::string("Upload session lost before " + part.mInfo.mRemotePath);
+    sendReply();
+    return;
+  }
+  std::string errors;
+  {
+    Mutex::Lock work(mSession->workMutex());
+    mSession->openPart(part);
+    receiveData(part.mCount);
+    errors = mSession->closeFile();
+  }
+  // Only errors go back, so that the upstream host is never held up and its
+  // end of the link has nothing to read while files flow.
+  if (errors.empty()) return;
+  mStream << int(RELAY_FILE_ERRORS) << long(part.mSeq) << errors;
+  sendReply();
+}
+
+void Connection::handleLastFile() {
+  int64_t seq = 0;
+  int64_t bytes = 0;
+  if (mSession) {
+    Mutex::Lock work(mSession->workMutex());
+    mSession->lastFile(seq, bytes);
+  }
+  mStream << long(seq) << long(bytes);
+  sendReply();
+}
+
 void Connection::receiveData(int64_t count) {
   // Each block must arrive within the time-out spent waiting for it: a peer
   // that sends a byte now and then holds nothing for ever.
@@ -200,7 +248,7 @@ void Connection::receiveData(int64_t count) {
     } else if ((mSocket->getReadTicks() - waitedBefore).nanos() / 1000000 > mIoTimeoutMs) {
       throw std::ios_base::failure("file data slower than one block per time-out");
     }
-    mSession->fileData(mBuffer.data(), got);
+    if (mSession) mSession->fileData(mBuffer.data(), got);
     count -= static_cast<int64_t>(got);
   }
 }
@@ -233,6 +281,7 @@ void Connection::handleCommit() {
     mTable.end(mSession);
     mSession.reset();
   }
+  if (mIdentity) mStream << int(RELAY_COMMITTED);
   mStream << errors;
   sendReply();
 }
@@ -248,6 +297,10 @@ void Connection::handleAbort() {
     mTable.end(mSession);
     mSession.reset();
   }
-  mStream << 0;
+  if (mIdentity) {
+    mStream << int(RELAY_ABORTED);
+  } else {
+    mStream << 0;
+  }
   sendReply();
 }

@@ -44,8 +44,14 @@ class Connection : public SessionOwner, public std::enable_shared_from_this<Conn
   void handleNewVersion();
   void handleBegin();
   void handleFile();
+  void handlePart();
+  // Logs a relay message from a peer that is no daemon; false.
+  bool refuseRelayCode(int code);
+  void handleLastFile();
   void handleCommit();
   void handleAbort();
+  // Passes count bytes of file data to the session, or drops them without
+  // one.
   void receiveData(int64_t count);
   // The origin client of whatever this connection carries.
   const std::string& clientAddress() const;

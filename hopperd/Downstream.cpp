@@ -16,8 +16,16 @@ const int kCommitStalls = 20;
 
 }  // namespace
 
+// The link broke (write failure, or the reader found it broken).
+class Downstream::LinkLost : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
 Downstream::Downstream(RelayIdentity identity, std::string self, int ioTimeoutMs)
     : mIdentity(std::move(identity)), mSelf(std::move(self)), mIoTimeoutMs(ioTimeoutMs) {}
+
+Downstream::~Downstream() { close(); }
 
 std::unique_ptr<TCPStream> Downstream::newStream() {
   auto stream = std::make_unique<TCPStream>();
@@ -41,18 +49,37 @@ bool Downstream::hostStillAnswers() {
     HC_LOG_INFO("Relay link to " << mHost << " silent for " << mIoTimeoutMs << " ms; the host "
                 << (alive ? "still answers" : "does not answer"));
     return alive;
-  } catch (const std::exception& e) {
+  } catch (const std::ios_base::failure& e) {
     HC_LOG_INFO("Relay link to " << mHost << " silent for " << mIoTimeoutMs
                 << " ms; the host does not answer: " << e.what());
-    return false;
+  } catch (const TCPSocket::exception& e) {
+    HC_LOG_INFO("Relay link to " << mHost << " silent for " << mIoTimeoutMs
+                << " ms; the host does not answer: " << e.what());
   }
+  return false;
 }
 
-Downstream::~Downstream() { close(); }
-
 void Downstream::close() {
+  if (mReader.joinable()) {
+    {
+      Mutex::Lock lock(mMutex);
+      mStopReader = true;
+    }
+    mChanged.broadcast();
+    mReplies->socket().shutdown();  // ends a read in progress
+    mReader.join();
+  }
+  mReplies.reset();
   mStream.reset();
   mHost.clear();
+  mHeaderSent = false;
+  mAnnounced = false;
+  mPosition = 0;
+  Mutex::Lock lock(mMutex);
+  mFinal = NO_FINAL;
+  mFinalArrived = false;
+  mBroken = false;
+  mStopReader = false;
 }
 
 std::vector<std::string> Downstream::remainingFrom(size_t index) const {
@@ -96,38 +123,125 @@ Downstream::Outcome Downstream::tryLink(size_t index, BeginResult& result) {
   std::string address;
   int port = kHopperDefaultPort;
   parseHostPort(host, address, port);
-  std::unique_ptr<TCPStream> stream = newStream();
+  mStream = newStream();
+  mHost = host;
+  mIndex = index;
+  mStalls = 0;
   try {
-    const int version = Protocol::handshake(*stream, address, port, kConnectTimeoutMs);
-    if (!Protocol::acceptedVersion(version)) return MISMATCH;
-    stream->socket().setKeepAlive(true);
-    Protocol::writeRelayIdentity(*stream, mIdentity);
-    Protocol::writeBegin(*stream, remainingFrom(index), mStopAgents);
-    stream->flush();
+    const int version = Protocol::handshake(*mStream, address, port, kConnectTimeoutMs);
+    if (!Protocol::acceptedVersion(version)) {
+      close();
+      return MISMATCH;
+    }
+    mStream->socket().setKeepAlive(true);
+    Protocol::writeRelayIdentity(*mStream, mIdentity);
+    Protocol::writeBegin(*mStream, remainingFrom(index), mStopAgents);
+    mStream->flush();
     int status = -1;
-    *stream >> status;
-    if (status == BEGIN_HEAD_BUSY) return BUSY;
-    if (status != BEGIN_OK && status != BEGIN_SOME_FAILED) return FAILED;
+    *mStream >> status;
+    if (status != BEGIN_OK && status != BEGIN_SOME_FAILED) {
+      close();
+      return status == BEGIN_HEAD_BUSY ? BUSY : FAILED;
+    }
     if (status == BEGIN_SOME_FAILED) {
       BeginResult theirs;
-      Protocol::readBeginFailures(*stream, theirs);
+      Protocol::readBeginFailures(*mStream, theirs);
       for (const auto& bad : theirs.mBad) mDropped.insert(bad.first);
       for (const std::string& busy : theirs.mBusy) mDropped.insert(busy);
       result.mBad.splice(result.mBad.end(), theirs.mBad);
       result.mBusy.splice(result.mBusy.end(), theirs.mBusy);
       Protocol::appendLines(result.mText, theirs.mText);
     }
+    *mStream << H2H_LAST_FILE;
+    mStream->flush();
+    const int64_t lastSeq = Protocol::readPosition(*mStream, kMaxFileSize);
+    const int64_t lastBytes = Protocol::readPosition(*mStream, kMaxFileSize);
+    mStream->socket().setStallHandler([this] { return hostStillAnswers(); });
+    startReader();
+    if (!mAborting) resync(lastSeq, lastBytes);
   } catch (const std::exception& e) {
+    // Whatever broke (connection, handshake, a reply out of bounds, the
+    // re-sending), this host cannot take the upload.
     HC_LOG_INFO("Unable to relay to " << host << ": " << e.what());
+    close();
     return FAILED;
   }
-  mStream = std::move(stream);
-  mHost = host;
-  mIndex = index;
-  mStalls = 0;
-  mStream->socket().setStallHandler([this] { return hostStillAnswers(); });
   HC_LOG_DEBUG("Relaying upload " << mIdentity.mUploadId << " to " << host);
   return LINKED;
+}
+
+void Downstream::startReader() {
+  std::unique_ptr<TCPSocket> socket = mStream->socket().duplicate();
+  if (!socket) throw LinkLost("no descriptor for the link's replies");
+  socket->setReadTimeout(mIoTimeoutMs);
+  socket->setCancelFlag(&mCancelled);
+  socket->setStallHandler([this] { return replyOverdue(); });
+  mReplies = std::make_unique<TCPStream>(std::move(socket));
+  mReader = std::thread([this, replies = mReplies.get()] { readReplies(*replies); });
+}
+
+void Downstream::readReplies(TCPStream& replies) {
+  try {
+    for (;;) {
+      int tag = 0;
+      replies >> tag;
+      progressed();
+      std::string text;
+      if (tag == RELAY_FILE_ERRORS) {
+        const int64_t seq = Protocol::readPosition(replies, kMaxFileSize);
+        text = Protocol::readReply(replies, mHost);
+        HC_LOG_DEBUG("Errors of " << mHost << " for file " << seq << ": " << text);
+      } else if (tag == RELAY_COMMITTED) {
+        text = Protocol::readReply(replies, mHost);
+      } else if (tag != RELAY_ABORTED) {
+        throw System::WireLimitError("unknown relay reply " + std::to_string(tag));
+      }
+      {
+        Mutex::Lock lock(mMutex);
+        if (tag == RELAY_FILE_ERRORS) {
+          Protocol::appendLines(mErrors, text);
+        } else {
+          mFinalReply = text;
+          mFinalArrived = true;
+        }
+      }
+      mChanged.broadcast();
+    }
+  } catch (const std::ios_base::failure& e) {
+    HC_LOG_DEBUG("Replies of " << mHost << " ended: " << e.what());
+  } catch (const System::WireLimitError& e) {
+    HC_LOG_INFO("Protocol error from " << mHost << ": " << e.what());
+  }
+  {
+    Mutex::Lock lock(mMutex);
+    mBroken = true;
+  }
+  mChanged.broadcast();
+}
+
+bool Downstream::replyOverdue() {
+  {
+    Mutex::Lock lock(mMutex);
+    if (mStopReader) return false;
+    // Between files the host owes nothing: silence is fine (keep-alive
+    // notices a host that vanished).
+    if (mFinal == NO_FINAL || mFinalArrived) return true;
+  }
+  return hostStillAnswers();
+}
+
+void Downstream::checkLink() {
+  Mutex::Lock lock(mMutex);
+  if (mBroken) throw LinkLost("relay link lost");
+}
+
+std::string Downstream::awaitFinal() {
+  Mutex::Lock lock(mMutex);
+  mChanged.wait(lock, [this] { return mFinalArrived || mBroken; });
+  if (!mFinalArrived) throw LinkLost("relay link lost before its reply");
+  mFinal = NO_FINAL;
+  mFinalArrived = false;
+  return mFinalReply;
 }
 
 bool Downstream::ensureLinked() {
@@ -156,160 +270,230 @@ bool Downstream::reroute() {
   return ok;
 }
 
-bool Downstream::announceOnLink(std::string& refusal) {
-  mForwarding = false;
-  for (int round = 0; round < 2; ++round) {
-    Protocol::writeFileInfo(*mStream, mFile);
-    mStream->flush();
-    int status = -1;
-    *mStream >> status;
-    if (status == RESUME_OK) {
-      mPosition = Protocol::readPosition(*mStream, mFile.mSize);
-      mForwarding = true;
-      return true;
-    }
-    if (status != RESUME_NO_SESSION) {
-      refusal = Protocol::readReply(*mStream, mHost);
-      return false;
-    }
-    if (round > 0) break;
-    // The host has no session for us (it lost it): begin again on this link.
-    Protocol::writeRelayIdentity(*mStream, mIdentity);
-    Protocol::writeBegin(*mStream, remainingFrom(mIndex), mStopAgents);
-    mStream->flush();
-    *mStream >> status;
-    if (status != BEGIN_OK && status != BEGIN_SOME_FAILED) break;
-    if (status == BEGIN_SOME_FAILED) {
-      BeginResult theirs;
-      Protocol::readBeginFailures(*mStream, theirs);
-      loseAll(theirs);
-    }
-  }
-  throw std::ios_base::failure("relay link refused the session");
-}
-
-void Downstream::dropUnfinishedFile() {
-  if (!mFileOpen) return;
-  mFileOpen = false;
-  mForwarding = false;
-  mLocalCopy = nullptr;
-  close();
-}
-
-bool Downstream::announce(const FileInfo& info, const StagedFile* localCopy,
-                          std::string& refusal) {
-  dropUnfinishedFile();
-  mFile = info;
-  mLocalCopy = localCopy;
-  mFileOpen = true;
-  mForwarding = false;
-  mPosition = 0;
-  mFileErrors.clear();
+bool Downstream::onLink(const std::function<void()>& step) {
   if (!ensureLinked()) return false;
   for (size_t attempt = 0; attempt <= mCandidates.size(); ++attempt) {
     try {
-      return announceOnLink(refusal);
-    } catch (const std::exception&) {
-      if (!reroute()) return false;
+      checkLink();
+      step();
+      return true;
+    } catch (const LinkLost&) {
+    } catch (const std::ios_base::failure&) {
     }
+    if (!reroute()) return false;
   }
   return false;
 }
 
+// ---- passing files on -----------------------------------------------------
+
+void Downstream::sendHeader(int64_t end) {
+  FilePart part = mPart;
+  part.mSeq = mCurrentSeq;
+  part.mStart = mPosition;
+  part.mCount = end - mPosition;
+  Protocol::writeFilePart(*mStream, part);
+  mAnnounced = true;
+}
+
 void Downstream::sendFileBytes(const char* data, size_t n) {
-  // Queued items first, then the block straight from the caller's buffer.
-  mStream->flush();
-  if (mStream->socket().write(data, static_cast<int>(n)) != static_cast<int>(n)) {
-    throw std::ios_base::failure("relay link lost");
-  }
+  // Small blocks join the part header in the stream's buffer; large ones go
+  // straight from the caller's buffer to the socket.
+  mStream->write(data, static_cast<std::streamsize>(n));
   progressed();
   mBytesForwarded += static_cast<int64_t>(n);
 }
 
 void Downstream::dropFile(const std::string& why) {
   Protocol::appendLines(mFileErrors, mSelf + ": " + why);
-  mForwarding = false;
-  close();  // the link expects bytes it will not get; link again later
+  mPassing = false;
+  // The link may expect bytes it will not get: link again for the next file.
+  if (mHeaderSent && mPosition < mPart.end()) close();
+  mHeaderSent = false;
 }
 
-bool Downstream::resendGap(int64_t end) {
-  if (!mLocalCopy || mLocalCopy->size() < end) {
-    dropFile("Unable to pass " + mFile.mRemotePath + " on to " + mHost +
-             ": the bytes are not staged here");
-    return false;
-  }
+void Downstream::sendFromCopy(const StagedFile* copy, const std::string& path, int64_t from,
+                              int64_t to) {
   std::vector<char> buffer(kGapBlock);
-  while (mPosition < end) {
-    const size_t want = static_cast<size_t>(std::min<int64_t>(kGapBlock, end - mPosition));
-    const ssize_t got = mLocalCopy->readAt(buffer.data(), want, mPosition);
+  for (int64_t at = from; at < to;) {
+    const size_t want = static_cast<size_t>(std::min<int64_t>(kGapBlock, to - at));
+    const ssize_t got = copy->readAt(buffer.data(), want, at);
     if (got <= 0) {
-      dropFile("Unable to read back " + mLocalCopy->path() + ": " + System::getErrorMessageStr());
-      return false;
+      throw std::runtime_error("Unable to read back the staged copy of " + path + ": " +
+                               (got < 0 ? System::getErrorMessageStr() : "it is shorter"));
     }
     sendFileBytes(buffer.data(), static_cast<size_t>(got));
-    mPosition += got;
+    at += got;
   }
-  return true;
 }
 
-bool Downstream::relinkFile() {
-  std::string refusal;
-  mForwarding = false;
-  if (!reroute()) return false;
-  try {
-    if (!announceOnLink(refusal)) Protocol::appendLines(mFileErrors, refusal);
-  } catch (const std::exception&) {
-    close();  // the next attempt finds no link; ensureLinked retries later
-    return false;
+void Downstream::resend(const Sent& file, int64_t from, int64_t to) {
+  const FilePart saved = mPart;
+  mPart.mInfo = file.mInfo;
+  mCurrentSeq = file.mSeq;
+  mPosition = from;
+  sendHeader(to);
+  mPart = saved;
+  sendFromCopy(file.mCopy, file.mInfo.mRemotePath, from, to);
+  mPosition = to;
+}
+
+void Downstream::resync(int64_t lastSeq, int64_t lastBytes) {
+  // The new host took every file before lastSeq from the lost one (a relay
+  // passes files on in order); it gets the rest of lastSeq and everything
+  // after it from here.
+  mAnnounced = false;
+  mPosition = 0;
+  for (const Sent& file : mSent) {
+    if (file.mSeq < lastSeq || file.mSuperseded) continue;
+    const bool known = file.mSeq == lastSeq;
+    const bool current = mPartOpen && file.mSeq == mPart.mSeq;
+    const int64_t from = known ? std::min(lastBytes, file.mInfo.mSize) : 0;
+    const int64_t held = file.mCopy ? std::min(file.mCopy->size(), file.mInfo.mSize) : 0;
+    // The file being received goes as far as it is staged here; the live
+    // part sends the rest.
+    const int64_t to = current ? std::max(from, held) : file.mInfo.mSize;
+    mCurrentSeq = file.mSeq;
+    mAnnounced = known;
+    mPosition = from;
+    if ((current || known) && from >= to) continue;
+    if (!file.mCopy || held < to) {
+      // It cannot be passed on from here; the new host never hears of it.
+      Mutex::Lock lock(mMutex);
+      Protocol::appendLines(mErrors, mSelf + ": Unable to pass " + file.mInfo.mRemotePath +
+                                         " on to " + mHost + ": the bytes are not staged here");
+      mAnnounced = true;  // nothing more of it goes to this link
+      mPosition = file.mInfo.mSize;
+      continue;
+    }
+    resend(file, from, to);
   }
-  return true;
+  mHeaderSent = false;
+  mStream->flush();
+}
+
+void Downstream::openLivePart() {
+  const int64_t end = mPart.end();
+  if (mAnnounced && mPosition >= end) return;  // the link holds the part already
+  const int64_t gapEnd = std::max(mPosition, mPart.mStart);
+  sendHeader(end);
+  mHeaderSent = true;
+  if (mPosition < gapEnd) {
+    // The link misses bytes before the part: they come from the staged copy.
+    const int64_t held = mCopy ? mCopy->size() : 0;
+    if (held < gapEnd) {
+      dropFile("Unable to pass " + mPart.mInfo.mRemotePath + " on to " + mHost +
+               ": the bytes are not staged here");
+      return;
+    }
+    sendFromCopy(mCopy, mPart.mInfo.mRemotePath, mPosition, gapEnd);
+    mPosition = gapEnd;
+  }
+}
+
+void Downstream::dropUnfinishedPart() {
+  if (!mPartOpen) return;
+  mPartOpen = false;
+  mPassing = false;
+  if (mHeaderSent && mPosition < mPart.end()) close();
+  mHeaderSent = false;
+}
+
+void Downstream::startPart(const FileInfo& info, int64_t seq, const StagedFile* copy,
+                           int64_t start, int64_t count) {
+  dropUnfinishedPart();
+  if (copy) {
+    const auto latest = mLatestFor.find(copy);
+    if (latest != mLatestFor.end()) mSent[latest->second].mSuperseded = true;
+  }
+  if (mSent.empty() || mSent.back().mSeq != seq) {
+    mSent.push_back(Sent{info, seq, copy, false});
+    if (copy) mLatestFor[copy] = mSent.size() - 1;
+  } else {
+    mSent.back().mCopy = copy;  // the same file continued (a resumed part)
+    mSent.back().mSuperseded = false;
+  }
+  mPart.mInfo = info;
+  mPart.mSeq = seq;
+  mPart.mStart = start;
+  mPart.mCount = count;
+  mCopy = copy;
+  mPartOpen = true;
+  mPassing = true;
+  mHeaderSent = false;
+  mFileErrors.clear();
+  if (mCurrentSeq != seq) {
+    mCurrentSeq = seq;
+    mAnnounced = false;
+    mPosition = 0;
+  }
+  // A new link (or a rerouted one) is brought up to date with this file too.
+  if (!onLink([this] {
+        if (mPassing && !mHeaderSent) openLivePart();
+      })) {
+    mPassing = false;
+  }
 }
 
 void Downstream::forward(const char* data, size_t n, int64_t offset) {
   const int64_t end = offset + static_cast<int64_t>(n);
-  for (size_t attempt = 0; mForwarding && mPosition < end && attempt <= mCandidates.size();
-       ++attempt) {
-    try {
-      if (mPosition < offset && !resendGap(offset)) return;
-      const int64_t skip = mPosition - offset;
-      sendFileBytes(data + skip, n - static_cast<size_t>(skip));
-      mPosition = end;
-    } catch (const std::exception&) {
-      if (!relinkFile()) return;
-    }
-  }
+  if (!mPassing || !linked()) return;
+  const bool ok = onLink([&] {
+    if (!mPassing) return;
+    if (!mHeaderSent) openLivePart();
+    if (!mPassing || !mHeaderSent || mPosition >= end) return;
+    const int64_t skip = mPosition - offset;
+    sendFileBytes(data + skip, n - static_cast<size_t>(skip));
+    mPosition = end;
+    // Bytes go on as they arrive; only the part's last block waits for
+    // finishPart, so that a small file leaves in one write with its header.
+    if (end < mPart.end()) mStream->flush();
+  });
+  // A reroute re-sends the file as staged and leaves the header to resend.
+  if (!ok) mPassing = false;
 }
 
-std::string Downstream::finishFile() {
-  std::string reply;
-  for (size_t attempt = 0; mFileOpen && mForwarding && attempt <= mCandidates.size(); ++attempt) {
-    try {
-      if (mPosition < mFile.mSize && !resendGap(mFile.mSize)) break;
+std::string Downstream::finishPart() {
+  if (mPartOpen && mPassing && linked()) {
+    // Whatever the link still misses of the part comes from the staged copy.
+    onLink([this] {
+      if (!mPassing) return;
+      if (!mHeaderSent) openLivePart();
+      if (mPassing && mHeaderSent && mPosition < mPart.end()) {
+        sendFromCopy(mCopy, mPart.mInfo.mRemotePath, mPosition, mPart.end());
+        mPosition = mPart.end();
+      }
       mStream->flush();
-      reply = Protocol::readReply(*mStream, mHost);
-      break;
-    } catch (const std::exception&) {
-      if (!relinkFile()) break;
-    }
+    });
   }
-  mFileOpen = false;
-  mForwarding = false;
-  mLocalCopy = nullptr;
-  std::string lines = mFileErrors;
-  Protocol::appendLines(lines, reply);
-  mFileErrors.clear();
+  mPartOpen = false;
+  mPassing = false;
+  mHeaderSent = false;
+  std::string lines;
+  lines.swap(mFileErrors);
   return lines;
 }
 
+void Downstream::forgetFiles() {
+  mSent.clear();
+  mLatestFor.clear();
+  mCopy = nullptr;
+  mPartOpen = false;
+  mCurrentSeq = 0;
+}
+
+// ---- commit and abort -------------------------------------------------------
+
 void Downstream::sendCommit() {
-  dropUnfinishedFile();
-  if (!ensureLinked()) return;
-  try {
+  dropUnfinishedPart();
+  onLink([this] {
     *mStream << int(C2H_COMMIT_UPLOAD);
     mStream->flush();
-  } catch (const std::exception&) {
-    // finishCommit finds the broken link and reroutes.
-  }
+    Mutex::Lock lock(mMutex);
+    mFinal = COMMIT_REPLY;
+    mFinalArrived = false;
+  });
+  mChanged.broadcast();
 }
 
 std::string Downstream::finishCommit() {
@@ -318,29 +502,42 @@ std::string Downstream::finishCommit() {
   std::string reply;
   for (size_t attempt = 0; linked() && attempt <= mCandidates.size(); ++attempt) {
     try {
-      reply = Protocol::readReply(*mStream, mHost);
+      reply = awaitFinal();
       break;
-    } catch (const std::exception&) {
-      if (!reroute()) break;
-      sendCommit();
+    } catch (const LinkLost&) {
+      if (!reroute()) break;  // the new host is sent the files again...
+      sendCommit();           // ...and then the commit
     }
   }
   mCommitting = false;
-  return reply;
+  std::string lines;
+  {
+    Mutex::Lock lock(mMutex);
+    lines.swap(mErrors);
+  }
+  Protocol::appendLines(lines, reply);
+  return lines;
 }
 
 void Downstream::abort() {
-  dropUnfinishedFile();
-  if (!ensureLinked()) return;
-  for (size_t attempt = 0; linked() && attempt <= mCandidates.size(); ++attempt) {
-    try {
+  dropUnfinishedPart();
+  mAborting = true;
+  for (size_t attempt = 0; attempt <= mCandidates.size(); ++attempt) {
+    const bool sent = onLink([this] {
       *mStream << int(C2H_ABORT_UPLOAD);
       mStream->flush();
-      int ignored = 0;
-      *mStream >> ignored;
-      return;
-    } catch (const std::exception&) {
-      if (!reroute()) return;
+      Mutex::Lock lock(mMutex);
+      mFinal = ABORT_REPLY;
+      mFinalArrived = false;
+    });
+    mChanged.broadcast();
+    if (!sent) break;
+    try {
+      awaitFinal();
+      break;
+    } catch (const LinkLost&) {
+      if (!reroute()) break;
     }
   }
+  mAborting = false;
 }

@@ -1,11 +1,17 @@
 // The relay link of a session: the connection from this daemon to the next
-// host of the chain. It finds that host (skipping unreachable and busy ones),
-// passes file announcements, data, commit and abort on, and when the link is
-// lost in the middle it drops the host, links to the next one and re-sends
-// what that host is missing from this host's staged copy, so that a lost
-// host costs the others nothing. No wait on the link lasts longer than the
-// time-out without progress, unless the host still answers a fresh
-// handshake (it is then itself waiting on the hosts after it).
+// host of the chain. It finds that host (skipping unreachable and busy ones)
+// and passes every file on to it as parts that carry their bytes at once, so
+// that nothing on the way waits for the hosts after this one: a reader thread
+// of the link takes what the host sends back (its errors for files, which it
+// sends only when it has some) as it comes and keeps the errors for the
+// commit reply. Only commit and abort wait for the link's replies.
+//
+// The link remembers every file it passed on. When it is lost it drops the
+// host, links to the next one, asks it which file it took last and how much
+// of it, and re-sends the rest from this host's staged copies, so that a lost
+// host costs the others nothing. Every wait on the link ends after the time-
+// out without progress, unless the host still answers a fresh handshake (it
+// is then itself waiting on the hosts after it).
 #ifndef HC_HOPPERD_DOWNSTREAM_H
 #define HC_HOPPERD_DOWNSTREAM_H
 
@@ -15,9 +21,13 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "hopperd/Protocol.h"
+#include "util/Condition.h"
+#include "util/Mutex.h"
 #include "util/TCPStream.h"
 
 class StagedFile;
@@ -48,21 +58,25 @@ class Downstream {
   // link is made (the daemon is shutting down).
   void cancel() { mCancelled = true; }
 
-  // Announces a file. True when the link takes its bytes from position()
-  // on; false when there is no link or it refused the file (its text then
-  // goes to refusal). localCopy, when not null, is this host's staged copy,
-  // from which gaps are re-sent after a reroute.
-  bool announce(const FileInfo& info, const StagedFile* localCopy, std::string& refusal);
-  int64_t position() const { return mPosition; }
-  // Forwards the bytes [offset, offset + n) of the announced file; only the
-  // part the link does not hold yet is sent.
+  // Passes on the bytes [start, start + count) of the file seq, which the
+  // caller then hands to forward() in order and ends with finishPart().
+  // copy, when not null, is this host's staged copy of the file, from which
+  // the bytes the host after this one misses are re-sent.
+  void startPart(const FileInfo& info, int64_t seq, const StagedFile* copy, int64_t start,
+                 int64_t count);
+  // Forwards the bytes [offset, offset + n) of the part; only what the link
+  // does not hold yet is sent.
   void forward(const char* data, size_t n, int64_t offset);
-  // After the whole file went out: the link's reply text (its error lines),
-  // or the lines of this host about a file it could not pass on.
-  std::string finishFile();
+  // Ends the part: the lines of this host about a file it could not pass on
+  // ("" when it went out). Never waits for the link's reply.
+  std::string finishPart();
+  // Forgets the files passed on (their staged copies are gone).
+  void forgetFiles();
 
   // Passes commit on (sent before this host commits, read after).
   void sendCommit();
+  // Waits for the commit reply; returns the errors the hosts after this one
+  // reported for files during the upload, then the commit reply's lines.
   std::string finishCommit();
   // Passes abort on and waits for its reply.
   void abort();
@@ -74,6 +88,17 @@ class Downstream {
 
  private:
   enum Outcome { LINKED, BUSY, FAILED, MISMATCH };
+  // The reply the writer waits for.
+  enum Final { NO_FINAL, COMMIT_REPLY, ABORT_REPLY };
+  // A file passed on: enough to send it again to a new host.
+  struct Sent {
+    FileInfo mInfo;
+    int64_t mSeq = 0;
+    const StagedFile* mCopy = nullptr;
+    bool mSuperseded = false;  // its target was announced again later
+  };
+  class LinkLost;
+
   Outcome tryLink(size_t index, BeginResult& result);
   bool search(size_t from, BeginResult& result,
               const std::function<bool()>& abandoned = nullptr);
@@ -90,38 +115,76 @@ class Downstream {
   bool reroute();
   // Hosts that failed while the upload was under way count as lost.
   void loseAll(const BeginResult& failures);
-  bool announceOnLink(std::string& refusal);
-  // A file whose bytes or reply are still owed on the link (its upstream
-  // vanished in the middle of it) leaves the link fit for nothing else: the
-  // link is dropped, and the next message links afresh.
-  void dropUnfinishedFile();
-  // The link broke in the middle of a file: links to the next host and
-  // announces the file there again. False when that failed.
-  bool relinkFile();
-  bool resendGap(int64_t end);
+  // Runs step on the link, rerouting and running it again when the link
+  // breaks. False when no host is left to run it on.
+  bool onLink(const std::function<void()>& step);
+
+  // The reader thread's loop over what the host sends back.
+  void readReplies(TCPStream& replies);
+  // The stall handler of the reading side: silence is fine unless a reply
+  // is owed, and then only while the host still answers a handshake.
+  bool replyOverdue();
+  void startReader();
+  // Throws LinkLost once the reader has found the link broken.
+  void checkLink();
+  // Waits until the reader took the final reply (or the link broke).
+  std::string awaitFinal();
+
+  // Brings a freshly linked host up to date: every file from the one it
+  // took last is sent again from the staged copies.
+  void resync(int64_t lastSeq, int64_t lastBytes);
+  void resend(const Sent& file, int64_t from, int64_t to);
+  // Sends the part header for [mPosition, end) of the current file.
+  void sendHeader(int64_t end);
+  // Sends the current part's header and what the link misses before it.
+  void openLivePart();
   void sendFileBytes(const char* data, size_t n);
+  void sendFromCopy(const StagedFile* copy, const std::string& path, int64_t from, int64_t to);
   void dropFile(const std::string& why);
+  // A part whose bytes are still owed on the link (its upstream vanished in
+  // the middle of it) leaves the link fit for nothing else: it is closed.
+  void dropUnfinishedPart();
 
   RelayIdentity mIdentity;
   std::string mSelf;
   const int mIoTimeoutMs;
   std::atomic<bool> mCancelled{false};
-  int mStalls = 0;  // time-outs in a row the host excused by answering
-  bool mCommitting = false;
+  std::atomic<int> mStalls{0};  // time-outs in a row the host excused by answering
+  std::atomic<bool> mCommitting{false};
   bool mStopAgents = false;
+  bool mAborting = false;  // a new link is not sent the files again
   std::vector<std::string> mCandidates;
   std::set<std::string> mDropped;
   std::vector<std::string> mLost;
   size_t mIndex = 0;  // position of mHost in mCandidates
   std::string mHost;
-  std::unique_ptr<TCPStream> mStream;
+  std::unique_ptr<TCPStream> mStream;   // the writing side
+  std::unique_ptr<TCPStream> mReplies;  // the reading side, the reader's own
+  std::thread mReader;
 
-  // The file being passed on.
-  bool mFileOpen = false;
-  bool mForwarding = false;
-  FileInfo mFile;
-  const StagedFile* mLocalCopy = nullptr;
-  int64_t mPosition = 0;  // next byte offset the link expects
+  // Shared with the reader thread.
+  Mutex mMutex;
+  Condition mChanged;
+  Final mFinal = NO_FINAL;
+  bool mFinalArrived = false;
+  std::string mFinalReply;
+  bool mBroken = false;
+  bool mStopReader = false;
+  std::string mErrors;  // the hosts' error lines for files
+
+  // Every file passed on, in order; the latest entry for each staged copy.
+  std::vector<Sent> mSent;
+  std::unordered_map<const StagedFile*, size_t> mLatestFor;
+
+  // The part being passed on.
+  bool mPartOpen = false;
+  bool mPassing = false;     // false once the file is dropped for this link
+  bool mHeaderSent = false;  // the link takes the part's bytes from mPosition
+  FilePart mPart;
+  const StagedFile* mCopy = nullptr;
+  int64_t mCurrentSeq = 0;  // the file whose bytes mPosition counts
+  bool mAnnounced = false;  // the link knows that file
+  int64_t mPosition = 0;    // next byte of it the link expects
   std::string mFileErrors;
   int64_t mBytesForwarded = 0;
 };

@@ -90,6 +90,16 @@ FileInfo readFileInfo(TCPStream& in) {
   return info;
 }
 
+FilePart readFilePart(TCPStream& in) {
+  FilePart part;
+  part.mInfo = readFileInfo(in);
+  part.mSeq = readPosition(in, kMaxFileSize);
+  part.mStart = readPosition(in, part.mInfo.mSize);
+  part.mCount = readPosition(in, part.mInfo.mSize - part.mStart);
+  if (part.mSeq == 0) throw System::WireLimitError("file part without a sequence number");
+  return part;
+}
+
 void readBegin(TCPStream& in, std::vector<std::string>& hosts, bool& stopAgents) {
   std::set<std::string> set;
   System::readStringSetBounded(in, set);
@@ -127,6 +137,12 @@ void readBeginFailures(TCPStream& in, BeginResult& out) {
 void writeFileInfo(TCPStream& out, const FileInfo& info) {
   out << int(C2H_RESUME_UPLOAD) << long(info.mSize) << info.mBaseName << info.mRemotePath
       << info.mMode;
+}
+
+void writeFilePart(TCPStream& out, const FilePart& part) {
+  const FileInfo& info = part.mInfo;
+  out << H2H_FILE_PART << long(info.mSize) << info.mBaseName << info.mRemotePath << info.mMode
+      << long(part.mSeq) << long(part.mStart) << long(part.mCount);
 }
 
 void writeBegin(TCPStream& out, const std::vector<std::string>& hosts, bool stopAgents) {

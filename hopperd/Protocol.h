@@ -17,6 +17,26 @@
 // upload's identifier and the sender's host identifier. No reply.
 const int H2H_RELAY_IDENTITY = 0x55333040;
 
+// Daemon to daemon: one part of a file, [start, start + count) of the
+// file's bytes, which follow at once. seq numbers the files of an upload in
+// the order the head took them; a part continues the file of its seq. No
+// reply unless the receiver has errors for the file (RELAY_FILE_ERRORS), so
+// that nothing waits for the hosts further on.
+const int H2H_FILE_PART = 0x55333041;
+// Daemon to daemon, on a new relay link: which file of the upload the host
+// took last. Replies int64 seq (0 for none) and int64 the bytes of it the
+// host holds (its size when it wants no more of it).
+const int H2H_LAST_FILE = 0x55333042;
+
+// What an upstream daemon hears back on its relay link once the link is up:
+// an int32 tag and its items. Commit and abort from a daemon are answered
+// with these instead of the client's replies.
+enum RelayReply {
+  RELAY_FILE_ERRORS = 1,  // int64 seq, text: the host's errors for that file
+  RELAY_COMMITTED = 2,    // text: the commit reply
+  RELAY_ABORTED = 3       // nothing more
+};
+
 // Status of a file announcement that this host or the ones after it refuse.
 const int RESUME_REFUSED = 4;
 
@@ -34,6 +54,15 @@ struct FileInfo {
   std::string mBaseName;
   std::string mRemotePath;
   int mMode = 0;  // permission bits only
+};
+
+// One part of a file on a relay link.
+struct FilePart {
+  FileInfo mInfo;
+  int64_t mSeq = 0;
+  int64_t mStart = 0;
+  int64_t mCount = 0;
+  int64_t end() const { return mStart + mCount; }
 };
 
 // The identity an upstream daemon passes down with the relay code.
@@ -68,6 +97,8 @@ bool acceptedVersion(int version);
 std::string readString(TCPStream& in);
 // The announcement items after the code; the mode is masked with 0777.
 FileInfo readFileInfo(TCPStream& in);
+// The part items after the code; the range must lie within the file.
+FilePart readFilePart(TCPStream& in);
 // The begin items after the code: host set and the stop-agents flag.
 void readBegin(TCPStream& in, std::vector<std::string>& hosts, bool& stopAgents);
 // The upload identifier must be 1 to 64 letters and digits.
@@ -83,6 +114,7 @@ std::string readReply(TCPStream& in, const std::string& host);
 
 // Writers (not flushed).
 void writeFileInfo(TCPStream& out, const FileInfo& info);
+void writeFilePart(TCPStream& out, const FilePart& part);
 void writeBegin(TCPStream& out, const std::vector<std::string>& hosts, bool stopAgents);
 void writeRelayIdentity(TCPStream& out, const RelayIdentity& identity);
 // Status 3 (or 0 when nothing failed) and, for 3, the lists and the text.

@@ -49,71 +49,143 @@ bool Session::resumable(const Entry* entry, const FileInfo& info) const {
          entry->mInfo.mBaseName == info.mBaseName && entry->mInfo.mMode == info.mMode;
 }
 
-Session::Entry* Session::stageLocally(const FileInfo& info, int64_t& position,
-                                      std::string& refusal) {
-  TargetPath::Resolution where;
+bool Session::resolve(const FileInfo& info, TargetPath::Resolution& where,
+                      std::string& refusal) {
   const auto journalDir = [this](const std::string& dir, std::string& error) {
     return mJournal.recordDirectory(dir, error);
   };
-  if (!mTargets.resolve(info.mRemotePath, info.mBaseName, mKnownDirs, where, refusal,
-                        journalDir)) {
-    mTargets.removeDirectories(where.mCreatedDirs);  // a refused file leaves nothing behind
-    return nullptr;
+  if (mTargets.resolve(info.mRemotePath, info.mBaseName, mKnownDirs, where, refusal,
+                       journalDir)) {
+    return true;
   }
-  const auto known = mByTarget.find(where.mTarget);
-  Entry* entry = known == mByTarget.end() ? nullptr : known->second;
-  bool resume = resumable(entry, info);
-  if (resume && !(entry->mFile->reopen(refusal) && entry->mFile->size() <= info.mSize)) {
-    resume = false;
+  mTargets.removeDirectories(where.mCreatedDirs);  // a refused file leaves nothing behind
+  return false;
+}
+
+Session::Entry* Session::entryFor(const std::string& target) const {
+  const auto known = mByTarget.find(target);
+  return known == mByTarget.end() ? nullptr : known->second;
+}
+
+Session::Entry* Session::stageFresh(const FileInfo& info, int64_t seq,
+                                    TargetPath::Resolution& where, std::string& refusal) {
+  Entry* entry = entryFor(where.mTarget);
+  if (entry) {
+    moveToEnd(entry);
+  } else {
+    mEntries.push_back(std::make_unique<Entry>());
+    entry = mEntries.back().get();
+    entry->mFile = std::make_unique<StagedFile>(mTargets, where.mTarget, mId);
+    mByTarget[where.mTarget] = entry;
   }
-  if (!resume) {
-    if (entry) {
-      moveToEnd(entry);
-    } else {
-      mEntries.push_back(std::make_unique<Entry>());
-      entry = mEntries.back().get();
-      entry->mFile = std::make_unique<StagedFile>(mTargets, where.mTarget, mId);
-      mByTarget[where.mTarget] = entry;
-    }
-    entry->mInfo = info;
-    const auto journalFile = [this](const std::string& staged, std::string& error) {
-      return mJournal.recordStagedFile(staged, error);
-    };
-    entry->mFailed = !entry->mFile->create(where.mParent.get(), journalFile, refusal);
-    if (entry->mFailed) {
-      mTargets.removeDirectories(where.mCreatedDirs);
-      return nullptr;
-    }
-  }
-  keepCreatedDirs(where.mCreatedDirs);
+  entry->mInfo = info;
+  entry->mSeq = seq;
   entry->mGeneration = mGeneration;
   mLast = entry;
-  position = entry->mFile->size();
+  const auto journalFile = [this](const std::string& staged, std::string& error) {
+    return mJournal.recordStagedFile(staged, error);
+  };
+  entry->mFailed = !entry->mFile->create(where.mParent.get(), journalFile, refusal);
+  if (entry->mFailed) {
+    mTargets.removeDirectories(where.mCreatedDirs);
+    return nullptr;
+  }
+  keepCreatedDirs(where.mCreatedDirs);
   return entry;
+}
+
+bool Session::continueStaged(Entry* entry, std::string& refusal) {
+  if (entry->mFailed || !entry->mFile->reopen(refusal)) return false;
+  entry->mGeneration = mGeneration;
+  mLast = entry;
+  return true;
+}
+
+void Session::startFile(Entry* entry, int64_t offset) {
+  mCurrent = entry;
+  mOffset = offset;
 }
 
 bool Session::openFile(const FileInfo& info, int64_t& start, std::string& refusal) {
   mCurrent = nullptr;
   mFileErrors.clear();
-  int64_t position = 0;
+  TargetPath::Resolution where;
   std::string localRefusal;
-  Entry* entry = stageLocally(info, position, localRefusal);
-  std::string downRefusal;
-  const bool forwarding =
-      mDownstream.announce(info, entry ? entry->mFile.get() : nullptr, downRefusal);
-  if (!entry) Protocol::appendLines(mFileErrors, line(localRefusal));
-  Protocol::appendLines(mFileErrors, downRefusal);
-  if (!entry && !forwarding) {
-    refusal = mFileErrors;
-    mFileErrors.clear();
-    return false;
+  Entry* entry = nullptr;
+  int64_t seq = 0;
+  if (resolve(info, where, localRefusal)) {
+    entry = entryFor(where.mTarget);
+    std::string ignored;
+    if (resumable(entry, info) && continueStaged(entry, ignored) &&
+        entry->mFile->size() <= info.mSize) {
+      keepCreatedDirs(where.mCreatedDirs);
+      seq = entry->mSeq;  // the file the upload was resumed in
+    } else {
+      seq = ++mLastSeq;
+      entry = stageFresh(info, seq, where, localRefusal);
+    }
   }
-  start = info.mSize;
-  if (entry) start = position;
-  if (forwarding) start = std::min(start, mDownstream.position());
-  mCurrent = entry;
-  mOffset = start;
+  if (!seq) seq = ++mLastSeq;
+  if (!entry) {
+    Protocol::appendLines(mFileErrors, line(localRefusal));
+    if (!mDownstream.ensureLinked()) {
+      refusal.swap(mFileErrors);
+      mFileErrors.clear();
+      return false;
+    }
+  }
+  // The client hears this host's own position at once; the hosts after it
+  // are brought up to it from the staged copy when they hold less.
+  start = entry ? entry->mFile->size() : 0;
+  mDownstream.startPart(info, seq, entry ? entry->mFile.get() : nullptr, start,
+                        info.mSize - start);
+  startFile(entry, start);
   return true;
+}
+
+void Session::openPart(const FilePart& part) {
+  mCurrent = nullptr;
+  mFileErrors.clear();
+  mLastSeq = std::max(mLastSeq, part.mSeq);
+  const FileInfo& info = part.mInfo;
+  TargetPath::Resolution where;
+  std::string refusal;
+  Entry* entry = nullptr;
+  if (resolve(info, where, refusal)) {
+    entry = entryFor(where.mTarget);
+    if (entry && entry->mSeq == part.mSeq) {
+      // A later part of a file staged here: it continues the staged bytes,
+      // which must reach its start.
+      if (!continueStaged(entry, refusal)) {
+        entry = nullptr;  // a file that failed here was reported then
+      } else if (entry->mFile->size() < part.mStart) {
+        refusal = info.mRemotePath + ": bytes " + std::to_string(entry->mFile->size()) + " to " +
+                  std::to_string(part.mStart) + " never arrived";
+        entry->mFailed = true;
+        entry->mFile->discard();
+        entry = nullptr;
+      }
+    } else if (part.mStart > 0) {
+      refusal = info.mRemotePath + ": bytes 0 to " + std::to_string(part.mStart) +
+                " never arrived";
+      mTargets.removeDirectories(where.mCreatedDirs);
+      entry = nullptr;
+    } else {
+      entry = stageFresh(info, part.mSeq, where, refusal);
+    }
+  }
+  if (!entry && !refusal.empty()) Protocol::appendLines(mFileErrors, line(refusal));
+  mDownstream.startPart(info, part.mSeq, entry ? entry->mFile.get() : nullptr, part.mStart,
+                        part.mCount);
+  startFile(entry, part.mStart);
+}
+
+void Session::lastFile(int64_t& seq, int64_t& bytes) const {
+  seq = mLastSeq;
+  bytes = 0;
+  if (seq == 0) return;
+  const bool healthy = mLast && mLast->mSeq == seq && !mLast->mFailed;
+  bytes = healthy ? mLast->mFile->size() : kMaxFileSize;
 }
 
 void Session::fileData(const char* data, size_t n) {
@@ -137,9 +209,9 @@ void Session::fileData(const char* data, size_t n) {
 std::string Session::closeFile() {
   if (mCurrent) mCurrent->mFile->close();
   mCurrent = nullptr;
-  std::string errors = mFileErrors;
-  mFileErrors.clear();
-  Protocol::appendLines(errors, mDownstream.finishFile());
+  std::string errors;
+  errors.swap(mFileErrors);
+  Protocol::appendLines(errors, mDownstream.finishPart());
   return errors;
 }
 
@@ -164,6 +236,7 @@ std::string Session::commit() {
   }
   Protocol::appendLines(errors, downstream);
   mLast = mCurrent = nullptr;
+  mDownstream.forgetFiles();
   mByTarget.clear();
   mEntries.clear();
   mJournal.remove();
@@ -235,6 +308,7 @@ void Session::moveIntoPlace(const std::vector<Entry*>& ready, std::string& error
 }
 
 void Session::removeStaged() {
+  mDownstream.forgetFiles();
   for (const auto& entry : mEntries) entry->mFile->discard();
   mByTarget.clear();
   mEntries.clear();

@@ -48,14 +48,22 @@ class Session {
   // abandoned() says the upstream has gone.
   void begin(const std::vector<std::string>& hosts, bool stopAgents, BeginResult& result,
              const std::function<bool()>& abandoned);
-  // Stages a file here and announces it downstream. True with the offset
-  // from which the sender must send; false with the refusal lines when
-  // neither this host nor the ones after it take the file.
+  // A file from the client: stages it here (continuing the file the upload
+  // was resumed in) and passes it on. True with the offset from which the
+  // client sends, from this host's own state; false with the refusal lines
+  // when this host refuses the file and no host follows it.
   bool openFile(const FileInfo& info, int64_t& start, std::string& refusal);
-  // The next bytes of the open file, in order.
+  // A part of a file from the host before this one: stages and passes it
+  // on. Its bytes follow whatever this host makes of it.
+  void openPart(const FilePart& part);
+  // The next bytes of the open file or part, in order.
   void fileData(const char* data, size_t n);
-  // Ends the open file; returns its error lines ("" for success).
+  // Ends the open file or part; returns this host's error lines for it
+  // ("" for success). Errors of the hosts after this one come with commit.
   std::string closeFile();
+  // The file this host took last (0 for none) and the bytes of it it holds,
+  // or its size when it wants no more of it (refused or failed here).
+  void lastFile(int64_t& seq, int64_t& bytes) const;
   // Commits downstream and here; returns the error lines. The session is
   // over afterwards.
   std::string commit();
@@ -79,10 +87,19 @@ class Session {
     std::unique_ptr<StagedFile> mFile;
     FileInfo mInfo;  // the announcement the staged bytes belong to
     uint64_t mGeneration = 0;
+    int64_t mSeq = 0;  // the file's number in the upload
     bool mFailed = false;
   };
 
-  Entry* stageLocally(const FileInfo& info, int64_t& position, std::string& refusal);
+  // Finds where info goes; false with the refusal (nothing left behind).
+  bool resolve(const FileInfo& info, TargetPath::Resolution& where, std::string& refusal);
+  // The entry of where's target, staged afresh as file seq.
+  Entry* stageFresh(const FileInfo& info, int64_t seq, TargetPath::Resolution& where,
+                    std::string& refusal);
+  // Opens entry's staged bytes to continue them; false with the error text.
+  bool continueStaged(Entry* entry, std::string& refusal);
+  Entry* entryFor(const std::string& target) const;
+  void startFile(Entry* entry, int64_t offset);
   // True when entry's staged bytes may be continued for info (a resumed file).
   bool resumable(const Entry* entry, const FileInfo& info) const;
   void moveToEnd(Entry* entry);
@@ -114,6 +131,7 @@ class Session {
   std::vector<std::string> mCreatedDirs;         // the same, in creation order
   uint64_t mGeneration = 0;                      // counts (re)begins
   Entry* mLast = nullptr;                        // the last announced file
+  int64_t mLastSeq = 0;                          // the highest file number seen
 
   // The file being received.
   Entry* mCurrent = nullptr;

@@ -1,6 +1,7 @@
 #include "util/TCPSocket.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -256,6 +257,13 @@ void TCPSocket::shutdown(bool reset) {
     ::setsockopt(mFd, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
   }
   ::shutdown(mFd, SHUT_RDWR);
+}
+
+std::unique_ptr<TCPSocket> TCPSocket::duplicate() const {
+  if (mFd < 0) return nullptr;
+  const int fd = ::fcntl(mFd, F_DUPFD_CLOEXEC, 0);
+  if (fd < 0) return nullptr;
+  return std::make_unique<TCPSocket>(fd);
 }
 
 bool TCPSocket::isGood() {

@@ -86,6 +86,11 @@ class TCPSocket {
   // that follows resets the connection, so that a peer blocked writing to us
   // fails at once instead of at its next window probe.
   void shutdown(bool reset = false);
+  // A second socket object on the same connection (a duplicated,
+  // close-on-exec descriptor) with none of this one's settings, so that one
+  // thread may read through it while another writes through this one. Null
+  // when closed or out of descriptors.
+  std::unique_ptr<TCPSocket> duplicate() const;
 
   // True while the descriptor is open (the peer may have gone away).
   bool isConnected() const { return mFd >= 0; }

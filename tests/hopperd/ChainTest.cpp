@@ -253,3 +253,72 @@ TEST_F(ChainTest, HostileLengthClosesOnlyThatConnectionAndTermAbortsTheSession) 
   EXPECT_EQ(daemons[0]->waitExit(10000), 0);
   EXPECT_FALSE(fs::exists(root(0) / "new"));
 }
+
+// Small files stream through the chain without waiting for it. A middle host
+// stopped while they flow (its buffers fill) and then killed loses files it
+// took but never passed on: the head sends them again from its staged
+// copies to the host after it, which says which file it took last.
+TEST_F(ChainTest, FilesInFlightPastAKilledMiddleHostAreSentAgain) {
+  start(4);
+  for (unsigned i = 0; i < 3000; ++i) {
+    TempDir::write(dir.file("src/many/d" + std::to_string(i % 30) + "/f" + std::to_string(i)),
+                   4096, i, fs::perms(0644));
+  }
+  startUpload({{dir.file("src/many"), "/data"}});
+  ASSERT_TRUE(waitFor([&] { return filesUnder(root(3), true).size() >= 300; })) << err.str();
+  daemons[1]->signal(SIGSTOP);
+  // The head goes on until the stopped host's buffers are full.
+  waitFor([&] { return filesUnder(root(0), true).size() >= filesUnder(root(3), true).size() + 100; },
+          10000);
+  daemons[1]->signal(SIGKILL);
+  EXPECT_EQ(daemons[1]->waitExit(10000), 128 + SIGKILL);
+  EXPECT_TRUE(finish()) << err.str();
+  EXPECT_PRED_FORMAT2(testing::IsSubstring,
+                      "Unable to connect or lost connection to " + name(1) + ".", err.str());
+  for (size_t i : {0, 2, 3}) {
+    expectSameTree(dir.file("src/many"), root(i) / "data/many");
+    EXPECT_TRUE(filesUnder(root(i), true).empty()) << i;
+  }
+}
+
+// A host that refuses a file still passes it on; its refusal reaches the
+// client with the commit reply and fails the run, and the hosts on both
+// sides of it commit the file.
+TEST_F(ChainTest, AFileAMiddleHostRefusesReachesTheOthersAndFailsTheRun) {
+  start(3);
+  TempDir::write(root(1) / "data/sub", 3, 3, fs::perms(0644));  // a file where a folder goes
+  TempDir::write(dir.file("src/sub/f"), 100000, 1, fs::perms(0644));
+  TempDir::write(dir.file("src/g"), 1000, 2, fs::perms(0644));
+  EXPECT_FALSE(upload(dir.file("src/"), "/data"));
+  EXPECT_PRED_FORMAT2(testing::IsSubstring, name(1) + ": ", err.str());
+  EXPECT_PRED_FORMAT2(testing::IsSubstring, "Not a directory", err.str());
+  for (size_t i : {0, 2}) {
+    EXPECT_EQ(TempDir::read(root(i) / "data/sub/f"), TempDir::read(dir.file("src/sub/f"))) << i;
+  }
+  for (size_t i : {0, 1, 2}) {
+    EXPECT_EQ(TempDir::read(root(i) / "data/g"), TempDir::read(dir.file("src/g"))) << i;
+    EXPECT_TRUE(filesUnder(root(i), true).empty()) << i;
+  }
+  EXPECT_EQ(fs::file_size(root(1) / "data/sub"), 3u);
+}
+
+// The head killed while small files stream: the host after it holds every
+// file the head had taken (nothing waits for replies on the link, so the
+// head's end has nothing unread and its last bytes still go out), and the
+// client resumes there with the file it was sending.
+TEST_F(ChainTest, HeadKilledInATreeLeavesNoFileMissingOnTheOthers) {
+  start(3);
+  for (unsigned i = 0; i < 3000; ++i) {
+    TempDir::write(dir.file("src/many/d" + std::to_string(i % 30) + "/f" + std::to_string(i)),
+                   4096, i, fs::perms(0644));
+  }
+  startUpload({{dir.file("src/many"), "/data"}});
+  ASSERT_TRUE(waitFor([&] { return filesUnder(root(2), true).size() >= 1000; })) << err.str();
+  daemons[0]->signal(SIGKILL);
+  EXPECT_EQ(daemons[0]->waitExit(10000), 128 + SIGKILL);
+  EXPECT_TRUE(finish()) << err.str();
+  for (size_t i : {1, 2}) {
+    expectSameTree(dir.file("src/many"), root(i) / "data/many");
+    EXPECT_TRUE(filesUnder(root(i), true).empty()) << i;
+  }
+}
