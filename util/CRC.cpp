@@ -59,7 +59,7 @@ inline uint32_t doubleWordStep(uint32_t crc, const unsigned char* p) {
 
 namespace CRC {
 
-unsigned int crc32c(const unsigned char* data, unsigned long length, unsigned int crc) {
+unsigned int crc32cSoftware(const unsigned char* data, unsigned long length, unsigned int crc) {
   if (length == 0) return crc;
   uint32_t c = ~static_cast<uint32_t>(crc);
   const unsigned char* p = data;
@@ -74,6 +74,15 @@ unsigned int crc32c(const unsigned char* data, unsigned long length, unsigned in
   }
   while (p != end) c = byteStep(c, *p++);
   return ~c;
+}
+
+using Implementation = unsigned int (*)(const unsigned char*, unsigned long, unsigned int);
+
+unsigned int crc32c(const unsigned char* data, unsigned long length, unsigned int crc) {
+  // Decided on first use rather than at static initialization, so checksums
+  // taken by other units' static constructors get a valid choice too.
+  static const Implementation chosen = crc32cHardwareAvailable() ? crc32cHardware : crc32cSoftware;
+  return chosen(data, length, crc);
 }
 
 }  // namespace CRC
