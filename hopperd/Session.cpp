@@ -249,6 +249,9 @@ std::vector<Session::Entry*> Session::prepareForCommit(std::string& errors) {
   // One descriptor per file system holding staged files, to flush each once.
   std::map<int64_t, System::FileDescriptor> fileSystems;
   std::vector<Entry*> ready;
+  // Each run of files in one directory costs one fresh walk to it.
+  std::string directory;
+  System::FileDescriptor parent;
   for (const auto& entry : mEntries) {
     StagedFile& file = *entry->mFile;
     std::string error;
@@ -257,7 +260,12 @@ std::vector<Session::Entry*> Session::prepareForCommit(std::string& errors) {
       error = file.remoteTarget() + ": incomplete, " + std::to_string(file.size()) + " of " +
               std::to_string(entry->mInfo.mSize) + " bytes received";
     } else if (!entry->mFailed) {
-      fd = file.prepare(entry->mInfo.mSize, entry->mInfo.mMode, error);
+      if (TargetPath::directoryOf(file.remoteTarget()) != directory || !parent) {
+        directory = TargetPath::directoryOf(file.remoteTarget());
+        parent = mTargets.openParent(file.remoteTarget(), error);
+        if (!parent) error = file.remoteTarget() + ": " + error;
+      }
+      if (parent) fd = file.prepare(parent.get(), entry->mInfo.mSize, entry->mInfo.mMode, error);
     }
     FileAttributes attrs;
     if (!fd || !attrs.statFd(fd.get())) {

@@ -126,7 +126,6 @@ ssize_t StagedFile::readAt(char* buf, size_t n, int64_t offset) const {
 }
 
 System::FileDescriptor StagedFile::prepare(int64_t expectedSize, int mode, std::string& error) {
-  close();
   // A fresh walk: the directories may have been swapped since staging.
   std::string reason;
   const System::FileDescriptor parent = mPaths.openParent(mRemoteTarget, reason);
@@ -134,7 +133,13 @@ System::FileDescriptor StagedFile::prepare(int64_t expectedSize, int mode, std::
     error = mRemoteTarget + ": " + reason;
     return System::FileDescriptor();
   }
-  System::FileDescriptor fd = System::openFileAt(parent.get(), mName, false);
+  return prepare(parent.get(), expectedSize, mode, error);
+}
+
+System::FileDescriptor StagedFile::prepare(int parentFd, int64_t expectedSize, int mode,
+                                           std::string& error) {
+  close();
+  System::FileDescriptor fd = System::openFileAt(parentFd, mName, false);
   FileAttributes attrs;
   if (!fd || !attrs.statFd(fd.get())) {
     error = mRemoteTarget + ": the staged copy is lost: " + System::getErrorMessageStr();

@@ -69,6 +69,10 @@ class StagedFile {
   // descriptor with the error text. A missing or short staged file fails;
   // nothing is ever re-created.
   System::FileDescriptor prepare(int64_t expectedSize, int mode, std::string& error);
+  // The same in parentFd, the target's directory reached by a fresh walk
+  // (TargetPath::openParent) that the caller made for several files.
+  System::FileDescriptor prepare(int parentFd, int64_t expectedSize, int mode,
+                                 std::string& error);
   // Second step, once the bytes are durable: renames the staged file onto
   // its target in parentFd, the target's directory reached by a fresh walk
   // (TargetPath::openParent). False with the error text on failure.

@@ -107,6 +107,10 @@ System::FileDescriptor TargetPath::walk(const std::string& dir, bool create,
     errno = mRootError;
     return System::FileDescriptor();
   }
+  if (create && mCachedFd && dir == mCachedDir) {
+    System::FileDescriptor again = System::duplicate(mCachedFd.get());
+    if (again) return again;
+  }
   System::FileDescriptor current = System::openDirectoryAt(mRootFd.get(), ".");
   for (std::string::size_type pos = 1; current && pos < dir.size();) {
     std::string::size_type end = dir.find('/', pos);
@@ -137,6 +141,10 @@ System::FileDescriptor TargetPath::walk(const std::string& dir, bool create,
     }
     current = std::move(next);
   }
+  if (create && current) {
+    mCachedFd = System::duplicate(current.get());
+    mCachedDir = dir;
+  }
   return current;
 }
 
@@ -148,9 +156,13 @@ System::FileDescriptor TargetPath::openParent(const std::string& remote,
 bool TargetPath::isDirectory(const std::string& remote) const {
   if (remote == "/") return true;
   std::string ignored;
-  const System::FileDescriptor parent = openParent(remote, ignored);
+  // Asked while staging, so the last creating walk's directory will do.
+  const bool cached = mCachedFd && directoryOf(remote) == mCachedDir;
+  const System::FileDescriptor parent =
+      cached ? System::FileDescriptor() : openParent(remote, ignored);
+  const int dirFd = cached ? mCachedFd.get() : parent.get();
   FileAttributes attrs;
-  return parent && attrs.statAt(parent.get(), nameOf(remote), DONT_FOLLOW_SYMLINK) &&
+  return dirFd >= 0 && attrs.statAt(dirFd, nameOf(remote), DONT_FOLLOW_SYMLINK) &&
          attrs.isDirectory();
 }
 
@@ -161,6 +173,8 @@ bool TargetPath::removeFile(const std::string& remote) const {
 }
 
 bool TargetPath::removeDirectory(const std::string& remote) const {
+  mCachedFd.close();  // it may be the one removed
+  mCachedDir.clear();
   std::string ignored;
   const System::FileDescriptor parent = openParent(remote, ignored);
   return parent && System::removeDirectoryAt(parent.get(), nameOf(remote));

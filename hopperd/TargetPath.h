@@ -93,6 +93,13 @@ class TargetPath {
                               std::vector<std::string>* created, std::string& reason) const;
   bool isDirectory(const std::string& remote) const;
 
+  // The directory the last creating walk reached. Files of one directory
+  // come together, so staging them walks once; the descriptor stays the
+  // directory the walk found even if a name on the way is swapped later.
+  // Commit never uses it: it walks afresh.
+  mutable std::string mCachedDir;
+  mutable System::FileDescriptor mCachedFd;
+
   std::string mRoot;  // without a trailing '/', empty for "/"
   std::vector<std::string> mAllowed;
   System::FileDescriptor mRootFd;

@@ -113,3 +113,20 @@ TEST_F(TargetPathTest, OverlongNamesAreRefusedAndMadeDirectoriesAnnouncedAndUnma
   EXPECT_FALSE(fs::exists(root + "/opt/a/b"));
   EXPECT_TRUE(fs::exists(root + "/opt/a/other"));
 }
+
+// Files of one directory reuse the walk to it, but a directory removed in
+// between (an aborted file took it away) is walked to and made afresh.
+TEST_F(TargetPathTest, ARemovedDirectoryIsMadeAgainForTheNextFile) {
+  const TargetPath paths(root, {});
+  EXPECT_EQ(refusal(paths, "/opt/new/sub/"), "");
+  ASSERT_EQ(result.mCreatedDirs, (std::vector<std::string>{"/opt/new", "/opt/new/sub"}));
+  paths.removeDirectories(result.mCreatedDirs);
+  ASSERT_FALSE(fs::exists(root + "/opt/new"));
+  EXPECT_EQ(refusal(paths, "/opt/new/sub/", "g"), "");
+  EXPECT_EQ(result.mCreatedDirs.size(), 2u);
+  // The parent handed out is the directory now at the path.
+  struct stat byWalk, byName;
+  ASSERT_EQ(fstat(result.mParent.get(), &byWalk), 0);
+  ASSERT_EQ(stat((root + "/opt/new/sub").c_str(), &byName), 0);
+  EXPECT_EQ(byWalk.st_ino, byName.st_ino);
+}
