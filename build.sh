@@ -15,7 +15,7 @@ cd "$(dirname "$0")"
 top=$PWD
 
 packages=(cmake ninja-build g++ googletest libgtest-dev libgmock-dev
-          libssl-dev libcurl4-openssl-dev openssl python3 procps iproute2)
+          libssl-dev libcurl4-openssl-dev openssl python3 procps iproute2 rsync)
 
 install_packages() {
   local missing=()
@@ -54,8 +54,9 @@ case "$cmd" in
     build build
     exec "$top/tools/demo.sh" "$top/build" ;;
   bench)
-    build build
-    exec "$top/bench/run.sh" "$top/build" ;;
+    # Optimised, in a folder of its own so that it leaves build/ as it is.
+    build build-bench -DCMAKE_BUILD_TYPE=Release
+    exec "$top/bench/run.sh" "$top/build-bench" ;;
   package)
     packages+=(dpkg-dev)  # dpkg-shlibdeps works out the packages' dependencies
     install_packages

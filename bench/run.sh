@@ -1,9 +1,12 @@
 #!/usr/bin/env bash
 # Benchmarks. Prints figures and ratios against peers measured in the same run:
-#   crc_bench     CRC-32C slicing against a byte-at-a-time loop
+#   crc_bench     CRC-32C with the CPU instruction and with slicing tables,
+#                 against a byte-at-a-time loop
 #   upload_cpu    the client's CPU time for 1 GiB against a plain read/write loop
 #   four hosts    hivecopy of a 1 GiB file and of a 10,000-file tree to four
 #                 local daemons, against cp (and cp + sync) into one directory
+#   netbench.sh   hivecopy against rsync over a simulated network of network
+#                 namespaces, and one daemon's root on disk against tmpfs
 set -euo pipefail
 build=${1:-"$(cd "$(dirname "$0")/.." && pwd)/build"}
 "$build/bench/crc_bench"
@@ -55,3 +58,10 @@ measure() {  # measure NAME SOURCE
 }
 measure big "$work/src/big"
 measure tree "$work/src/tree"
+
+# The network benchmark starts daemons of its own; these are done (and the
+# exit trap must not signal their ids again).
+stop_local_daemons
+# shellcheck disable=SC2034  # read by the exit trap of tools/local-daemons.sh
+daemon_pids=()
+"$(dirname "$0")/netbench.sh" "$build"
