@@ -29,6 +29,7 @@ TEST(StringExpanderTest, ExpandsPatternsAndRemovesDuplicates) {
   EXPECT_EQ(Words({"h1xay", "h1xby", "h2xay", "h2xby"}), nodesOf("h[1-2]x[a-b]y"));
   EXPECT_EQ(Words({"n1", "n2", "n3", "n7", "na", "nb", "nz"}), nodesOf("n[,1-3,,7,a-b,z,]"));
   EXPECT_EQ(Words({"h8", "h9", "h10", "h1:2000"}), nodesOf("h[008-010] {h}[1]:2000"));
+  EXPECT_EQ(Words({"h5", "xa"}), nodesOf("h[5-5] x[a-a]"));  // a range of one value
   // Duplicates go, the first occurrence stays; comparison is exact.
   EXPECT_EQ(Words({"h2", "h1", "H1", "h1:2000", "h3"}), nodesOf("h2 h[1-2] H1 h1:2000 h{1-3} h[1,1]"));
   Words nodes = {"b", "x"};

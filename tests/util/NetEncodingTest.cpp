@@ -40,6 +40,10 @@ TEST(NetEncodingTest, BoundedReadersRefuseBeforeAllocating) {
   std::istringstream tooLong(WireBytes().i32(kMaxPeerStringLength + 1).bytes());
   EXPECT_THROW(readSmallBufBounded(tooLong, text), WireLimitError);
   EXPECT_EQ(text, "kept");
+  const std::string longest(kMaxPeerStringLength, 'x');  // the bound itself is allowed
+  std::istringstream atTheBound(WireBytes().str(longest).bytes());
+  readSmallBufBounded(atTheBound, text);
+  EXPECT_EQ(text, longest);
   StringList names = {"kept"};
   std::istringstream hugeCount(WireBytes().i32(0x7fffffff).bytes());
   EXPECT_THROW(readStringListBounded(hugeCount, names), WireLimitError);
