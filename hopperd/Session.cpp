@@ -85,7 +85,7 @@ Session::Entry* Session::stageFresh(const FileInfo& info, int64_t seq,
   const auto journalFile = [this](const std::string& staged, std::string& error) {
     return mJournal.recordStagedFile(staged, error);
   };
-  entry->mFailed = !entry->mFile->create(where.mParent.get(), journalFile, refusal);
+  entry->mFailed = !entry->mFile->create(where.mParentFd, journalFile, refusal);
   if (entry->mFailed) {
     mTargets.removeDirectories(where.mCreatedDirs);
     return nullptr;

@@ -107,10 +107,6 @@ System::FileDescriptor TargetPath::walk(const std::string& dir, bool create,
     errno = mRootError;
     return System::FileDescriptor();
   }
-  if (create && mCachedFd && dir == mCachedDir) {
-    System::FileDescriptor again = System::duplicate(mCachedFd.get());
-    if (again) return again;
-  }
   System::FileDescriptor current = System::openDirectoryAt(mRootFd.get(), ".");
   for (std::string::size_type pos = 1; current && pos < dir.size();) {
     std::string::size_type end = dir.find('/', pos);
@@ -141,10 +137,6 @@ System::FileDescriptor TargetPath::walk(const std::string& dir, bool create,
     }
     current = std::move(next);
   }
-  if (create && current) {
-    mCachedFd = System::duplicate(current.get());
-    mCachedDir = dir;
-  }
   return current;
 }
 
@@ -153,17 +145,24 @@ System::FileDescriptor TargetPath::openParent(const std::string& remote,
   return walk(directoryOf(remote), false, nullptr, nullptr, reason);
 }
 
-bool TargetPath::isDirectory(const std::string& remote) const {
-  if (remote == "/") return true;
+bool TargetPath::statRemote(const std::string& remote, FileAttributes& attrs) const {
+  if (remote == "/") return attrs.statAt(mRootFd.get(), ".", DONT_FOLLOW_SYMLINK);
   std::string ignored;
-  // Asked while staging, so the last creating walk's directory will do.
   const bool cached = mCachedFd && directoryOf(remote) == mCachedDir;
   const System::FileDescriptor parent =
       cached ? System::FileDescriptor() : openParent(remote, ignored);
   const int dirFd = cached ? mCachedFd.get() : parent.get();
-  FileAttributes attrs;
-  return dirFd >= 0 && attrs.statAt(dirFd, nameOf(remote), DONT_FOLLOW_SYMLINK) &&
-         attrs.isDirectory();
+  return dirFd >= 0 && attrs.statAt(dirFd, nameOf(remote), DONT_FOLLOW_SYMLINK);
+}
+
+int TargetPath::stagingDirectory(const std::string& dir, const BeforeMakeDirectory& beforeMake,
+                                 std::vector<std::string>* created,
+                                 std::string& reason) const {
+  if (mCachedFd && dir == mCachedDir) return mCachedFd.get();
+  mCachedDir.clear();
+  mCachedFd = walk(dir, true, beforeMake, created, reason);
+  if (mCachedFd) mCachedDir = dir;
+  return mCachedFd.get();
 }
 
 bool TargetPath::removeFile(const std::string& remote) const {
@@ -205,8 +204,16 @@ bool TargetPath::resolve(const std::string& remote, const std::string& baseName,
     reason = "File name " + quoted(baseName) + ": " + System::errorText(ENAMETOOLONG);
     return false;
   }
-  const bool intoDirectory =
-      remote.back() == '/' || knownDirs.count(*norm) > 0 || isDirectory(*norm);
+  // What is at the path decides where the file goes; when it goes to the
+  // path itself, the same look says whether something is in the way.
+  FileAttributes atPath;
+  bool looked = false, found = false;
+  bool intoDirectory = remote.back() == '/' || knownDirs.count(*norm) > 0;
+  if (!intoDirectory) {
+    looked = true;
+    found = statRemote(*norm, atPath);
+    intoDirectory = found && atPath.isDirectory();
+  }
   out.mTarget = *norm;
   if (intoDirectory) {
     if (!validBaseName(baseName)) {
@@ -220,13 +227,17 @@ bool TargetPath::resolve(const std::string& remote, const std::string& baseName,
     return false;
   }
   out.mLocal = local(out.mTarget);
-  out.mParent = walk(directoryOf(out.mTarget), true, beforeMake, &out.mCreatedDirs, reason);
-  if (!out.mParent) {
+  out.mParentFd =
+      stagingDirectory(directoryOf(out.mTarget), beforeMake, &out.mCreatedDirs, reason);
+  if (out.mParentFd < 0) {
     reason = out.mTarget + ": " + reason;
     return false;
   }
-  FileAttributes existing;
-  if (existing.statAt(out.mParent.get(), nameOf(out.mTarget), DONT_FOLLOW_SYMLINK)) {
+  FileAttributes existing = atPath;
+  if (!looked || intoDirectory) {
+    found = existing.statAt(out.mParentFd, nameOf(out.mTarget), DONT_FOLLOW_SYMLINK);
+  }
+  if (found) {
     if (existing.isDirectory()) {
       reason = out.mTarget + ": " + System::errorText(EISDIR);
       return false;

@@ -51,7 +51,9 @@ class TargetPath {
     std::string mTarget;                     // normalised remote target
     std::string mLocal;                      // the target under the root
     std::vector<std::string> mCreatedDirs;   // normalised remote directories made, in order
-    System::FileDescriptor mParent;          // the target's directory, reached by the walk
+    // The target's directory, reached by the walk; the TargetPath holds it
+    // until its next resolve or directory removal.
+    int mParentFd = -1;
   };
 
   // Checks the remote path and the base name, chooses the target (inside the
@@ -91,9 +93,15 @@ class TargetPath {
   System::FileDescriptor walk(const std::string& dir, bool create,
                               const BeforeMakeDirectory& beforeMake,
                               std::vector<std::string>* created, std::string& reason) const;
-  bool isDirectory(const std::string& remote) const;
+  // Whether the normalised remote path exists and what it is (without
+  // following a link), asked while staging.
+  bool statRemote(const std::string& remote, FileAttributes& attrs) const;
+  // The directory a file is staged in: the walk of the last file when it
+  // is the same directory, else a creating walk, kept for the next file.
+  int stagingDirectory(const std::string& dir, const BeforeMakeDirectory& beforeMake,
+                       std::vector<std::string>* created, std::string& reason) const;
 
-  // The directory the last creating walk reached. Files of one directory
+  // The directory the last staging walk reached. Files of one directory
   // come together, so staging them walks once; the descriptor stays the
   // directory the walk found even if a name on the way is swapped later.
   // Commit never uses it: it walks afresh.

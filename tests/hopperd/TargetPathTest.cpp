@@ -126,7 +126,7 @@ TEST_F(TargetPathTest, ARemovedDirectoryIsMadeAgainForTheNextFile) {
   EXPECT_EQ(result.mCreatedDirs.size(), 2u);
   // The parent handed out is the directory now at the path.
   struct stat byWalk, byName;
-  ASSERT_EQ(fstat(result.mParent.get(), &byWalk), 0);
+  ASSERT_EQ(fstat(result.mParentFd, &byWalk), 0);
   ASSERT_EQ(stat((root + "/opt/new/sub").c_str(), &byName), 0);
   EXPECT_EQ(byWalk.st_ino, byName.st_ino);
 }
