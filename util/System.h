@@ -181,9 +181,6 @@ FileDescriptor openDirectory(const std::string& path, bool followSymlink = false
 // openat(O_RDONLY|O_DIRECTORY|O_NOFOLLOW|O_CLOEXEC): a link gives ELOOP, a
 // non-directory ENOTDIR.
 FileDescriptor openDirectoryAt(int dirFd, const std::string& name);
-// A second close-on-exec descriptor of what fd refers to (invalid on
-// failure, errno set).
-FileDescriptor duplicate(int fd);
 // mkdirat(mode before umask); an existing name, link or not, gives EEXIST.
 bool makeDirectoryAt(int dirFd, const std::string& name, int mode);
 // openat(O_WRONLY|O_CREAT|O_EXCL|O_NOFOLLOW|O_CLOEXEC, mode): a new file

@@ -185,8 +185,6 @@ FileDescriptor openDirectoryAt(int dirFd, const std::string& name) {
   return fd;
 }
 
-FileDescriptor duplicate(int fd) { return FileDescriptor(::fcntl(fd, F_DUPFD_CLOEXEC, 0)); }
-
 bool makeDirectoryAt(int dirFd, const std::string& name, int mode) {
   return ::mkdirat(dirFd, name.c_str(), static_cast<mode_t>(mode)) == 0;
 }
