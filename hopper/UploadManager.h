@@ -5,11 +5,14 @@
 // none is left (NoNodesException). The run's time limit (timeout) is checked
 // after every block and also bounds every wait on a head, so that a stalled
 // head ends the run at the limit instead of holding it for ever; a wait ended
-// that way aborts the run and does not count as a lost host.
+// that way aborts the run and does not count as a lost host. File data goes
+// from the file to the head inside the kernel where it can (sendfile), else
+// it is read and written here, in the same blocks either way.
 #ifndef HOPPER_UPLOADMANAGER_H_
 #define HOPPER_UPLOADMANAGER_H_
 
 #include <exception>
+#include <fstream>
 #include <istream>
 #include <memory>
 #include <string>
@@ -32,8 +35,11 @@ class NoNodesException : public std::exception {
 
 class UploadManager : public MoveManager {
  public:
-  // Bytes read from a file and sent per block.
+  // Bytes of a file sent per block: the unit of progress and of the time
+  // limit check.
   static const int kBlockSize = 32768;
+  // Files with at least this many bytes left go out by sendfile.
+  static const long kSendFileMinimum = 4 * kBlockSize;
 
   UploadManager(const IPtoNameMap& hosts, bool verboseMode, bool stopAgents, int timeout,
                 System::OSID targetOSID, std::ostream& out, std::ostream& err);
@@ -83,11 +89,13 @@ class UploadManager : public MoveManager {
   // gets the directory's last component appended); skips links and pipes.
   bool uploadEntry(const std::string& localPath, const std::string& fileTarget,
                    const std::string& directoryTarget);
-  bool sendFile(std::istream& file, const std::string& localPath, const std::string& remotePath,
+  bool sendFile(std::ifstream& file, const std::string& localPath, const std::string& remotePath,
                 long size, int mode, long& sent, long& dotBytes, std::ostream& fileErrors);
   void resumeFrom(std::istream& file, const std::string& localPath, long position, long size,
                   long& sent);
-  bool sendData(std::istream& file, const std::string& localPath, long size, long& sent,
+  // Sends bytes [sent, size) of the file, advancing sent block by block.
+  // False when the run was aborted (signal or time limit) on the way.
+  bool sendData(std::ifstream& file, const std::string& localPath, long size, long& sent,
                 long& dotBytes);
   // When the run's time limit has passed, aborts the run and returns true.
   // After a failed exchange this tells that the head was not at fault.

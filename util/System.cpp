@@ -120,6 +120,10 @@ std::unique_ptr<std::ifstream> make_ifstream(const std::string& path, std::ios::
   return std::make_unique<std::ifstream>(path, mode | std::ios::in);
 }
 
+int fileDescriptor(std::ifstream& stream) {
+  return stream.is_open() ? FilebufAccess::fd(*stream.rdbuf()) : -1;
+}
+
 const char* getenv(const char* name) { return std::getenv(name); }
 
 void sleep(long ms) {

@@ -137,6 +137,10 @@ std::unique_ptr<std::ofstream> make_ofstream(const std::string& path,
 // New input file stream for path opened with mode | in.
 std::unique_ptr<std::ifstream> make_ifstream(const std::string& path,
                                              std::ios::openmode mode = std::ios::in);
+// The descriptor of an open file stream (-1 when it is closed), still owned
+// by the stream. Reads through it at an explicit offset (pread, sendfile)
+// leave the stream's position alone.
+int fileDescriptor(std::ifstream& stream);
 
 // ---- file descriptors ----------------------------------------------------
 

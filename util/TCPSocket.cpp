@@ -6,6 +6,8 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <signal.h>
+#include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -14,6 +16,8 @@
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
+#include <ctime>
+#include <optional>
 
 #include "util/Mutex.h"
 #include "util/StringUtilities.h"
@@ -91,6 +95,68 @@ int pollMs(const Ticks& span) {
 // The shorter of two poll() waits, where -1 means no limit.
 int shorterWait(int a, int b) { return a < 0 ? b : (b < 0 ? a : std::min(a, b)); }
 
+// Errors with which sendfile refuses, before sending anything, a descriptor
+// it cannot read at an offset (a pipe, a socket, a file system without
+// support).
+bool refusesFile(int error) {
+  return error == EINVAL || error == ENOSYS || error == ESPIPE || error == EOPNOTSUPP ||
+         error == EBADF;
+}
+
+// Makes a descriptor non-blocking for the scope's life unless it already is.
+class NonBlockingScope {
+ public:
+  explicit NonBlockingScope(int fd) : mFd(fd), mFlags(::fcntl(fd, F_GETFL)) {
+    mChanged = mFlags >= 0 && (mFlags & O_NONBLOCK) == 0 &&
+               ::fcntl(fd, F_SETFL, mFlags | O_NONBLOCK) == 0;
+  }
+  ~NonBlockingScope() {
+    if (mChanged) ::fcntl(mFd, F_SETFL, mFlags);
+  }
+  NonBlockingScope(const NonBlockingScope&) = delete;
+  NonBlockingScope& operator=(const NonBlockingScope&) = delete;
+  bool active() const { return mFlags >= 0 && ((mFlags & O_NONBLOCK) != 0 || mChanged); }
+
+ private:
+  int mFd;
+  int mFlags;
+  bool mChanged;
+};
+
+// sendfile has no MSG_NOSIGNAL: on a connection closed for sending it raises
+// SIGPIPE in the calling thread. The guard keeps the signal blocked for its
+// life and takes back the one a failed send raised, unless one was pending
+// already; the thread's mask is as before afterwards.
+class SigPipeGuard {
+ public:
+  SigPipeGuard() {
+    sigemptyset(&mPipe);
+    sigaddset(&mPipe, SIGPIPE);
+    sigset_t old;
+    pthread_sigmask(SIG_BLOCK, &mPipe, &old);
+    mWasBlocked = sigismember(&old, SIGPIPE) == 1;
+    sigset_t pending;
+    mWasPending = mWasBlocked && sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
+  }
+  ~SigPipeGuard() {
+    if (!mWasBlocked) pthread_sigmask(SIG_UNBLOCK, &mPipe, nullptr);
+  }
+  SigPipeGuard(const SigPipeGuard&) = delete;
+  SigPipeGuard& operator=(const SigPipeGuard&) = delete;
+  // After a send failed with EPIPE.
+  void takeBack() {
+    if (mWasPending) return;
+    const timespec noWait{0, 0};
+    while (sigtimedwait(&mPipe, nullptr, &noWait) < 0 && errno == EINTR) {
+    }
+  }
+
+ private:
+  sigset_t mPipe;
+  bool mWasBlocked;
+  bool mWasPending;
+};
+
 }  // namespace
 
 TCPSocket::TCPSocket()
@@ -118,6 +184,12 @@ bool TCPSocket::fail(int error) {
 
 bool TCPSocket::writesBounded() const {
   return mWriteTimeout >= 0 || mDeadline != Ticks() || mCancelFlag != nullptr;
+}
+
+bool TCPSocket::limitReached() {
+  if (mCancelFlag && mCancelFlag->load()) return !fail(ECANCELED);
+  if (mDeadline != Ticks() && !(Ticks::currentTime() < mDeadline)) return !fail(ETIMEDOUT);
+  return false;
 }
 
 bool TCPSocket::await(short events, int timeoutMs, bool stallable) {
@@ -298,14 +370,20 @@ int TCPSocket::read(char* buffer, int length) {
     return -1;
   }
   const Ticks start = Ticks::currentTime();
-  if (!secureHasBufferedData() && !await(POLLIN, mReadTimeout, true)) return -1;
   ssize_t n;
   if (mSecureSocket) {
+    if (!secureHasBufferedData() && !await(POLLIN, mReadTimeout, true)) return -1;
     n = mSecureSocket->read(buffer, length);
   } else {
-    do {
-      n = ::recv(mFd, buffer, static_cast<size_t>(length), 0);
-    } while (n < 0 && errno == EINTR);
+    // What has arrived is taken at once; only an empty socket waits, in
+    // poll, where the limits apply. The cancel flag and the deadline hold
+    // either way.
+    if (limitReached()) return -1;
+    for (;;) {
+      n = ::recv(mFd, buffer, static_cast<size_t>(length), MSG_DONTWAIT);
+      if (n >= 0 || (errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK)) break;
+      if (errno != EINTR && !await(POLLIN, mReadTimeout, true)) return -1;
+    }
     if (n < 0) mLastError = errno;
   }
   mReadTicks += Ticks::currentTime() - start;
@@ -326,8 +404,12 @@ int TCPSocket::write(const char* buffer, int length) {
   // what the socket takes at once; an unbounded one may block in send.
   const bool bounded = writesBounded();
   int done = 0;
+  // A plain socket tries the send first and waits only when it is full.
+  bool wait = mSecureSocket != nullptr;
+  if (bounded && !wait && limitReached()) return 0;
   while (done < length) {
-    if (bounded && !await(POLLOUT, mWriteTimeout, true)) break;
+    if (bounded && wait && !await(POLLOUT, mWriteTimeout, true)) break;
+    wait = mSecureSocket != nullptr;
     ssize_t n;
     if (mSecureSocket) {
       n = mSecureSocket->write(buffer + done, length - done);
@@ -335,7 +417,9 @@ int TCPSocket::write(const char* buffer, int length) {
       // MSG_NOSIGNAL: a vanished peer is an error return, never a SIGPIPE.
       n = ::send(mFd, buffer + done, static_cast<size_t>(length - done),
                  MSG_NOSIGNAL | (bounded ? MSG_DONTWAIT : 0));
-      if (n < 0 && (errno == EINTR || (bounded && (errno == EAGAIN || errno == EWOULDBLOCK)))) {
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0 && bounded && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        wait = true;
         continue;
       }
     }
@@ -349,6 +433,51 @@ int TCPSocket::write(const char* buffer, int length) {
   mWriteBytes += done;
   if (mSpy && done > 0) mSpy->onWrite(buffer, done);
   return done;
+}
+
+bool TCPSocket::sendFile(int fd, int64_t offset, int64_t count, int blockSize,
+                         const BlockSent& afterBlock) {
+  if (mFd < 0) return fail(EBADF);
+  // A secure layer has to encrypt the bytes and a spy to see them; neither
+  // can when the kernel moves them.
+  if (mSecureSocket || mSpy) return fail(EOPNOTSUPP);
+  // sendfile takes no MSG_DONTWAIT, so a bounded send makes the socket
+  // non-blocking to wait in await() as write() does. Both settings are made
+  // once per call, not per block: each costs system calls.
+  const bool bounded = writesBounded();
+  std::optional<NonBlockingScope> nonBlocking;
+  if (bounded && !nonBlocking.emplace(mFd).active()) return fail(EOPNOTSUPP);
+  SigPipeGuard sigPipe;
+  for (int64_t done = 0; done < count;) {
+    const int block = static_cast<int>(std::min<int64_t>(blockSize, count - done));
+    const Ticks start = Ticks::currentTime();
+    int sent = 0;
+    int error = 0;
+    while (sent < block && error == 0) {
+      if (bounded && !await(POLLOUT, mWriteTimeout, true)) {
+        error = mLastError;
+        break;
+      }
+      off_t at = static_cast<off_t>(offset + done + sent);
+      const ssize_t n = ::sendfile(mFd, fd, &at, static_cast<size_t>(block - sent));
+      if (n > 0) {
+        sent += static_cast<int>(n);
+      } else if (n == 0) {
+        error = ENODATA;  // the file ended
+      } else if (errno != EINTR && !(bounded && (errno == EAGAIN || errno == EWOULDBLOCK))) {
+        error = errno;
+      }
+    }
+    mWriteTicks += Ticks::currentTime() - start;
+    mWriteBytes += sent;
+    done += sent;
+    if (error != 0) {
+      if (error == EPIPE) sigPipe.takeBack();
+      return fail(done == 0 && refusesFile(error) ? EOPNOTSUPP : error);
+    }
+    if (afterBlock && !afterBlock(block)) break;
+  }
+  return true;
 }
 
 bool TCPSocket::setKeepAlive(bool on) {

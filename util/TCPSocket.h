@@ -3,7 +3,8 @@
 // The client side connects with a bounded wait; the server side binds,
 // listens and accepts. Reads and writes honour optional time-outs, writes
 // send everything or report failure, and an optional observer (TCPSpy) sees
-// the bytes. Every wait can also be bounded by a deadline and ended from
+// the bytes; file data can also go to the peer straight from the file
+// (sendFile). Every wait can also be bounded by a deadline and ended from
 // outside by a cancel flag; these settings belong to the object and survive
 // close() and connect(). Connect and listen failures raise
 // TCPSocket::exception; reads and writes report failure by return value so
@@ -107,6 +108,24 @@ class TCPSocket {
   // written; less than length means failure.
   int write(const char* buffer, int length);
 
+  // Told the size of each block sendFile() has sent; false stops the send.
+  using BlockSent = std::function<bool(int bytes)>;
+  // Sends count bytes of the file fd from offset with sendfile(2): the
+  // kernel takes them from the file cache without copying them through this
+  // process, and the file's own position does not move. They go in blocks of
+  // at most blockSize bytes (short transfers are continued), afterBlock (if
+  // any) being called after each. Every wait is bounded as in write() (write
+  // time-out, stall handler, deadline, cancel flag), and a vanished peer
+  // raises no SIGPIPE. Returns true when every byte went or afterBlock
+  // stopped the send; false on failure, with getLastError() ENODATA when the
+  // file ended first (its bytes up to there were sent), EOPNOTSUPP when
+  // nothing was sent because the bytes cannot go this way (a secure layer or
+  // a spy must see them, or sendfile does not take this file: write() them
+  // instead), else as for write(). For the call's length SIGPIPE is blocked
+  // in this thread and, when waits are bounded, the descriptor (shared with
+  // any duplicate) is non-blocking; afterBlock must not use this socket.
+  bool sendFile(int fd, int64_t offset, int64_t count, int blockSize, const BlockSent& afterBlock);
+
   // Milliseconds that read() waits for data; -1 (the default) waits for ever.
   void setReadTimeout(int ms) { mReadTimeout = ms; }
   int getReadTimeout() const { return mReadTimeout; }
@@ -161,7 +180,7 @@ class TCPSocket {
 
   int64_t getReadBytes() const { return mReadBytes; }
   int64_t getWriteBytes() const { return mWriteBytes; }
-  // Time spent inside read() and write().
+  // Time spent inside read(), write() and sendFile() (without afterBlock).
   Ticks getReadTicks() const { return mReadTicks; }
   Ticks getWriteTicks() const { return mWriteTicks; }
 
@@ -177,6 +196,9 @@ class TCPSocket {
   // mLastError set (ETIMEDOUT, ECANCELED, EINTR or poll's error) when the
   // wait ended without the events.
   bool await(short events, int timeoutMs, bool stallable);
+  // True (with mLastError set) when the cancel flag is up or the deadline
+  // has passed.
+  bool limitReached();
   bool fail(int error);
 
   int mFd;

@@ -1,6 +1,7 @@
 #include "util/TCPStream.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "util/CRC.h"
@@ -175,6 +176,18 @@ TCPStream::TCPStream(std::unique_ptr<TCPSocket> socket) : TCPRawStream(std::move
 TCPStream::TCPStream(const std::string& host, int port, long timeoutMs, int readTimeoutMs)
     : TCPRawStream(host, port, timeoutMs, readTimeoutMs) {
   setExceptionMask();
+}
+
+TCPStream::FileSend TCPStream::sendFile(int fd, int64_t offset, int64_t count, int blockSize,
+                                        const TCPSocket::BlockSent& afterBlock) {
+  if (streamBuf().crcMode()) return FileSend::kUnavailable;
+  flush();  // what is queued goes first
+  TCPSocket& s = socket();
+  if (s.sendFile(fd, offset, count, blockSize, afterBlock)) return FileSend::kDone;
+  if (s.getLastError() == EOPNOTSUPP) return FileSend::kUnavailable;
+  if (s.getLastError() == ENODATA) return FileSend::kFileEnded;
+  setstate(std::ios::badbit);
+  return FileSend::kDone;  // only when the failure exception was switched off
 }
 
 void TCPStream::setExceptionMask() {

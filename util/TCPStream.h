@@ -6,9 +6,10 @@
 // Input keeps up to 2920 bytes already read as put-back area and reads at
 // most 2920 new bytes per refill. Output is collected in a buffer and sent
 // when it is full or on flush. Large writes and reads bypass the buffers so
-// bulk data is not copied twice. In checksummed mode every flushed block is
-// preceded by an 8-byte header: the block length and its CRC-32C, both
-// big-endian 32-bit.
+// bulk data is not copied twice, and file data can go straight from the file
+// (TCPStream::sendFile). In checksummed mode every flushed block is preceded
+// by an 8-byte header: the block length and its CRC-32C, both big-endian
+// 32-bit.
 #ifndef UTIL_TCPSTREAM_H_
 #define UTIL_TCPSTREAM_H_
 
@@ -76,6 +77,20 @@ class TCPStream : public TCPRawStream {
   explicit TCPStream(std::unique_ptr<TCPSocket> socket);
   // Connects at once; throws TCPSocket::exception on failure.
   TCPStream(const std::string& host, int port, long timeoutMs, int readTimeoutMs = -1);
+
+  // How sendFile() ended.
+  enum class FileSend {
+    kDone,         // every byte went, or afterBlock stopped the send
+    kUnavailable,  // nothing sent: the bytes cannot go this way, write() them
+    kFileEnded,    // the file ended first; the bytes it had were sent
+  };
+  // Sends count bytes of the file fd from offset after the output queued so
+  // far, straight from the file (see TCPSocket::sendFile for the blocks,
+  // afterBlock and the limits). Checksummed mode needs the bytes here to sum
+  // them, so there it is kUnavailable. A failed send sets badbit, which
+  // raises failure as a failed write does.
+  FileSend sendFile(int fd, int64_t offset, int64_t count, int blockSize,
+                    const TCPSocket::BlockSent& afterBlock);
 
  private:
   void setExceptionMask();

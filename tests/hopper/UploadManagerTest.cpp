@@ -187,6 +187,23 @@ TEST_F(UploadManagerTest, TimeLimitEndsWaitsOnAStalledHead) {
   }
 }
 
+// A file that shrinks while it is sent ends the run with a read error, after
+// at least the whole blocks it still had, as when every block was read here.
+TEST_F(UploadManagerTest, FileShrinkingWhileSentEndsTheRun) {
+  FakeDaemon daemon("127.0.0.2");
+  const std::string content = TempDir::pattern(1000000);
+  const std::string path = file("f", content);
+  daemon.setOnMessage([&](int code) {
+    if (code == kFile) std::filesystem::resize_file(path, 100000);
+  });
+  EXPECT_EQ(thrownMessage<std::runtime_error>([&] { manager({&daemon})->upload(path, "/d/f"); }),
+            "Error reading file: " + path);
+  ASSERT_TRUE(daemon.waitForClosedConnections(1, 5000));
+  const std::string data = daemon.connection(0).data;
+  EXPECT_GE(data.size(), 3u * UploadManager::kBlockSize);
+  EXPECT_TRUE(data == content.substr(0, data.size()));
+}
+
 TEST_F(UploadManagerTest, VerboseDotsPerMillionBytes) {
   FakeDaemon daemon("127.0.0.2");
   EXPECT_TRUE(manager({&daemon}, true)->upload(file("f", TempDir::pattern(2500000)), "/d/f"));

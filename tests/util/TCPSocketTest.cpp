@@ -1,6 +1,7 @@
 #include "util/TCPSocket.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <atomic>
 #include <cerrno>
@@ -8,8 +9,10 @@
 #include <thread>
 
 #include "support/FakeDaemon.h"
+#include "support/TempDir.h"
 #include "support/Thrown.h"
 #include "util/StringUtilities.h"
+#include "util/System.h"
 
 TEST(TCPSocketTest, ListenAcceptConnectAndTalk) {
   TCPSocket listener;
@@ -185,4 +188,49 @@ TEST(TCPSocketTest, ConnectHonoursCancelAndDeadline) {
   s.setDeadline(Ticks());
   s.connect("127.0.0.1", port, 2000);
   EXPECT_TRUE(s.isConnected());
+}
+
+// Each block arrives whole and in order from the offset, though the peer
+// reads late and sendfile comes back short; the file's position stays. Once
+// the peer stops reading, the deadline ends the send.
+TEST(TCPSocketTest, SendFileContinuesShortTransfersUntilItsDeadline) {
+  TempDir dir;
+  const std::string content = TempDir::pattern(1 << 20);
+  TempDir::write(dir.file("f"), content);
+  System::FileDescriptor file = System::openForRead(dir.file("f"));
+  // A small send buffer: more than 64 KiB never fits at once, and a blocking
+  // send of that much would wait inside sendfile.
+  int fds[2];
+  const int small = 4096;
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+  ASSERT_EQ(setsockopt(fds[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
+  TCPSocket client(fds[0]), server(fds[1]);
+  Watchdog watchdog(client, 20000);
+  client.setWriteTimeout(5000);
+  const size_t count = content.size() - 2000;
+  std::string received;
+  std::thread reader([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    std::vector<char> buffer(4096);
+    for (int n; received.size() < count && (n = server.read(buffer.data(), 4096)) > 0;) {
+      received.append(buffer.data(), size_t(n));
+    }
+  });
+  std::vector<int> blocks;
+  EXPECT_TRUE(client.sendFile(file.get(), 1000, count, 100000, [&](int n) {
+    blocks.push_back(n);
+    return true;
+  }));
+  reader.join();
+  EXPECT_TRUE(received == content.substr(1000, count));
+  std::vector<int> expected(count / 100000, 100000);
+  expected.push_back(int(count % 100000));
+  EXPECT_EQ(blocks, expected);
+  EXPECT_EQ(System::seek(file.get(), 0, SEEK_CUR), 0);
+
+  const Ticks start = Ticks::currentTime();
+  client.setDeadline(start + Ticks(300000000));
+  EXPECT_FALSE(client.sendFile(file.get(), 0, count, 1 << 20, nullptr));
+  EXPECT_EQ(client.getLastError(), ETIMEDOUT);
+  EXPECT_LT((Ticks::currentTime() - start).seconds(), 5.0);  // not the watchdog's shutdown
 }

@@ -1,12 +1,15 @@
 #include "util/TCPStream.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
 
 #include <cerrno>
 
 #include "support/FakeDaemon.h"
 #include "support/TempDir.h"
 #include "util/CRC.h"
+#include "util/System.h"
 
 namespace {
 
@@ -80,4 +83,35 @@ TEST(TCPStreamTest, TimedOutReadRaisesAndSettingsSurviveReconnect) {
     EXPECT_EQ(stream.socket().getLastError(), ETIMEDOUT);
     EXPECT_EQ(stalls, round);
   }
+}
+
+// File bytes follow the items queued before them. A checksummed stream or
+// a pipe cannot send from a file; a lost connection raises like a write,
+// without a SIGPIPE reaching the process.
+TEST(TCPStreamTest, SendFileAfterQueuedItems) {
+  StreamPair p;
+  TempDir dir;
+  TempDir::write(dir.file("f"), "filebytes");
+  System::FileDescriptor file = System::openForRead(dir.file("f"));
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  System::FileDescriptor pipeIn(fds[0]), pipeOut(fds[1]);
+  ASSERT_TRUE(System::writeAll(pipeOut.get(), "abc", 3));
+  const auto send = [&](int fd, int64_t offset, int64_t count) {
+    return p.client->sendFile(fd, offset, count, 32768, nullptr);
+  };
+  p.client->write("ab", 2);
+  EXPECT_EQ(send(file.get(), 4, 5), TCPStream::FileSend::kDone);
+  EXPECT_EQ(send(pipeIn.get(), 0, 3), TCPStream::FileSend::kUnavailable);
+  EXPECT_EQ(send(file.get(), 0, 10), TCPStream::FileSend::kFileEnded);
+  EXPECT_EQ(readN(*p.server, 16), "abbytesfilebytes");
+  p.client->setCRCMode([] {});
+  EXPECT_EQ(send(file.get(), 0, 9), TCPStream::FileSend::kUnavailable);
+  p.client->setCRCMode(nullptr);
+  p.client->socket().shutdown();
+  EXPECT_THROW(send(file.get(), 0, 9), std::ios_base::failure);
+  sigset_t pending, mask;
+  ASSERT_EQ(sigpending(&pending), 0);
+  ASSERT_EQ(pthread_sigmask(SIG_BLOCK, nullptr, &mask), 0);
+  EXPECT_FALSE(sigismember(&pending, SIGPIPE) || sigismember(&mask, SIGPIPE));
 }
