@@ -119,11 +119,14 @@ TEST(TCPSocketTest, WriteTimeoutCountsOnlyTimeWithoutProgress) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
   });
-  slow.client.setWriteTimeout(500);
-  const std::string data(10 << 20, 'y');
+  // The reader takes at most 32 KiB per 10 ms, so 20 MiB (less what the
+  // socket buffers hold at the end) take over 4 s; the time-out leaves a
+  // loaded machine room to schedule the reader.
+  slow.client.setWriteTimeout(1500);
+  const std::string data(20 << 20, 'y');
   const Ticks start = Ticks::currentTime();
   EXPECT_EQ(slow.client.write(data.data(), int(data.size())), int(data.size()));
-  EXPECT_GT((Ticks::currentTime() - start).seconds(), 1.0);  // at least twice the time-out
+  EXPECT_GT((Ticks::currentTime() - start).seconds(), 3.0);  // twice the time-out
   slow.client.close();
   reader.join();
 }
