@@ -256,6 +256,7 @@ std::vector<Session::Entry*> Session::prepareForCommit(std::string& errors) {
     StagedFile& file = *entry->mFile;
     std::string error;
     System::FileDescriptor fd;
+    FileAttributes attrs;
     if (!entry->mFailed && file.size() != entry->mInfo.mSize) {
       error = file.remoteTarget() + ": incomplete, " + std::to_string(file.size()) + " of " +
               std::to_string(entry->mInfo.mSize) + " bytes received";
@@ -265,10 +266,11 @@ std::vector<Session::Entry*> Session::prepareForCommit(std::string& errors) {
         parent = mTargets.openParent(file.remoteTarget(), error);
         if (!parent) error = file.remoteTarget() + ": " + error;
       }
-      if (parent) fd = file.prepare(parent.get(), entry->mInfo.mSize, entry->mInfo.mMode, error);
+      if (parent) {
+        fd = file.prepare(parent.get(), entry->mInfo.mSize, entry->mInfo.mMode, error, &attrs);
+      }
     }
-    FileAttributes attrs;
-    if (!fd || !attrs.statFd(fd.get())) {
+    if (!fd) {
       Protocol::appendLines(errors, error.empty() ? "" : line(error));
       file.discard();
       continue;

@@ -137,10 +137,11 @@ System::FileDescriptor StagedFile::prepare(int64_t expectedSize, int mode, std::
 }
 
 System::FileDescriptor StagedFile::prepare(int parentFd, int64_t expectedSize, int mode,
-                                           std::string& error) {
+                                           std::string& error, FileAttributes* found) {
   close();
   System::FileDescriptor fd = System::openFileAt(parentFd, mName, false);
-  FileAttributes attrs;
+  FileAttributes local;
+  FileAttributes& attrs = found ? *found : local;
   if (!fd || !attrs.statFd(fd.get())) {
     error = mRemoteTarget + ": the staged copy is lost: " + System::getErrorMessageStr();
     return System::FileDescriptor();

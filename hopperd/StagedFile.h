@@ -70,9 +70,10 @@ class StagedFile {
   // nothing is ever re-created.
   System::FileDescriptor prepare(int64_t expectedSize, int mode, std::string& error);
   // The same in parentFd, the target's directory reached by a fresh walk
-  // (TargetPath::openParent) that the caller made for several files.
+  // (TargetPath::openParent) that the caller made for several files; the
+  // staged file's attributes go to found when it is not null.
   System::FileDescriptor prepare(int parentFd, int64_t expectedSize, int mode,
-                                 std::string& error);
+                                 std::string& error, FileAttributes* found = nullptr);
   // Second step, once the bytes are durable: renames the staged file onto
   // its target in parentFd, the target's directory reached by a fresh walk
   // (TargetPath::openParent). False with the error text on failure.
