@@ -83,6 +83,14 @@ class ChainTest : public ::testing::Test {
     }
     return result.get();
   }
+  // Starts the upload of 3,000 files of 4 KiB in 30 folders to /data/many.
+  void startManySmallFiles() {
+    for (unsigned i = 0; i < 3000; ++i) {
+      TempDir::write(dir.file("src/many/d" + std::to_string(i % 30) + "/f" + std::to_string(i)),
+                     4096, i, fs::perms(0644));
+    }
+    startUpload({{dir.file("src/many"), "/data"}});
+  }
   bool upload(const std::string& from, const std::string& to, bool stopAgents = false) {
     startUpload({{from, to}}, stopAgents);
     return finish();
@@ -260,11 +268,7 @@ TEST_F(ChainTest, HostileLengthClosesOnlyThatConnectionAndTermAbortsTheSession) 
 // copies to the host after it, which says which file it took last.
 TEST_F(ChainTest, FilesInFlightPastAKilledMiddleHostAreSentAgain) {
   start(4);
-  for (unsigned i = 0; i < 3000; ++i) {
-    TempDir::write(dir.file("src/many/d" + std::to_string(i % 30) + "/f" + std::to_string(i)),
-                   4096, i, fs::perms(0644));
-  }
-  startUpload({{dir.file("src/many"), "/data"}});
+  startManySmallFiles();
   ASSERT_TRUE(waitFor([&] { return filesUnder(root(3), true).size() >= 300; })) << err.str();
   daemons[1]->signal(SIGSTOP);
   // The head goes on until the stopped host's buffers are full.
@@ -308,11 +312,7 @@ TEST_F(ChainTest, AFileAMiddleHostRefusesReachesTheOthersAndFailsTheRun) {
 // client resumes there with the file it was sending.
 TEST_F(ChainTest, HeadKilledInATreeLeavesNoFileMissingOnTheOthers) {
   start(3);
-  for (unsigned i = 0; i < 3000; ++i) {
-    TempDir::write(dir.file("src/many/d" + std::to_string(i % 30) + "/f" + std::to_string(i)),
-                   4096, i, fs::perms(0644));
-  }
-  startUpload({{dir.file("src/many"), "/data"}});
+  startManySmallFiles();
   ASSERT_TRUE(waitFor([&] { return filesUnder(root(2), true).size() >= 1000; })) << err.str();
   daemons[0]->signal(SIGKILL);
   EXPECT_EQ(daemons[0]->waitExit(10000), 128 + SIGKILL);
