@@ -134,6 +134,10 @@ Downstream::Outcome Downstream::tryLink(size_t index, BeginResult& result) {
       return MISMATCH;
     }
     mStream->socket().setKeepAlive(true);
+    // The host may take long to answer the begin: it links its own next
+    // host first and brings it up to date. It is waited for while it still
+    // answers a fresh handshake.
+    mStream->socket().setStallHandler([this] { return hostStillAnswers(); });
     Protocol::writeRelayIdentity(*mStream, mIdentity);
     Protocol::writeBegin(*mStream, remainingFrom(index), mStopAgents);
     mStream->flush();
@@ -156,7 +160,6 @@ Downstream::Outcome Downstream::tryLink(size_t index, BeginResult& result) {
     mStream->flush();
     const int64_t lastSeq = Protocol::readPosition(*mStream, kMaxFileSize);
     const int64_t lastBytes = Protocol::readPosition(*mStream, kMaxFileSize);
-    mStream->socket().setStallHandler([this] { return hostStillAnswers(); });
     startReader();
     if (!mAborting) resync(lastSeq, lastBytes);
   } catch (const std::exception& e) {
