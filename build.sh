@@ -67,7 +67,7 @@ case "$cmd" in
     seconds=${2:-60}
     packages+=(clang)  # libFuzzer and the sanitizers' runtimes come with it
     install_packages
-    targets=(xml hosts options massage replies)
+    targets=(xml hosts options massage replies connection agents)
     # The whole build is instrumented; each target links libFuzzer's main.
     cmake -S "$top" -B build-fuzz -G Ninja -DCMAKE_CXX_COMPILER=clang++ \
       -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHIVE_FUZZ=ON \

@@ -41,7 +41,10 @@ bool populateNodeMap(const std::string& cm, System::OSID osid,
   XMLTree* agentList = quarry->getSubTree("AgentList");
   if (agentList == nullptr) return true;
   for (XMLTree* agent : agentList->getSubTrees("Agent")) {
-    hosts[agent->getSingleSubTreeValue("Host")] = agent->getSingleSubTreeValue("IPAddress");
+    // An agent without a host name would become an upload host "" (the
+    // first of the sorted set, so the head).
+    const std::string& name = agent->getSingleSubTreeValue("Host");
+    if (!name.empty()) hosts[name] = agent->getSingleSubTreeValue("IPAddress");
   }
   return true;
 }
