@@ -273,7 +273,8 @@ bool Downstream::reroute() {
   return ok;
 }
 
-bool Downstream::onLink(const std::function<void()>& step) {
+template <typename Step>
+bool Downstream::onLink(const Step& step) {
   if (!ensureLinked()) return false;
   for (size_t attempt = 0; attempt <= mCandidates.size(); ++attempt) {
     try {
@@ -290,8 +291,9 @@ bool Downstream::onLink(const std::function<void()>& step) {
 
 // ---- passing files on -----------------------------------------------------
 
-void Downstream::sendHeader(int64_t end) {
-  FilePart part = mPart;
+void Downstream::sendHeader(const FileInfo& info, int64_t end) {
+  FilePart part;
+  part.mInfo = info;
   part.mSeq = mCurrentSeq;
   part.mStart = mPosition;
   part.mCount = end - mPosition;
@@ -315,29 +317,30 @@ void Downstream::dropFile(const std::string& why) {
   mHeaderSent = false;
 }
 
-void Downstream::sendFromCopy(const StagedFile* copy, const std::string& path, int64_t from,
-                              int64_t to) {
+bool Downstream::sendFromCopy(const StagedFile* copy, const std::string& path, int64_t from,
+                              int64_t to, std::string& error) {
   std::vector<char> buffer(kGapBlock);
   for (int64_t at = from; at < to;) {
     const size_t want = static_cast<size_t>(std::min<int64_t>(kGapBlock, to - at));
     const ssize_t got = copy->readAt(buffer.data(), want, at);
     if (got <= 0) {
-      throw std::runtime_error("Unable to read back the staged copy of " + path + ": " +
-                               (got < 0 ? System::getErrorMessageStr() : "it is shorter"));
+      error = "Unable to read back the staged copy of " + path + ": " +
+              (got < 0 ? System::getErrorMessageStr() : "it is shorter");
+      return false;
     }
     sendFileBytes(buffer.data(), static_cast<size_t>(got));
     at += got;
   }
+  return true;
 }
 
 void Downstream::resend(const Sent& file, int64_t from, int64_t to) {
-  const FilePart saved = mPart;
-  mPart.mInfo = file.mInfo;
   mCurrentSeq = file.mSeq;
   mPosition = from;
-  sendHeader(to);
-  mPart = saved;
-  sendFromCopy(file.mCopy, file.mInfo.mRemotePath, from, to);
+  sendHeader(file.mInfo, to);
+  std::string error;
+  // The header promised the bytes: without them the link is of no use.
+  if (!sendFromCopy(file.mCopy, file.mInfo.mRemotePath, from, to, error)) throw LinkLost(error);
   mPosition = to;
 }
 
@@ -379,7 +382,7 @@ void Downstream::openLivePart() {
   const int64_t end = mPart.end();
   if (mAnnounced && mPosition >= end) return;  // the link holds the part already
   const int64_t gapEnd = std::max(mPosition, mPart.mStart);
-  sendHeader(end);
+  sendHeader(mPart.mInfo, end);
   mHeaderSent = true;
   if (mPosition < gapEnd) {
     // The link misses bytes before the part: they come from the staged copy.
@@ -389,7 +392,11 @@ void Downstream::openLivePart() {
                ": the bytes are not staged here");
       return;
     }
-    sendFromCopy(mCopy, mPart.mInfo.mRemotePath, mPosition, gapEnd);
+    std::string error;
+    if (!sendFromCopy(mCopy, mPart.mInfo.mRemotePath, mPosition, gapEnd, error)) {
+      dropFile(error);
+      return;
+    }
     mPosition = gapEnd;
   }
 }
@@ -462,11 +469,15 @@ std::string Downstream::finishPart() {
     onLink([this] {
       if (!mPassing) return;
       if (!mHeaderSent) openLivePart();
+      std::string error;
       if (mPassing && mHeaderSent && mPosition < mPart.end()) {
-        sendFromCopy(mCopy, mPart.mInfo.mRemotePath, mPosition, mPart.end());
+        if (!sendFromCopy(mCopy, mPart.mInfo.mRemotePath, mPosition, mPart.end(), error)) {
+          dropFile(error);  // closes the link, which expected those bytes
+          return;
+        }
         mPosition = mPart.end();
       }
-      mStream->flush();
+      if (linked()) mStream->flush();
     });
   }
   mPartOpen = false;

@@ -117,7 +117,8 @@ class Downstream {
   void loseAll(const BeginResult& failures);
   // Runs step on the link, rerouting and running it again when the link
   // breaks. False when no host is left to run it on.
-  bool onLink(const std::function<void()>& step);
+  template <typename Step>
+  bool onLink(const Step& step);
 
   // The reader thread's loop over what the host sends back.
   void readReplies(TCPStream& replies);
@@ -134,12 +135,15 @@ class Downstream {
   // took last is sent again from the staged copies.
   void resync(int64_t lastSeq, int64_t lastBytes);
   void resend(const Sent& file, int64_t from, int64_t to);
-  // Sends the part header for [mPosition, end) of the current file.
-  void sendHeader(int64_t end);
+  // Sends the part header for [mPosition, end) of the file mCurrentSeq.
+  void sendHeader(const FileInfo& info, int64_t end);
   // Sends the current part's header and what the link misses before it.
   void openLivePart();
   void sendFileBytes(const char* data, size_t n);
-  void sendFromCopy(const StagedFile* copy, const std::string& path, int64_t from, int64_t to);
+  // Sends [from, to) of a staged copy; false with the error text when the
+  // copy cannot be read back.
+  bool sendFromCopy(const StagedFile* copy, const std::string& path, int64_t from, int64_t to,
+                    std::string& error);
   void dropFile(const std::string& why);
   // A part whose bytes are still owed on the link (its upstream vanished in
   // the middle of it) leaves the link fit for nothing else: it is closed.
