@@ -4,11 +4,13 @@
 #include <iomanip>
 #include <sstream>
 
+#include "util/CRC.h"
 #include "util/Logger.h"
 
 namespace {
 
 const size_t kDataBlock = 65536;
+static_assert(kDataBlock >= size_t(kMaxRelayBlock), "a relayed block fits the buffer");
 
 std::string hex(int code) {
   std::ostringstream text;
@@ -116,6 +118,10 @@ bool Connection::handle(int code) {
       if (!mIdentity) return refuseRelayCode(code);
       handleLastFile();
       return true;
+    case H2H_FILE_CHECK:
+      if (!mIdentity) return refuseRelayCode(code);
+      handleCheck();
+      return true;
     case C2H_COMMIT_UPLOAD:
       handleCommit();
       return true;
@@ -202,7 +208,7 @@ bool Connection::refuseRelayCode(int code) {
 void Connection::handlePart() {
   const FilePart part = Protocol::readFilePart(mStream);
   if (!mSession) {
-    receiveData(part.mCount);
+    receiveBlocks(part.mCount);
     mStream << int(RELAY_FILE_ERRORS) << long(part.mSeq)
             << std::string("Upload session lost before " + part.mInfo.mRemotePath);
     sendReply();
@@ -212,7 +218,7 @@ void Connection::handlePart() {
   {
     Mutex::Lock work(mSession->workMutex());
     mSession->openPart(part);
-    receiveData(part.mCount);
+    receiveBlocks(part.mCount);
     errors = mSession->closeFile();
   }
   // Only errors go back, so that the upstream host is never held up and its
@@ -231,6 +237,46 @@ void Connection::handleLastFile() {
   }
   mStream << long(seq) << long(bytes);
   sendReply();
+}
+
+void Connection::handleCheck() {
+  const FileCheck check = Protocol::readFileCheck(mStream);
+  if (!mSession) return;  // the part before it was answered already
+  std::string errors;
+  {
+    Mutex::Lock work(mSession->workMutex());
+    errors = mSession->checkFile(check);
+  }
+  if (errors.empty()) return;
+  mStream << int(RELAY_FILE_ERRORS) << long(check.mSeq) << errors;
+  sendReply();
+}
+
+void Connection::receiveBlocks(int64_t count) {
+  while (count > 0) {
+    uint32_t expected = 0;
+    const int length = Protocol::readBlockHeader(mStream, count, expected);
+    readBlock(mBuffer.data(), static_cast<size_t>(length));
+    const uint32_t actual = CRC::crc32c(reinterpret_cast<const unsigned char*>(mBuffer.data()),
+                                        static_cast<unsigned long>(length), 0);
+    if (actual != expected) {
+      if (mSession) mSession->dropCurrentFile();  // the caller holds its work mutex
+      // The link corrupts data: the upstream host routes around this one.
+      throw System::WireLimitError("a data block failed its checksum");
+    }
+    if (mSession) mSession->fileData(mBuffer.data(), static_cast<size_t>(length));
+    count -= length;
+  }
+}
+
+void Connection::readBlock(char* buffer, size_t n) {
+  const Ticks waitedBefore = mSocket->getReadTicks();
+  for (size_t have = 0; have < n;) {
+    have += readSome(buffer + have, n - have);
+    if (have < n && (mSocket->getReadTicks() - waitedBefore).nanos() / 1000000 > mIoTimeoutMs) {
+      throw std::ios_base::failure("file data slower than one block per time-out");
+    }
+  }
 }
 
 void Connection::receiveData(int64_t count) {

@@ -48,11 +48,19 @@ class Connection : public SessionOwner, public std::enable_shared_from_this<Conn
   // Logs a relay message from a peer that is no daemon; false.
   bool refuseRelayCode(int code);
   void handleLastFile();
+  void handleCheck();
   void handleCommit();
   void handleAbort();
   // Passes count bytes of file data to the session, or drops them without
   // one.
   void receiveData(int64_t count);
+  // The same for a relayed part, whose bytes come in checked blocks: each
+  // block is checked whole before any of it is used. A block that fails
+  // drops what the session staged of the part and ends the connection.
+  void receiveBlocks(int64_t count);
+  // Reads exactly n bytes; like receiveData, they must arrive within the
+  // time-out spent waiting for them.
+  void readBlock(char* buffer, size_t n);
   // The origin client of whatever this connection carries.
   const std::string& clientAddress() const;
   // Reads at least one and at most max bytes; throws when the peer is gone.

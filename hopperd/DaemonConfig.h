@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "hopperd/AllowList.h"
+#include "hopperd/FileSystem.h"
 
 struct DaemonConfig {
   int mPort = 2411;
@@ -27,6 +28,9 @@ struct DaemonConfig {
   // closed at once.
   int mMaxConnections = 64;
   int mMaxConnectionsPerPeer = 8;
+  // Where staging and commit read, write, flush and rename (tests put a
+  // faulty one here); not owned.
+  FileSystem* mFileSystem = FileSystem::posix();
 };
 
 #endif  // HC_HOPPERD_DAEMONCONFIG_H

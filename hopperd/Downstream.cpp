@@ -304,7 +304,11 @@ void Downstream::sendHeader(const FileInfo& info, int64_t end) {
 void Downstream::sendFileBytes(const char* data, size_t n) {
   // Small blocks join the part header in the stream's buffer; large ones go
   // straight from the caller's buffer to the socket.
-  mStream->write(data, static_cast<std::streamsize>(n));
+  for (size_t done = 0; done < n;) {
+    const size_t block = std::min(n - done, static_cast<size_t>(kMaxRelayBlock));
+    Protocol::writeBlock(*mStream, data + done, block);
+    done += block;
+  }
   progressed();
   mBytesForwarded += static_cast<int64_t>(n);
 }
@@ -342,6 +346,11 @@ void Downstream::resend(const Sent& file, int64_t from, int64_t to) {
   // The header promised the bytes: without them the link is of no use.
   if (!sendFromCopy(file.mCopy, file.mInfo.mRemotePath, from, to, error)) throw LinkLost(error);
   mPosition = to;
+  if (file.mChecked && to == file.mInfo.mSize) Protocol::writeFileCheck(*mStream, file.mCheck);
+}
+
+bool Downstream::holdsWhole(int64_t seq, int64_t size) const {
+  return linked() && mCurrentSeq == seq && mAnnounced && mPosition >= size;
 }
 
 void Downstream::resync(int64_t lastSeq, int64_t lastBytes) {
@@ -362,7 +371,13 @@ void Downstream::resync(int64_t lastSeq, int64_t lastBytes) {
     mCurrentSeq = file.mSeq;
     mAnnounced = known;
     mPosition = from;
-    if ((current || known) && from >= to) continue;
+    if ((current || known) && from >= to) {
+      // It may have taken every byte but not the check.
+      if (known && file.mChecked && from == file.mInfo.mSize) {
+        Protocol::writeFileCheck(*mStream, file.mCheck);
+      }
+      continue;
+    }
     if (!file.mCopy || held < to) {
       // It cannot be passed on from here; the new host never hears of it.
       Mutex::Lock lock(mMutex);
@@ -417,7 +432,7 @@ void Downstream::startPart(const FileInfo& info, int64_t seq, const StagedFile* 
     if (latest != mLatestFor.end()) mSent[latest->second].mSuperseded = true;
   }
   if (mSent.empty() || mSent.back().mSeq != seq) {
-    mSent.push_back(Sent{info, seq, copy, false});
+    mSent.push_back(Sent{info, seq, copy, false, false, FileCheck()});
     if (copy) mLatestFor[copy] = mSent.size() - 1;
   } else {
     mSent.back().mCopy = copy;  // the same file continued (a resumed part)
@@ -463,10 +478,10 @@ void Downstream::forward(const char* data, size_t n, int64_t offset) {
   if (!ok) mPassing = false;
 }
 
-std::string Downstream::finishPart() {
+std::string Downstream::finishPart(bool checkFollows) {
   if (mPartOpen && mPassing && linked()) {
     // Whatever the link still misses of the part comes from the staged copy.
-    onLink([this] {
+    onLink([this, checkFollows] {
       if (!mPassing) return;
       if (!mHeaderSent) openLivePart();
       std::string error;
@@ -477,7 +492,7 @@ std::string Downstream::finishPart() {
         }
         mPosition = mPart.end();
       }
-      if (linked()) mStream->flush();
+      if (linked() && !checkFollows) mStream->flush();
     });
   }
   mPartOpen = false;
@@ -486,6 +501,21 @@ std::string Downstream::finishPart() {
   std::string lines;
   lines.swap(mFileErrors);
   return lines;
+}
+
+void Downstream::passCheck(const FileCheck& check) {
+  for (auto it = mSent.rbegin(); it != mSent.rend(); ++it) {
+    if (it->mSeq != check.mSeq) continue;
+    it->mChecked = true;
+    it->mCheck = check;
+    break;
+  }
+  if (!linked()) return;
+  // A reroute on the way re-sends the file with its check from mSent.
+  onLink([&] {
+    if (holdsWhole(check.mSeq, check.mSize)) Protocol::writeFileCheck(*mStream, check);
+    mStream->flush();
+  });
 }
 
 void Downstream::forgetFiles() {

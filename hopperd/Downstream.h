@@ -68,8 +68,14 @@ class Downstream {
   // does not hold yet is sent.
   void forward(const char* data, size_t n, int64_t offset);
   // Ends the part: the lines of this host about a file it could not pass on
-  // ("" when it went out). Never waits for the link's reply.
-  std::string finishPart();
+  // ("" when it went out). Never waits for the link's reply. When
+  // checkFollows, the part's last bytes wait in the stream for the file's
+  // check (passCheck), so that both leave in one write.
+  std::string finishPart(bool checkFollows = false);
+  // Passes on the checksum of a whole file, to the host after this one when
+  // the link holds all of the file; a host linked later gets it with the
+  // file.
+  void passCheck(const FileCheck& check);
   // Forgets the files passed on (their staged copies are gone).
   void forgetFiles();
 
@@ -96,6 +102,8 @@ class Downstream {
     int64_t mSeq = 0;
     const StagedFile* mCopy = nullptr;
     bool mSuperseded = false;  // its target was announced again later
+    bool mChecked = false;     // mCheck holds the file's checksum
+    FileCheck mCheck;
   };
   class LinkLost;
 
@@ -139,7 +147,10 @@ class Downstream {
   void sendHeader(const FileInfo& info, int64_t end);
   // Sends the current part's header and what the link misses before it.
   void openLivePart();
+  // Sends data as checked blocks.
   void sendFileBytes(const char* data, size_t n);
+  // The link holds every byte of the file seq of size bytes.
+  bool holdsWhole(int64_t seq, int64_t size) const;
   // Sends [from, to) of a staged copy; false with the error text when the
   // copy cannot be read back.
   bool sendFromCopy(const StagedFile* copy, const std::string& path, int64_t from, int64_t to,

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 
+#include "util/CRC.h"
 #include "util/Ticks.h"
 
 namespace {
@@ -100,6 +101,29 @@ FilePart readFilePart(TCPStream& in) {
   return part;
 }
 
+int readBlockHeader(TCPStream& in, int64_t remaining, uint32_t& crc) {
+  int length = 0;
+  int sum = 0;
+  in >> length >> sum;
+  if (length < 1 || length > kMaxRelayBlock || length > remaining) {
+    throw System::WireLimitError("data block of " + std::to_string(length) + " bytes with " +
+                                 std::to_string(remaining) + " to come");
+  }
+  crc = static_cast<uint32_t>(sum);
+  return length;
+}
+
+FileCheck readFileCheck(TCPStream& in) {
+  FileCheck check;
+  check.mSeq = readPosition(in, kMaxFileSize);
+  check.mSize = readPosition(in, kMaxFileSize);
+  int sum = 0;
+  in >> sum;
+  check.mCRC = static_cast<uint32_t>(sum);
+  if (check.mSeq == 0) throw System::WireLimitError("file check without a sequence number");
+  return check;
+}
+
 void readBegin(TCPStream& in, std::vector<std::string>& hosts, bool& stopAgents) {
   std::set<std::string> set;
   System::readStringSetBounded(in, set);
@@ -143,6 +167,16 @@ void writeFilePart(TCPStream& out, const FilePart& part) {
   const FileInfo& info = part.mInfo;
   out << H2H_FILE_PART << long(info.mSize) << info.mBaseName << info.mRemotePath << info.mMode
       << long(part.mSeq) << long(part.mStart) << long(part.mCount);
+}
+
+void writeBlock(TCPStream& out, const char* data, size_t n) {
+  const uint32_t crc = CRC::crc32c(reinterpret_cast<const unsigned char*>(data), n, 0);
+  out << static_cast<int>(n) << static_cast<int>(crc);
+  out.write(data, static_cast<std::streamsize>(n));
+}
+
+void writeFileCheck(TCPStream& out, const FileCheck& check) {
+  out << H2H_FILE_CHECK << long(check.mSeq) << long(check.mSize) << static_cast<int>(check.mCRC);
 }
 
 void writeBegin(TCPStream& out, const std::vector<std::string>& hosts, bool stopAgents) {

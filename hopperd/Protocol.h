@@ -18,15 +18,26 @@
 const int H2H_RELAY_IDENTITY = 0x55333040;
 
 // Daemon to daemon: one part of a file, [start, start + count) of the
-// file's bytes, which follow at once. seq numbers the files of an upload in
-// the order the head took them; a part continues the file of its seq. No
-// reply unless the receiver has errors for the file (RELAY_FILE_ERRORS), so
-// that nothing waits for the hosts further on.
+// file's bytes, which follow at once as checked blocks. seq numbers the files
+// of an upload in the order the head took them; a part continues the file of
+// its seq. No reply unless the receiver has errors for the file
+// (RELAY_FILE_ERRORS), so that nothing waits for the hosts further on.
 const int H2H_FILE_PART = 0x55333041;
 // Daemon to daemon, on a new relay link: which file of the upload the host
 // took last. Replies int64 seq (0 for none) and int64 the bytes of it the
 // host holds (its size when it wants no more of it).
 const int H2H_LAST_FILE = 0x55333042;
+// Daemon to daemon, after the last byte of a file: int64 seq, int64 size and
+// int32 the CRC-32C of the whole file as the head received it from the
+// client. Every host compares its staged copy with it. No reply unless the
+// receiver has errors for the file.
+const int H2H_FILE_CHECK = 0x55333043;
+
+// A relayed file's bytes travel in blocks of 1 to kMaxRelayBlock bytes, each
+// after an int32 length and an int32 CRC-32C of the block. A receiver acts on
+// no byte of a block before it has checked the whole block: a link that
+// corrupts data is dropped before the corruption reaches a disk or a host.
+const int kMaxRelayBlock = 65536;
 
 // What an upstream daemon hears back on its relay link once the link is up:
 // an int32 tag and its items. Commit and abort from a daemon are answered
@@ -65,6 +76,13 @@ struct FilePart {
   int64_t end() const { return mStart + mCount; }
 };
 
+// The checksum of a whole file (H2H_FILE_CHECK).
+struct FileCheck {
+  int64_t mSeq = 0;
+  int64_t mSize = 0;
+  uint32_t mCRC = 0;
+};
+
 // The identity an upstream daemon passes down with the relay code.
 struct RelayIdentity {
   std::string mClientAddress;
@@ -99,6 +117,11 @@ std::string readString(TCPStream& in);
 FileInfo readFileInfo(TCPStream& in);
 // The part items after the code; the range must lie within the file.
 FilePart readFilePart(TCPStream& in);
+// The header of the next data block of a part with remaining bytes still
+// to come: its length (1 to min(remaining, kMaxRelayBlock)) and checksum.
+int readBlockHeader(TCPStream& in, int64_t remaining, uint32_t& crc);
+// The check items after the code.
+FileCheck readFileCheck(TCPStream& in);
 // The begin items after the code: host set and the stop-agents flag.
 void readBegin(TCPStream& in, std::vector<std::string>& hosts, bool& stopAgents);
 // The upload identifier must be 1 to 64 letters and digits.
@@ -115,6 +138,9 @@ std::string readReply(TCPStream& in, const std::string& host);
 // Writers (not flushed).
 void writeFileInfo(TCPStream& out, const FileInfo& info);
 void writeFilePart(TCPStream& out, const FilePart& part);
+// One data block of a part, with its header: n is at most kMaxRelayBlock.
+void writeBlock(TCPStream& out, const char* data, size_t n);
+void writeFileCheck(TCPStream& out, const FileCheck& check);
 void writeBegin(TCPStream& out, const std::vector<std::string>& hosts, bool stopAgents);
 void writeRelayIdentity(TCPStream& out, const RelayIdentity& identity);
 // Status 3 (or 0 when nothing failed) and, for 3, the lists and the text.

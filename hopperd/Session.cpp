@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 
+#include "util/CRC.h"
 #include "util/Logger.h"
 #include "util/StringUtilities.h"
 
@@ -67,6 +68,14 @@ Session::Entry* Session::entryFor(const std::string& target) const {
   return known == mByTarget.end() ? nullptr : known->second;
 }
 
+Session::Entry* Session::entryOfSeq(int64_t seq) const {
+  if (mLast && mLast->mSeq == seq) return mLast;
+  for (auto it = mEntries.rbegin(); it != mEntries.rend(); ++it) {
+    if ((*it)->mSeq == seq) return it->get();
+  }
+  return nullptr;
+}
+
 Session::Entry* Session::stageFresh(const FileInfo& info, int64_t seq,
                                     TargetPath::Resolution& where, std::string& refusal) {
   Entry* entry = entryFor(where.mTarget);
@@ -75,7 +84,7 @@ Session::Entry* Session::stageFresh(const FileInfo& info, int64_t seq,
   } else {
     mEntries.push_back(std::make_unique<Entry>());
     entry = mEntries.back().get();
-    entry->mFile = std::make_unique<StagedFile>(mTargets, where.mTarget, mId);
+    entry->mFile = std::make_unique<StagedFile>(mTargets, where.mTarget, mId, mConfig.mFileSystem);
     mByTarget[where.mTarget] = entry;
   }
   entry->mInfo = info;
@@ -107,6 +116,7 @@ void Session::startFile(Entry* entry, int64_t offset) {
 }
 
 bool Session::openFile(const FileInfo& info, int64_t& start, std::string& refusal) {
+  closeAwaitingCheck();
   mCurrent = nullptr;
   mFileErrors.clear();
   TargetPath::Resolution where;
@@ -140,10 +150,19 @@ bool Session::openFile(const FileInfo& info, int64_t& start, std::string& refusa
   mDownstream.startPart(info, seq, entry ? entry->mFile.get() : nullptr, start,
                         info.mSize - start);
   startFile(entry, start);
+  mFromClient = true;
+  mCurrentSeq = seq;
+  mCurrentSize = info.mSize;
+  // The head's checksum covers the whole file: a resumed one's bytes staged
+  // before the break are read back.
+  std::string ignored;
+  mSum = 0;
+  mSumming = start == 0 || entry->mFile->checksum(mSum, ignored);
   return true;
 }
 
 void Session::openPart(const FilePart& part) {
+  closeAwaitingCheck();
   mCurrent = nullptr;
   mFileErrors.clear();
   mLastSeq = std::max(mLastSeq, part.mSeq);
@@ -178,6 +197,9 @@ void Session::openPart(const FilePart& part) {
   mDownstream.startPart(info, part.mSeq, entry ? entry->mFile.get() : nullptr, part.mStart,
                         part.mCount);
   startFile(entry, part.mStart);
+  mCurrentSeq = part.mSeq;
+  mCurrentSize = info.mSize;
+  mPartEndsFile = part.end() == info.mSize;
 }
 
 void Session::lastFile(int64_t& seq, int64_t& bytes) const {
@@ -201,18 +223,69 @@ void Session::fileData(const char* data, size_t n) {
       }
     }
   }
+  if (mSumming) mSum = CRC::crc32c(reinterpret_cast<const unsigned char*>(data), n, mSum);
   mDownstream.forward(data, n, mOffset);
   mOffset += static_cast<int64_t>(n);
   mBytesReceived += static_cast<int64_t>(n);
 }
 
 std::string Session::closeFile() {
-  if (mCurrent) mCurrent->mFile->close();
-  mCurrent = nullptr;
   std::string errors;
   errors.swap(mFileErrors);
-  Protocol::appendLines(errors, mDownstream.finishPart());
+  const bool whole = mFromClient && mSumming && mOffset == mCurrentSize;
+  Protocol::appendLines(errors, mDownstream.finishPart(mFromClient ? whole : mPartEndsFile));
+  if (whole) {
+    const FileCheck check{mCurrentSeq, mCurrentSize, mSum};
+    Protocol::appendLines(errors, verify(mCurrent, check));
+    mDownstream.passCheck(check);
+  }
+  if (mCurrent && !mFromClient && mPartEndsFile && !mCurrent->mFailed) {
+    mAwaitingCheck = mCurrent;  // its descriptor serves the check that follows
+  } else if (mCurrent) {
+    mCurrent->mFile->close();
+  }
+  mCurrent = nullptr;
+  mFromClient = mSumming = mPartEndsFile = false;
   return errors;
+}
+
+std::string Session::checkFile(const FileCheck& check) {
+  std::string errors = verify(entryOfSeq(check.mSeq), check);
+  closeAwaitingCheck();
+  mDownstream.passCheck(check);
+  return errors;
+}
+
+std::string Session::verify(Entry* entry, const FileCheck& check) {
+  // A copy that failed here was reported then; an incomplete one is at commit.
+  if (!entry || entry->mFailed || entry->mSeq != check.mSeq ||
+      entry->mFile->size() != check.mSize) {
+    return "";
+  }
+  uint32_t staged = 0;
+  std::string error;
+  if (entry->mFile->checksum(staged, error) && staged == check.mCRC) return "";
+  if (error.empty()) {
+    error = entry->mFile->remoteTarget() +
+            ": the staged copy differs from the bytes the head received (checksum mismatch)";
+  }
+  HC_LOG_INFO("Session " << mId << ": " << error);
+  entry->mFailed = true;
+  entry->mFile->discard();
+  return line(error);
+}
+
+void Session::closeAwaitingCheck() {
+  if (mAwaitingCheck) mAwaitingCheck->mFile->close();
+  mAwaitingCheck = nullptr;
+}
+
+void Session::dropCurrentFile() {
+  if (mCurrent && !mCurrent->mFailed) {
+    mCurrent->mFailed = true;
+    mCurrent->mFile->discard();
+  }
+  mCurrent = nullptr;
 }
 
 void Session::runCommand(const std::string& command, std::string& errors) {
@@ -235,7 +308,7 @@ std::string Session::commit() {
     Protocol::appendLines(errors, line("Unable to connect or lost connection to " + lost + "."));
   }
   Protocol::appendLines(errors, downstream);
-  mLast = mCurrent = nullptr;
+  mLast = mCurrent = mAwaitingCheck = nullptr;
   mDownstream.forgetFiles();
   mByTarget.clear();
   mEntries.clear();
@@ -279,7 +352,7 @@ std::vector<Session::Entry*> Session::prepareForCommit(std::string& errors) {
     ready.push_back(entry.get());
   }
   for (const auto& fileSystem : fileSystems) {
-    if (System::syncFileSystem(fileSystem.second.get())) continue;
+    if (mConfig.mFileSystem->syncFileSystem(fileSystem.second.get())) continue;
     // Nothing on it is known to be durable: none of its files is renamed.
     const std::string why = System::getErrorMessageStr();
     Protocol::appendLines(errors, line("Error flushing staged files: " + why));
@@ -295,7 +368,7 @@ void Session::moveIntoPlace(const std::vector<Entry*>& ready, std::string& error
   std::string directory;
   System::FileDescriptor parent;
   const auto flushDirectory = [&] {
-    if (parent && !System::syncFile(parent.get())) {
+    if (parent && !mConfig.mFileSystem->syncFile(parent.get())) {
       Protocol::appendLines(errors, line("Error flushing directory " + directory + ": " +
                                          System::getErrorMessageStr()));
     }
@@ -322,7 +395,7 @@ void Session::removeStaged() {
   for (const auto& entry : mEntries) entry->mFile->discard();
   mByTarget.clear();
   mEntries.clear();
-  mLast = mCurrent = nullptr;
+  mLast = mCurrent = mAwaitingCheck = nullptr;
   mTargets.removeDirectories(mCreatedDirs);
   mCreatedDirs.clear();
   mKnownDirs.clear();

@@ -60,7 +60,16 @@ class Session {
   void fileData(const char* data, size_t n);
   // Ends the open file or part; returns this host's error lines for it
   // ("" for success). Errors of the hosts after this one come with commit.
+  // A file the client sent whole is checked here against the checksum of
+  // the bytes received, which then goes down the chain.
   std::string closeFile();
+  // The head's checksum of a file relayed here: compares this host's staged
+  // copy with it (a copy that differs is removed and reported) and passes it
+  // on. Returns this host's error lines.
+  std::string checkFile(const FileCheck& check);
+  // A relayed block failed its check: what this host staged of the open
+  // part is dropped (the link it came from is dropped too).
+  void dropCurrentFile();
   // The file this host took last (0 for none) and the bytes of it it holds,
   // or its size when it wants no more of it (refused or failed here).
   void lastFile(int64_t& seq, int64_t& bytes) const;
@@ -99,6 +108,12 @@ class Session {
   // Opens entry's staged bytes to continue them; false with the error text.
   bool continueStaged(Entry* entry, std::string& refusal);
   Entry* entryFor(const std::string& target) const;
+  Entry* entryOfSeq(int64_t seq) const;
+  // Compares entry's staged copy with check; the error lines when they
+  // differ or it cannot be read (the copy is then removed).
+  std::string verify(Entry* entry, const FileCheck& check);
+  // The staged copy left open for its check is closed.
+  void closeAwaitingCheck();
   void startFile(Entry* entry, int64_t offset);
   // True when entry's staged bytes may be continued for info (a resumed file).
   bool resumable(const Entry* entry, const FileInfo& info) const;
@@ -136,6 +151,13 @@ class Session {
   // The file being received.
   Entry* mCurrent = nullptr;
   int64_t mOffset = 0;
+  int64_t mCurrentSeq = 0;
+  int64_t mCurrentSize = 0;
+  bool mFromClient = false;  // this host is the head for it: it makes the check
+  bool mPartEndsFile = false;  // a relayed part up to the file's end: a check follows
+  bool mSumming = false;     // mSum covers every byte of the file so far
+  uint32_t mSum = 0;
+  Entry* mAwaitingCheck = nullptr;  // relayed whole, its check still to come
   std::string mFileErrors;
   int64_t mBytesReceived = 0;
 

@@ -2,7 +2,10 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <vector>
+#include <algorithm>
 
+#include "util/CRC.h"
 #include "util/StringUtilities.h"
 
 namespace {
@@ -11,6 +14,8 @@ const char kSuffix[] = ".staged";
 // Room kept for "-<attempt>", so that every attempt keeps the same prefix.
 const std::string::size_type kAttemptRoom = 4;
 const int kMaxAttempts = 1000;
+// Read-back block of checksum().
+const size_t kCheckBlock = 65536;
 
 // 64-bit FNV-1a: cheap, and ample to tell apart the names that share a prefix.
 std::string hashText(const std::string& text) {
@@ -44,8 +49,12 @@ bool StagedFile::isStagedName(const std::string& name, const std::string& sessio
          name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
-StagedFile::StagedFile(const TargetPath& paths, std::string remoteTarget, std::string sessionId)
-    : mPaths(paths), mRemoteTarget(std::move(remoteTarget)), mSessionId(std::move(sessionId)) {
+StagedFile::StagedFile(const TargetPath& paths, std::string remoteTarget, std::string sessionId,
+                       FileSystem* fs)
+    : mPaths(paths),
+      mFS(fs),
+      mRemoteTarget(std::move(remoteTarget)),
+      mSessionId(std::move(sessionId)) {
   setName(0);
 }
 
@@ -64,12 +73,12 @@ bool StagedFile::create(int parentFd, const BeforeCreate& beforeCreate, std::str
   close();
   mSize = 0;
   if (mExists) {
-    System::removeFileAt(parentFd, mName);
+    mFS->removeFileAt(parentFd, mName);
     mExists = false;
   }
   for (;;) {
     if (beforeCreate && !beforeCreate(remoteStaged(), error)) return false;
-    mFd = System::createExclusiveAt(parentFd, mName, 0600);
+    mFd = mFS->createExclusiveAt(parentFd, mName, 0600);
     if (mFd) {
       mExists = true;
       return true;
@@ -85,7 +94,7 @@ bool StagedFile::create(int parentFd, const BeforeCreate& beforeCreate, std::str
 System::FileDescriptor StagedFile::openExisting(bool forWrite, std::string& error) const {
   System::FileDescriptor parent = mPaths.openParent(mRemoteTarget, error);
   if (!parent) return parent;
-  System::FileDescriptor fd = System::openFileAt(parent.get(), mName, forWrite);
+  System::FileDescriptor fd = mFS->openFileAt(parent.get(), mName, forWrite);
   if (!fd) {
     System::SaveError keep;  // readAt reports errno
     error = "Staged copy of " + mRemoteTarget + ": " + System::getErrorMessageStr();
@@ -107,7 +116,7 @@ bool StagedFile::reopen(std::string& error) {
 
 bool StagedFile::append(const char* data, size_t n, std::string& error) {
   if (!mFd && !reopen(error)) return false;
-  if (!System::writeAll(mFd.get(), data, n)) {
+  if (!mFS->writeAll(mFd.get(), data, n)) {
     error = "Error writing " + mRemoteTarget + ": " + System::getErrorMessageStr();
     discard();
     return false;
@@ -117,12 +126,31 @@ bool StagedFile::append(const char* data, size_t n, std::string& error) {
 }
 
 ssize_t StagedFile::readAt(char* buf, size_t n, int64_t offset) const {
+  if (mFd) return mFS->preadSome(mFd.get(), buf, n, offset);
   if (!mReader) {
     std::string ignored;
     mReader = openExisting(false, ignored);
     if (!mReader) return -1;
   }
-  return System::preadSome(mReader.get(), buf, n, offset);
+  return mFS->preadSome(mReader.get(), buf, n, offset);
+}
+
+bool StagedFile::checksum(uint32_t& crc, std::string& error) const {
+  std::vector<char> buffer(static_cast<size_t>(std::min<int64_t>(mSize, kCheckBlock)) + 1);
+  crc = 0;
+  for (int64_t at = 0; at < mSize;) {
+    const size_t want = static_cast<size_t>(std::min<int64_t>(buffer.size(), mSize - at));
+    const ssize_t got = readAt(buffer.data(), want, at);
+    if (got <= 0) {
+      error = "Unable to read back the staged copy of " + mRemoteTarget + ": " +
+              (got < 0 ? System::getErrorMessageStr() : "it is shorter");
+      return false;
+    }
+    crc = CRC::crc32c(reinterpret_cast<const unsigned char*>(buffer.data()),
+                      static_cast<unsigned long>(got), crc);
+    at += got;
+  }
+  return true;
 }
 
 System::FileDescriptor StagedFile::prepare(int64_t expectedSize, int mode, std::string& error) {
@@ -139,7 +167,7 @@ System::FileDescriptor StagedFile::prepare(int64_t expectedSize, int mode, std::
 System::FileDescriptor StagedFile::prepare(int parentFd, int64_t expectedSize, int mode,
                                            std::string& error, FileAttributes* found) {
   close();
-  System::FileDescriptor fd = System::openFileAt(parentFd, mName, false);
+  System::FileDescriptor fd = mFS->openFileAt(parentFd, mName, false);
   FileAttributes local;
   FileAttributes& attrs = found ? *found : local;
   if (!fd || !attrs.statFd(fd.get())) {
@@ -151,7 +179,7 @@ System::FileDescriptor StagedFile::prepare(int parentFd, int64_t expectedSize, i
             std::to_string(expectedSize) + " bytes";
     return System::FileDescriptor();
   }
-  if (!System::changeMode(fd.get(), mode & 0777)) {
+  if (!mFS->changeMode(fd.get(), mode & 0777)) {
     error = "Unable to set the mode of " + mRemoteTarget + ": " + System::getErrorMessageStr();
     return System::FileDescriptor();
   }
@@ -159,7 +187,7 @@ System::FileDescriptor StagedFile::prepare(int parentFd, int64_t expectedSize, i
 }
 
 bool StagedFile::moveInto(int parentFd, std::string& error) {
-  if (!System::renameAt(parentFd, mName, parentFd, TargetPath::nameOf(mRemoteTarget))) {
+  if (!mFS->renameAt(parentFd, mName, parentFd, TargetPath::nameOf(mRemoteTarget))) {
     error = "Unable to move into place " + mRemoteTarget + ": " + System::getErrorMessageStr();
     return false;
   }
@@ -170,7 +198,7 @@ bool StagedFile::moveInto(int parentFd, std::string& error) {
 bool StagedFile::commit(int64_t expectedSize, int mode, std::string& error) {
   const System::FileDescriptor fd = prepare(expectedSize, mode, error);
   if (!fd) return false;
-  if (!System::syncFile(fd.get())) {
+  if (!mFS->syncFile(fd.get())) {
     error = "Error flushing " + mRemoteTarget + ": " + System::getErrorMessageStr();
     return false;
   }

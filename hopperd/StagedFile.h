@@ -14,6 +14,7 @@
 #include <functional>
 #include <string>
 
+#include "hopperd/FileSystem.h"
 #include "hopperd/TargetPath.h"
 #include "util/System.h"
 
@@ -31,8 +32,9 @@ class StagedFile {
   // True when name (one component) is a staged name of the session.
   static bool isStagedName(const std::string& name, const std::string& sessionId);
 
-  // remoteTarget is normalised; paths must outlive this object.
-  StagedFile(const TargetPath& paths, std::string remoteTarget, std::string sessionId);
+  // remoteTarget is normalised; paths and fs must outlive this object.
+  StagedFile(const TargetPath& paths, std::string remoteTarget, std::string sessionId,
+             FileSystem* fs = FileSystem::posix());
   StagedFile(const StagedFile&) = delete;
   StagedFile& operator=(const StagedFile&) = delete;
 
@@ -58,6 +60,10 @@ class StagedFile {
   // Returns the count read, 0 at the end, -1 with errno set on failure. The
   // read descriptor stays open for the next block of the same gap.
   ssize_t readAt(char* buf, size_t n, int64_t offset) const;
+  // The CRC-32C of the bytes staged so far, read back from the staged copy
+  // (what the disk holds, not what was meant to be written). False with the
+  // error text when they cannot be read.
+  bool checksum(uint32_t& crc, std::string& error) const;
   // Releases the descriptors once the file's bytes are complete.
   void close() {
     mFd.close();
@@ -90,14 +96,15 @@ class StagedFile {
   System::FileDescriptor openExisting(bool forWrite, std::string& error) const;
 
   const TargetPath& mPaths;
+  FileSystem* const mFS;
   const std::string mRemoteTarget;
   const std::string mSessionId;
   int mAttempt = 0;
   std::string mName;
   std::string mPath;
   bool mExists = false;  // made (or reopened) by this object and not yet gone
-  System::FileDescriptor mFd;
-  mutable System::FileDescriptor mReader;  // opened by the first readAt
+  System::FileDescriptor mFd;              // reads and appends
+  mutable System::FileDescriptor mReader;  // opened by the first readAt without mFd
   int64_t mSize = 0;
 };
 

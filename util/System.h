@@ -187,11 +187,12 @@ FileDescriptor openDirectory(const std::string& path, bool followSymlink = false
 FileDescriptor openDirectoryAt(int dirFd, const std::string& name);
 // mkdirat(mode before umask); an existing name, link or not, gives EEXIST.
 bool makeDirectoryAt(int dirFd, const std::string& name, int mode);
-// openat(O_WRONLY|O_CREAT|O_EXCL|O_NOFOLLOW|O_CLOEXEC, mode): a new file
-// only; any existing name gives EEXIST.
+// openat(O_RDWR|O_CREAT|O_EXCL|O_NOFOLLOW|O_CLOEXEC, mode): a new file
+// only; any existing name gives EEXIST. Readable, so that what was written
+// can be checked through the same descriptor.
 FileDescriptor createExclusiveAt(int dirFd, const std::string& name, int mode);
 // openat of an existing regular file: O_RDONLY when !forWrite, else
-// O_WRONLY|O_APPEND; never creates. A link gives ELOOP; anything but a
+// O_RDWR|O_APPEND; never creates. A link gives ELOOP; anything but a
 // regular file fails at once (EINVAL, or ENXIO for a FIFO without reader).
 FileDescriptor openFileAt(int dirFd, const std::string& name, bool forWrite);
 // renameat; replaces a file or link at the new name, never follows one.

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <atomic>
 #include <filesystem>
 #include <future>
 #include <set>
@@ -10,6 +11,9 @@
 
 #include "hopper/UploadManager.h"
 #include "hopper/hopperMisc.h"
+#include "hopperd/FileSystem.h"
+#include "hopperd/Server.h"
+#include "support/CorruptingProxy.h"
 #include "support/DaemonProcess.h"
 #include "support/FakeDaemon.h"
 #include "support/TempDir.h"
@@ -40,6 +44,28 @@ int64_t loggedBytes(const std::string& log) {
   const size_t at = text.rfind(key);
   return at == std::string::npos ? -1 : std::stoll(text.substr(at + key.size()));
 }
+
+// Writes what it is given, but for one byte flipped once, past the first
+// `after` bytes written through it: a host whose disk or memory damaged
+// what it staged.
+class CorruptingFileSystem : public FileSystem {
+ public:
+  explicit CorruptingFileSystem(int64_t after) : mAfter(after) {}
+  bool writeAll(int fd, const char* data, size_t n) override {
+    const int64_t before = mWritten.fetch_add(int64_t(n));
+    if (before + int64_t(n) <= mAfter || mDone.exchange(true)) {
+      return FileSystem::writeAll(fd, data, n);
+    }
+    std::string damaged(data, n);
+    damaged[size_t(std::max<int64_t>(0, mAfter - before))] ^= 1;
+    return FileSystem::writeAll(fd, damaged.data(), n);
+  }
+
+ private:
+  const int64_t mAfter;
+  std::atomic<int64_t> mWritten{0};
+  std::atomic<bool> mDone{false};
+};
 
 }  // namespace
 
@@ -321,4 +347,61 @@ TEST_F(ChainTest, HeadKilledInATreeLeavesNoFileMissingOnTheOthers) {
     expectSameTree(dir.file("src/many"), root(i) / "data/many");
     EXPECT_TRUE(filesUnder(root(i), true).empty()) << i;
   }
+}
+
+// A link that damages one byte of a large file: the host behind it finds the
+// block's checksum wrong and drops the link; its upstream routes around it
+// as around a lost host, and the hosts after it commit the file intact.
+TEST_F(ChainTest, AHostBehindACorruptingLinkIsDroppedAndTheOthersCommitIntact) {
+  start(4, {}, {1});  // node1 is reached through the proxy only
+  DaemonProcess behind(HIVE_BINARY_DIR "/hopperd", "127.0.0.13", port, dir.file("behind"));
+  ASSERT_TRUE(behind.start());
+  CorruptingProxy proxy("127.0.0.3", port, "127.0.0.13", port, 4 << 20);
+  TempDir::write(dir.file("src/big"), 16 << 20, 5, fs::perms(0644));
+  EXPECT_TRUE(upload(dir.file("src/big"), "/data/big")) << err.str();
+  EXPECT_TRUE(proxy.flipped());
+  EXPECT_PRED_FORMAT2(testing::IsSubstring,
+                      "Unable to connect or lost connection to " + name(1) + ".", err.str());
+  for (size_t i : {0, 2, 3}) {
+    EXPECT_TRUE(TempDir::read(root(i) / "data/big") == TempDir::read(dir.file("src/big"))) << i;
+    EXPECT_TRUE(filesUnder(root(i), true).empty()) << i;
+  }
+  EXPECT_FALSE(fs::exists(behind.root() + "/data/big"));
+  EXPECT_TRUE(filesUnder(behind.root(), true).empty());  // what it staged is dropped
+  EXPECT_PRED_FORMAT2(testing::IsSubstring, "failed its checksum",
+                      TempDir::read(behind.logFile()));
+}
+
+// One host's staged copy differs from what it received (its file system
+// flips a byte): that host reports the file and keeps it out of place, the
+// run fails, and every other host commits the file intact.
+TEST_F(ChainTest, AHostWhoseStagedBytesDifferReportsTheFileAndTheOthersCommitIt) {
+  start(3, {}, {1});  // node1 runs in this process, on a damaging file system
+  CorruptingFileSystem disk(1 << 20);
+  DaemonConfig config;
+  config.mBindAddress = "127.0.0.3";
+  config.mPort = port;
+  config.mRoot = root(1);
+  config.mStateDir = daemons[1]->stateDir();
+  config.mFileSystem = &disk;
+  fs::create_directories(config.mStateDir);
+  Server server(config);
+  server.listen();
+  std::thread serving([&server] { server.run(); });
+  TempDir::write(dir.file("src/big"), 4 << 20, 6, fs::perms(0644));
+  TempDir::write(dir.file("src/small"), 1000, 7, fs::perms(0644));
+  EXPECT_FALSE(upload(dir.file("src/"), "/data"));
+  server.stop();
+  serving.join();
+  EXPECT_PRED_FORMAT2(testing::IsSubstring,
+                      name(1) + ": /data/big: the staged copy differs from the bytes the head "
+                      "received (checksum mismatch)", err.str());
+  for (size_t i : {0, 2}) {
+    EXPECT_TRUE(TempDir::read(root(i) / "data/big") == TempDir::read(dir.file("src/big"))) << i;
+  }
+  for (size_t i : {0, 1, 2}) {
+    EXPECT_EQ(TempDir::read(root(i) / "data/small"), TempDir::read(dir.file("src/small"))) << i;
+    EXPECT_TRUE(filesUnder(root(i), true).empty()) << i;
+  }
+  EXPECT_FALSE(fs::exists(root(1) / "data/big"));
 }

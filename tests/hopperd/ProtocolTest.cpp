@@ -42,6 +42,21 @@ TEST(ProtocolTest, ChecksEveryLengthAndSizeBeforeUsingIt) {
   std::vector<std::string> list;
   bool stop = false;
   EXPECT_THROW(Protocol::readBegin(*hosts.stream, list, stop), System::WireLimitError);
+  // A data block fits the part's rest and the receiver's buffer.
+  const std::pair<int, int64_t> badBlocks[] = {
+      {0, 100}, {-1, 100}, {101, 100}, {kMaxRelayBlock + 1, int64_t(1) << 30}};
+  for (const auto& bad : badBlocks) {
+    Peer block(WireBytes().i32(bad.first).i32(0));
+    uint32_t crc = 0;
+    EXPECT_THROW(Protocol::readBlockHeader(*block.stream, bad.second, crc),
+                 System::WireLimitError) << bad.first;
+  }
+  Peer block(WireBytes().i32(100).i32(int(0xe3069283)));
+  uint32_t crc = 0;
+  EXPECT_EQ(Protocol::readBlockHeader(*block.stream, 100, crc), 100);
+  EXPECT_EQ(crc, 0xe3069283u);
+  Peer check(WireBytes().i64(0).i64(5).i32(1));
+  EXPECT_THROW(Protocol::readFileCheck(*check.stream), System::WireLimitError);
 }
 
 TEST(ProtocolTest, RepliesStayWithinTheirBounds) {

@@ -33,11 +33,13 @@ std::string stagedPathOf(const std::string& root, const std::string& name) {
 
 // A session of this host alone under dir/root, journaling in dir/state.
 struct LocalSession {
-  explicit LocalSession(const TempDir& dir) : root(dir.file("root")) {
+  explicit LocalSession(const TempDir& dir, FileSystem* files = FileSystem::posix())
+      : root(dir.file("root")) {
     fs::create_directories(root);
     fs::create_directories(dir.file("state"));
     config.mRoot = root;
     config.mStateDir = dir.file("state");
+    config.mFileSystem = files;
     session = std::make_unique<Session>(kSession, std::vector<std::string>{"self"}, "127.0.0.1",
                                         config);
     reconnect();
@@ -61,6 +63,47 @@ struct LocalSession {
   const std::string root;
   DaemonConfig config;
   std::unique_ptr<Session> session;
+};
+
+// A file system that fails one kind of call, on the files whose names hold
+// `victim` (all calls for "").
+class FaultyFileSystem : public FileSystem {
+ public:
+  enum Fault { NONE, DISK_FULL, SHORT_WRITE, FLIPPED_BYTE, FAILED_FLUSH, FAILED_RENAME };
+  Fault fault = NONE;
+  std::string victim;
+
+  bool writeAll(int fd, const char* data, size_t n) override {
+    if (!hits(fd) || fault == NONE || n == 0) return FileSystem::writeAll(fd, data, n);
+    if (fault == FLIPPED_BYTE) {
+      std::string damaged(data, n);
+      damaged[n / 2] ^= 1;
+      return FileSystem::writeAll(fd, damaged.data(), n);
+    }
+    if (fault == SHORT_WRITE) FileSystem::writeAll(fd, data, n / 2);
+    if (fault != DISK_FULL && fault != SHORT_WRITE) return FileSystem::writeAll(fd, data, n);
+    errno = ENOSPC;
+    return false;
+  }
+  bool syncFileSystem(int fd) override {
+    if (fault != FAILED_FLUSH) return FileSystem::syncFileSystem(fd);
+    errno = EIO;
+    return false;
+  }
+  bool renameAt(int fromDirFd, const std::string& from, int toDirFd,
+                const std::string& to) override {
+    if (fault != FAILED_RENAME || to.find(victim) == std::string::npos) {
+      return FileSystem::renameAt(fromDirFd, from, toDirFd, to);
+    }
+    errno = EXDEV;
+    return false;
+  }
+
+ private:
+  bool hits(int fd) const {
+    const std::string path = fs::read_symlink("/proc/self/fd/" + std::to_string(fd)).string();
+    return path.find(victim) != std::string::npos;
+  }
 };
 
 }  // namespace
@@ -217,4 +260,48 @@ TEST(StagingTest, CleanUpRemovesWhatAnUnfinishedSessionLeftAndNothingElse) {
   EXPECT_EQ(TempDir::read(root + "/victim"), "keep");
   EXPECT_EQ(filesUnder(outside, true).size(), 1u);
   EXPECT_TRUE(fs::is_empty(state));
+}
+
+// Each fault of the disk ends with the file's error in the reply, the old
+// target in place, the other files committed and nothing staged left.
+TEST(StagingTest, DiskFaultsFailOnlyTheirFileAndLeaveNothingHalfDone) {
+  using Fault = FaultyFileSystem::Fault;
+  const struct {
+    Fault fault;
+    std::string reply, commit;  // of the victim's file, and of the commit
+  } cases[] = {
+      {Fault::DISK_FULL, "self: Error writing /d/victim: " + System::errorText(ENOSPC), ""},
+      {Fault::SHORT_WRITE, "self: Error writing /d/victim: " + System::errorText(ENOSPC), ""},
+      {Fault::FLIPPED_BYTE,
+       "self: /d/victim: the staged copy differs from the bytes the head received "
+       "(checksum mismatch)", ""},
+      {Fault::FAILED_RENAME, "",
+       "self: Unable to move into place /d/victim: " + System::errorText(EXDEV)},
+  };
+  for (const auto& c : cases) {
+    TempDir dir;
+    FaultyFileSystem files;
+    LocalSession local(dir, &files);
+    TempDir::write(local.root + "/d/victim", "old");
+    EXPECT_EQ(local.send("/d/", "before", "b"), "") << c.fault;
+    files.fault = c.fault;
+    files.victim = "victim";
+    EXPECT_EQ(local.send("/d/", "victim", TempDir::pattern(100000)), c.reply) << c.fault;
+    EXPECT_EQ(local.send("/d/", "after", "a"), "") << c.fault;
+    EXPECT_EQ(local.session->commit(), c.commit) << c.fault;
+    EXPECT_EQ(TempDir::read(local.root + "/d/victim"), "old") << c.fault;
+    EXPECT_EQ(TempDir::read(local.root + "/d/before") + TempDir::read(local.root + "/d/after"),
+              "ba") << c.fault;
+    EXPECT_TRUE(filesUnder(local.root, true).empty()) << c.fault;
+  }
+  // A file system that cannot be flushed takes no file into place.
+  TempDir dir;
+  FaultyFileSystem files;
+  LocalSession local(dir, &files);
+  EXPECT_EQ(local.send("/d/", "f", "new"), "");
+  files.fault = Fault::FAILED_FLUSH;
+  EXPECT_EQ(local.session->commit(),
+            "self: Error flushing staged files: " + System::errorText(EIO));
+  EXPECT_FALSE(fs::exists(local.root + "/d/f"));
+  EXPECT_TRUE(filesUnder(local.root, true).empty());
 }

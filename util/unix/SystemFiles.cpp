@@ -191,11 +191,11 @@ bool makeDirectoryAt(int dirFd, const std::string& name, int mode) {
 
 FileDescriptor createExclusiveAt(int dirFd, const std::string& name, int mode) {
   return FileDescriptor(openAtRetrying(
-      dirFd, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+      dirFd, name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
 }
 
 FileDescriptor openFileAt(int dirFd, const std::string& name, bool forWrite) {
-  const int access = forWrite ? (O_WRONLY | O_APPEND) : O_RDONLY;
+  const int access = forWrite ? (O_RDWR | O_APPEND) : O_RDONLY;
   FileDescriptor fd(
       openAtRetrying(dirFd, name, access | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0));
   struct stat st;

@@ -1,0 +1,40 @@
+#include "hopperd/FileSystem.h"
+
+FileSystem::~FileSystem() = default;
+
+FileSystem* FileSystem::posix() {
+  static FileSystem real;
+  return &real;
+}
+
+System::FileDescriptor FileSystem::createExclusiveAt(int dirFd, const std::string& name,
+                                                     int mode) {
+  return System::createExclusiveAt(dirFd, name, mode);
+}
+
+System::FileDescriptor FileSystem::openFileAt(int dirFd, const std::string& name, bool forWrite) {
+  return System::openFileAt(dirFd, name, forWrite);
+}
+
+bool FileSystem::writeAll(int fd, const char* data, size_t n) {
+  return System::writeAll(fd, data, n);
+}
+
+ssize_t FileSystem::preadSome(int fd, char* buf, size_t n, int64_t offset) {
+  return System::preadSome(fd, buf, n, offset);
+}
+
+bool FileSystem::changeMode(int fd, int mode) { return System::changeMode(fd, mode); }
+
+bool FileSystem::syncFile(int fd) { return System::syncFile(fd); }
+
+bool FileSystem::syncFileSystem(int fd) { return System::syncFileSystem(fd); }
+
+bool FileSystem::renameAt(int fromDirFd, const std::string& from, int toDirFd,
+                          const std::string& to) {
+  return System::renameAt(fromDirFd, from, toDirFd, to);
+}
+
+bool FileSystem::removeFileAt(int dirFd, const std::string& name) {
+  return System::removeFileAt(dirFd, name);
+}

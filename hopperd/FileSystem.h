@@ -1,0 +1,40 @@
+// The file operations that staging and commit make, behind one interface so
+// that tests can make a write, a flush or a rename fail (or corrupt what is
+// written) on one host without a real faulty disk. FileSystem::posix() is the
+// real one; a test derives from FileSystem and overrides only the calls it
+// disturbs, the others falling through to the real ones. Every call reports
+// failure as the System function of the same name does (errno set).
+#ifndef HIVE_HOPPERD_FILESYSTEM_H_
+#define HIVE_HOPPERD_FILESYSTEM_H_
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+
+#include "util/System.h"
+
+class FileSystem {
+ public:
+  virtual ~FileSystem();
+
+  // The real file system; lives as long as the process.
+  static FileSystem* posix();
+
+  // A new file name in dirFd, readable and writable, never following a link.
+  virtual System::FileDescriptor createExclusiveAt(int dirFd, const std::string& name, int mode);
+  // An existing regular file name in dirFd: read-only, or readable and
+  // appended to when forWrite.
+  virtual System::FileDescriptor openFileAt(int dirFd, const std::string& name, bool forWrite);
+  virtual bool writeAll(int fd, const char* data, size_t n);
+  virtual ssize_t preadSome(int fd, char* buf, size_t n, int64_t offset);
+  virtual bool changeMode(int fd, int mode);
+  virtual bool syncFile(int fd);
+  // Flushes the whole file system that fd lies on.
+  virtual bool syncFileSystem(int fd);
+  virtual bool renameAt(int fromDirFd, const std::string& from, int toDirFd,
+                        const std::string& to);
+  virtual bool removeFileAt(int dirFd, const std::string& name);
+};
+
+#endif  // HIVE_HOPPERD_FILESYSTEM_H_
