@@ -1,8 +1,8 @@
 // The networks whose connections the daemon accepts: a list of IPv4
 // networks in CIDR notation ("10.0.0.0/8,127.0.0.1"), matched against the
 // peer address of every accepted connection.
-#ifndef HC_HOPPERD_ALLOWLIST_H
-#define HC_HOPPERD_ALLOWLIST_H
+#ifndef HIVE_HOPPERD_ALLOWLIST_H_
+#define HIVE_HOPPERD_ALLOWLIST_H_
 
 #include <cstdint>
 #include <optional>
@@ -38,4 +38,4 @@ class AllowList {
   std::vector<Network> mNetworks;
 };
 
-#endif  // HC_HOPPERD_ALLOWLIST_H
+#endif  // HIVE_HOPPERD_ALLOWLIST_H_

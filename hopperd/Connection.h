@@ -5,8 +5,8 @@
 // violation is logged and closes the connection. So does a peer that is
 // silent in the middle of a message, or without a session, for the time-out,
 // or that sends a message or a block of file data slower than one time-out.
-#ifndef HC_HOPPERD_CONNECTION_H
-#define HC_HOPPERD_CONNECTION_H
+#ifndef HIVE_HOPPERD_CONNECTION_H_
+#define HIVE_HOPPERD_CONNECTION_H_
 
 #include <memory>
 #include <optional>
@@ -80,4 +80,4 @@ class Connection : public SessionOwner, public std::enable_shared_from_this<Conn
   std::vector<char> mBuffer;  // the one buffer file data passes through
 };
 
-#endif  // HC_HOPPERD_CONNECTION_H
+#endif  // HIVE_HOPPERD_CONNECTION_H_

@@ -1,8 +1,8 @@
 // The daemon program: its switches, the start-up (logging, the journals
 // left by an earlier run, the listening socket, the shutdown signals), the
 // serving loop and an orderly stop.
-#ifndef HC_HOPPERD_DAEMONAPPLICATION_H
-#define HC_HOPPERD_DAEMONAPPLICATION_H
+#ifndef HIVE_HOPPERD_DAEMONAPPLICATION_H_
+#define HIVE_HOPPERD_DAEMONAPPLICATION_H_
 
 #include <memory>
 
@@ -52,4 +52,4 @@ class DaemonApplication : public Application {
   bool mVersionOnly = false;
 };
 
-#endif  // HC_HOPPERD_DAEMONAPPLICATION_H
+#endif  // HIVE_HOPPERD_DAEMONAPPLICATION_H_

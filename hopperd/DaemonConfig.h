@@ -1,6 +1,6 @@
 // The daemon's settings, as read from its command line.
-#ifndef HC_HOPPERD_DAEMONCONFIG_H
-#define HC_HOPPERD_DAEMONCONFIG_H
+#ifndef HIVE_HOPPERD_DAEMONCONFIG_H_
+#define HIVE_HOPPERD_DAEMONCONFIG_H_
 
 #include <string>
 #include <vector>
@@ -33,4 +33,4 @@ struct DaemonConfig {
   FileSystem* mFileSystem = FileSystem::posix();
 };
 
-#endif  // HC_HOPPERD_DAEMONCONFIG_H
+#endif  // HIVE_HOPPERD_DAEMONCONFIG_H_

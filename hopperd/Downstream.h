@@ -12,8 +12,8 @@
 // host costs the others nothing. Every wait on the link ends after the time-
 // out without progress, unless the host still answers a fresh handshake (it
 // is then itself waiting on the hosts after it).
-#ifndef HC_HOPPERD_DOWNSTREAM_H
-#define HC_HOPPERD_DOWNSTREAM_H
+#ifndef HIVE_HOPPERD_DOWNSTREAM_H_
+#define HIVE_HOPPERD_DOWNSTREAM_H_
 
 #include <atomic>
 #include <cstdint>
@@ -204,4 +204,4 @@ class Downstream {
   int64_t mBytesForwarded = 0;
 };
 
-#endif  // HC_HOPPERD_DOWNSTREAM_H
+#endif  // HIVE_HOPPERD_DOWNSTREAM_H_

@@ -4,8 +4,8 @@
 // before the directory does, so a daemon restarted after a crash finds and
 // removes the leftovers of every session that never committed. Clean-up walks
 // from the root like the session did, following no symbolic link.
-#ifndef HC_HOPPERD_JOURNAL_H
-#define HC_HOPPERD_JOURNAL_H
+#ifndef HIVE_HOPPERD_JOURNAL_H_
+#define HIVE_HOPPERD_JOURNAL_H_
 
 #include <string>
 #include <vector>
@@ -57,4 +57,4 @@ class Journal {
   System::FileDescriptor mFd;
 };
 
-#endif  // HC_HOPPERD_JOURNAL_H
+#endif  // HIVE_HOPPERD_JOURNAL_H_

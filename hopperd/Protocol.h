@@ -2,8 +2,8 @@
 // through the bounded readers (a daemon trusts nobody), the writers for the
 // lists it sends back, and the code that daemons alone exchange to carry an
 // upload's identity along the relay chain.
-#ifndef HC_HOPPERD_PROTOCOL_H
-#define HC_HOPPERD_PROTOCOL_H
+#ifndef HIVE_HOPPERD_PROTOCOL_H_
+#define HIVE_HOPPERD_PROTOCOL_H_
 
 #include <cstdint>
 #include <set>
@@ -153,4 +153,4 @@ void appendLines(std::string& lines, const std::string& text);
 
 }  // namespace Protocol
 
-#endif  // HC_HOPPERD_PROTOCOL_H
+#endif  // HIVE_HOPPERD_PROTOCOL_H_

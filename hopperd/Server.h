@@ -3,8 +3,8 @@
 // peers outside the allow list closed and logged, orphaned sessions
 // discarded when their resume window passes, and an orderly stop that aborts
 // the session on this host within a bounded time.
-#ifndef HC_HOPPERD_SERVER_H
-#define HC_HOPPERD_SERVER_H
+#ifndef HIVE_HOPPERD_SERVER_H_
+#define HIVE_HOPPERD_SERVER_H_
 
 #include <atomic>
 #include <list>
@@ -60,4 +60,4 @@ class Server {
   std::list<Worker> mWorkers;  // touched by the run() thread only
 };
 
-#endif  // HC_HOPPERD_SERVER_H
+#endif  // HIVE_HOPPERD_SERVER_H_

@@ -3,8 +3,8 @@
 // its relay link to the next host. The connection that owns the session
 // drives it one message at a time while holding workMutex(); the session
 // table decides who owns it (see SessionTable).
-#ifndef HC_HOPPERD_SESSION_H
-#define HC_HOPPERD_SESSION_H
+#ifndef HIVE_HOPPERD_SESSION_H_
+#define HIVE_HOPPERD_SESSION_H_
 
 #include <cstdint>
 #include <functional>
@@ -170,4 +170,4 @@ class Session {
   std::string mUpstreamHost;
 };
 
-#endif  // HC_HOPPERD_SESSION_H
+#endif  // HIVE_HOPPERD_SESSION_H_

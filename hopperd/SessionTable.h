@@ -12,8 +12,8 @@
 //    that has already ended here.
 // A live session whose upstream is about to vanish is given a short grace
 // before the answer. All these decisions are made under one mutex.
-#ifndef HC_HOPPERD_SESSIONTABLE_H
-#define HC_HOPPERD_SESSIONTABLE_H
+#ifndef HIVE_HOPPERD_SESSIONTABLE_H_
+#define HIVE_HOPPERD_SESSIONTABLE_H_
 
 #include <deque>
 #include <memory>
@@ -97,4 +97,4 @@ class SessionTable {
   std::deque<std::string> mEnded;
 };
 
-#endif  // HC_HOPPERD_SESSIONTABLE_H
+#endif  // HIVE_HOPPERD_SESSIONTABLE_H_

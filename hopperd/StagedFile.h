@@ -5,8 +5,8 @@
 // its TargetPath's walk, which follows no symbolic link, and it is created
 // exclusively, so it is never confused with another file; only the
 // descriptors of the bytes being written or read back stay open.
-#ifndef HC_HOPPERD_STAGEDFILE_H
-#define HC_HOPPERD_STAGEDFILE_H
+#ifndef HIVE_HOPPERD_STAGEDFILE_H_
+#define HIVE_HOPPERD_STAGEDFILE_H_
 
 #include <sys/types.h>
 
@@ -108,4 +108,4 @@ class StagedFile {
   int64_t mSize = 0;
 };
 
-#endif  // HC_HOPPERD_STAGEDFILE_H
+#endif  // HIVE_HOPPERD_STAGEDFILE_H_

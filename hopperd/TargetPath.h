@@ -8,8 +8,8 @@
 // instead of leading it outside the root. Paths called "remote" are in the
 // client's terms ("/opt/x"); "local" paths have the root in front and serve
 // only in messages.
-#ifndef HC_HOPPERD_TARGETPATH_H
-#define HC_HOPPERD_TARGETPATH_H
+#ifndef HIVE_HOPPERD_TARGETPATH_H_
+#define HIVE_HOPPERD_TARGETPATH_H_
 
 #include <functional>
 #include <optional>
@@ -114,4 +114,4 @@ class TargetPath {
   int mRootError = 0;  // why mRootFd could not be opened
 };
 
-#endif  // HC_HOPPERD_TARGETPATH_H
+#endif  // HIVE_HOPPERD_TARGETPATH_H_
