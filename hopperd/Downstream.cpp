@@ -72,7 +72,7 @@ void Downstream::close() {
   mReplies.reset();
   mStream.reset();
   mHost.clear();
-  mHeaderSent = false;
+  if (mPartState == STREAMING) mPartState = PENDING;  // a new link needs the header
   mAnnounced = false;
   mPosition = 0;
   Mutex::Lock lock(mMutex);
@@ -315,10 +315,9 @@ void Downstream::sendFileBytes(const char* data, size_t n) {
 
 void Downstream::dropFile(const std::string& why) {
   Protocol::appendLines(mFileErrors, mSelf + ": " + why);
-  mPassing = false;
   // The link may expect bytes it will not get: link again for the next file.
-  if (mHeaderSent && mPosition < mPart.end()) close();
-  mHeaderSent = false;
+  if (mPartState == STREAMING && mPosition < mPart.end()) close();
+  mPartState = DROPPED;
 }
 
 bool Downstream::sendFromCopy(const StagedFile* copy, const std::string& path, int64_t from,
@@ -362,7 +361,7 @@ void Downstream::resync(int64_t lastSeq, int64_t lastBytes) {
   for (const Sent& file : mSent) {
     if (file.mSeq < lastSeq || file.mSuperseded) continue;
     const bool known = file.mSeq == lastSeq;
-    const bool current = mPartOpen && file.mSeq == mPart.mSeq;
+    const bool current = mPartState != NO_PART && file.mSeq == mPart.mSeq;
     const int64_t from = known ? std::min(lastBytes, file.mInfo.mSize) : 0;
     const int64_t held = file.mCopy ? std::min(file.mCopy->size(), file.mInfo.mSize) : 0;
     // The file being received goes as far as it is staged here; the live
@@ -389,7 +388,7 @@ void Downstream::resync(int64_t lastSeq, int64_t lastBytes) {
     }
     resend(file, from, to);
   }
-  mHeaderSent = false;
+  if (mPartState == STREAMING) mPartState = PENDING;
   mStream->flush();
 }
 
@@ -398,7 +397,7 @@ void Downstream::openLivePart() {
   if (mAnnounced && mPosition >= end) return;  // the link holds the part already
   const int64_t gapEnd = std::max(mPosition, mPart.mStart);
   sendHeader(mPart.mInfo, end);
-  mHeaderSent = true;
+  mPartState = STREAMING;
   if (mPosition < gapEnd) {
     // The link misses bytes before the part: they come from the staged copy.
     const int64_t held = mCopy ? mCopy->size() : 0;
@@ -417,11 +416,9 @@ void Downstream::openLivePart() {
 }
 
 void Downstream::dropUnfinishedPart() {
-  if (!mPartOpen) return;
-  mPartOpen = false;
-  mPassing = false;
-  if (mHeaderSent && mPosition < mPart.end()) close();
-  mHeaderSent = false;
+  const bool owed = mPartState == STREAMING && mPosition < mPart.end();
+  mPartState = NO_PART;
+  if (owed) close();
 }
 
 void Downstream::startPart(const FileInfo& info, int64_t seq, const StagedFile* copy,
@@ -443,9 +440,7 @@ void Downstream::startPart(const FileInfo& info, int64_t seq, const StagedFile* 
   mPart.mStart = start;
   mPart.mCount = count;
   mCopy = copy;
-  mPartOpen = true;
-  mPassing = true;
-  mHeaderSent = false;
+  mPartState = PENDING;
   mFileErrors.clear();
   if (mCurrentSeq != seq) {
     mCurrentSeq = seq;
@@ -454,19 +449,18 @@ void Downstream::startPart(const FileInfo& info, int64_t seq, const StagedFile* 
   }
   // A new link (or a rerouted one) is brought up to date with this file too.
   if (!onLink([this] {
-        if (mPassing && !mHeaderSent) openLivePart();
+        if (mPartState == PENDING) openLivePart();
       })) {
-    mPassing = false;
+    mPartState = DROPPED;
   }
 }
 
 void Downstream::forward(const char* data, size_t n, int64_t offset) {
   const int64_t end = offset + static_cast<int64_t>(n);
-  if (!mPassing || !linked()) return;
+  if (!passing() || !linked()) return;
   const bool ok = onLink([&] {
-    if (!mPassing) return;
-    if (!mHeaderSent) openLivePart();
-    if (!mPassing || !mHeaderSent || mPosition >= end) return;
+    if (mPartState == PENDING) openLivePart();
+    if (mPartState != STREAMING || mPosition >= end) return;
     const int64_t skip = mPosition - offset;
     sendFileBytes(data + skip, n - static_cast<size_t>(skip));
     mPosition = end;
@@ -475,17 +469,16 @@ void Downstream::forward(const char* data, size_t n, int64_t offset) {
     if (end < mPart.end()) mStream->flush();
   });
   // A reroute re-sends the file as staged and leaves the header to resend.
-  if (!ok) mPassing = false;
+  if (!ok) mPartState = DROPPED;
 }
 
 std::string Downstream::finishPart(bool checkFollows) {
-  if (mPartOpen && mPassing && linked()) {
+  if (passing() && linked()) {
     // Whatever the link still misses of the part comes from the staged copy.
     onLink([this, checkFollows] {
-      if (!mPassing) return;
-      if (!mHeaderSent) openLivePart();
+      if (mPartState == PENDING) openLivePart();
       std::string error;
-      if (mPassing && mHeaderSent && mPosition < mPart.end()) {
+      if (mPartState == STREAMING && mPosition < mPart.end()) {
         if (!sendFromCopy(mCopy, mPart.mInfo.mRemotePath, mPosition, mPart.end(), error)) {
           dropFile(error);  // closes the link, which expected those bytes
           return;
@@ -495,9 +488,7 @@ std::string Downstream::finishPart(bool checkFollows) {
       if (linked() && !checkFollows) mStream->flush();
     });
   }
-  mPartOpen = false;
-  mPassing = false;
-  mHeaderSent = false;
+  mPartState = NO_PART;
   std::string lines;
   lines.swap(mFileErrors);
   return lines;
@@ -522,7 +513,7 @@ void Downstream::forgetFiles() {
   mSent.clear();
   mLatestFor.clear();
   mCopy = nullptr;
-  mPartOpen = false;
+  mPartState = NO_PART;
   mCurrentSeq = 0;
 }
 

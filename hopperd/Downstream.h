@@ -192,9 +192,14 @@ class Downstream {
   std::unordered_map<const StagedFile*, size_t> mLatestFor;
 
   // The part being passed on.
-  bool mPartOpen = false;
-  bool mPassing = false;     // false once the file is dropped for this link
-  bool mHeaderSent = false;  // the link takes the part's bytes from mPosition
+  enum PartState {
+    NO_PART,
+    DROPPED,    // open, but its bytes no longer go to the link
+    PENDING,    // open; the link has not had its header yet
+    STREAMING,  // the link takes the part's bytes from mPosition
+  };
+  PartState mPartState = NO_PART;
+  bool passing() const { return mPartState == PENDING || mPartState == STREAMING; }
   FilePart mPart;
   const StagedFile* mCopy = nullptr;
   int64_t mCurrentSeq = 0;  // the file whose bytes mPosition counts

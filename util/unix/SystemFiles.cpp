@@ -205,9 +205,9 @@ FileDescriptor openFileAt(int dirFd, const std::string& name, bool forWrite) {
     errno = EINVAL;
     return FileDescriptor();
   }
-  // Back to blocking, so that the descriptor behaves like any other file's.
-  const int flags = ::fcntl(fd.get(), F_GETFL);
-  if (flags < 0 || ::fcntl(fd.get(), F_SETFL, flags & ~O_NONBLOCK) != 0) return FileDescriptor();
+  // O_NONBLOCK (there so that opening a FIFO cannot wait) stays: reads and
+  // writes of a regular file ignore it, and clearing it costs two calls per
+  // file at commit.
   return fd;
 }
 
