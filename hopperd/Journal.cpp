@@ -44,19 +44,36 @@ bool endsWith(const std::string& s, const std::string& tail) {
 }
 
 // Only what the session could have made: normalised paths, staged names.
-void removeLeftovers(const Journal::Contents& contents) {
+// Returns the count of staged files removed.
+int removeLeftovers(const Journal::Contents& contents) {
+  int removed = 0;
   const TargetPath paths(contents.mRoot, {});
   const auto normal = [](const std::string& path) { return TargetPath::normalize(path) == path; };
   for (const std::string& staged : contents.mStagedFiles) {
     const std::string name = TargetPath::nameOf(staged);
     if (normal(staged) && StagedFile::isStagedName(name, contents.mSessionId)) {
-      paths.removeFile(staged);
+      removed += paths.removeFile(staged);
+    }
+  }
+  for (const std::string& dir : contents.mStagingDirs) {
+    std::string ignored;
+    // The parent of a name in dir is dir, reached without following links.
+    const System::FileDescriptor fd =
+        normal(dir) ? paths.openParent(dir == "/" ? "/x" : dir + "/x", ignored)
+                    : System::FileDescriptor();
+    std::vector<std::string> names;
+    if (!fd || !System::readDirectoryAt(fd.get(), names)) continue;
+    for (const std::string& name : names) {
+      if (StagedFile::isStagedName(name, contents.mSessionId)) {
+        removed += System::removeFileAt(fd.get(), name);
+      }
     }
   }
   // Deepest first: created parents come before their children in the file.
   for (auto it = contents.mDirectories.rbegin(); it != contents.mDirectories.rend(); ++it) {
     if (normal(*it)) paths.removeDirectory(*it);
   }
+  return removed;
 }
 
 }  // namespace
@@ -92,7 +109,11 @@ bool Journal::append(char kind, const std::string& path, std::string& error) {
 }
 
 bool Journal::recordStagedFile(const std::string& remote, std::string& error) {
-  return append('F', remote, error);
+  const std::string dir = TargetPath::directoryOf(remote);
+  if (mStagingDirs.count(dir)) return true;
+  if (!append('S', dir, error)) return false;
+  mStagingDirs.insert(dir);
+  return true;
 }
 
 bool Journal::recordDirectory(const std::string& remote, std::string& error) {
@@ -104,6 +125,7 @@ bool Journal::recordDirectory(const std::string& remote, std::string& error) {
 
 void Journal::remove() {
   mFd.close();
+  mStagingDirs.clear();
   System::removeFile(mPath);
 }
 
@@ -120,6 +142,7 @@ bool Journal::read(const std::string& journalPath, Contents& out) {
     const std::string path = unescape(line.substr(2));
     if (line[0] == 'R') out.mRoot = path;
     if (line[0] == 'F') out.mStagedFiles.push_back(path);
+    if (line[0] == 'S') out.mStagingDirs.push_back(path);
     if (line[0] == 'D') out.mDirectories.push_back(path);
   }
   return true;
@@ -135,10 +158,10 @@ int Journal::cleanUp(const std::string& stateDir) {
     const std::string journalPath = stateDir + "/" + name;
     Contents contents;
     if (!read(journalPath, contents)) continue;
-    if (!contents.mRoot.empty()) removeLeftovers(contents);
+    const int removed = contents.mRoot.empty() ? 0 : removeLeftovers(contents);
     System::removeFile(journalPath);
     HC_LOG_INFO("Removed the leftovers of unfinished session " << contents.mSessionId << " ("
-                << contents.mStagedFiles.size() << " staged files)");
+                << removed << " staged files)");
     ++handled;
   }
   return handled;

@@ -1,12 +1,16 @@
-// The on-disk record of what one session made: its staged files and the
-// directories it created, as remote paths under the root the journal names.
-// Each is recorded before it is made, and a directory record reaches the disk
-// before the directory does, so a daemon restarted after a crash finds and
-// removes the leftovers of every session that never committed. Clean-up walks
-// from the root like the session did, following no symbolic link.
+// The on-disk record of what one session made: the directories it staged
+// files in and the directories it created, as remote paths under the root
+// the journal names. Each is recorded before anything is made in it or of
+// it, and a created directory's record reaches the disk before the directory
+// does, so a daemon restarted after a crash finds and removes the leftovers
+// of every session that never committed. A staged file's name carries its
+// session's identifier, so one record per directory finds them all (one
+// write per directory rather than per file). Clean-up walks from the root
+// like the session did, following no symbolic link.
 #ifndef HIVE_HOPPERD_JOURNAL_H_
 #define HIVE_HOPPERD_JOURNAL_H_
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -22,7 +26,8 @@ class Journal {
 
   const std::string& path() const { return mPath; }
 
-  // Append one record of a normalised remote path. A directory record is
+  // Records, once per directory, the directory of remote (a normalised path
+  // of a staged file to be created). A created directory's record is
   // flushed to disk before returning. False with the error text on failure.
   bool recordStagedFile(const std::string& remote, std::string& error);
   bool recordDirectory(const std::string& remote, std::string& error);
@@ -34,14 +39,16 @@ class Journal {
   struct Contents {
     std::string mSessionId;
     std::string mRoot;  // empty when the journal was torn before its first record
-    std::vector<std::string> mStagedFiles;
+    std::vector<std::string> mStagedFiles;  // one by one (journals of older daemons)
+    std::vector<std::string> mStagingDirs;  // hold staged files of the session
     std::vector<std::string> mDirectories;
   };
   // Reads one journal file; false when it cannot be read.
   static bool read(const std::string& journalPath, Contents& out);
 
   // For every journal in stateDir: removes its staged files (only names that
-  // are staged names of that session), then its directories that are empty,
+  // are staged names of that session, in its staging directories or named
+  // one by one), then its directories that are empty,
   // deepest first, each reached from its root without following a link; then
   // the journal. Returns the number of journals handled.
   static int cleanUp(const std::string& stateDir);
@@ -55,6 +62,7 @@ class Journal {
   std::string mSessionId;
   std::string mRoot;
   System::FileDescriptor mFd;
+  std::set<std::string> mStagingDirs;  // recorded already
 };
 
 #endif  // HIVE_HOPPERD_JOURNAL_H_

@@ -115,6 +115,9 @@ bool retryMove(const std::string& from, const std::string& to, bool force = fals
 
 // Appends the names of all entries in kernel order, "." and ".." included.
 bool readDirectory(const std::string& path, std::vector<std::string>& names);
+// The same for the open directory dirFd, read from its current position
+// (pass one freshly opened).
+bool readDirectoryAt(int dirFd, std::vector<std::string>& names);
 
 // Creates one directory with the given mode (before umask). Never follows a
 // symbolic link at the last component: an existing link gives EEXIST.

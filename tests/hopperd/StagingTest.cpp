@@ -234,6 +234,8 @@ TEST(StagingTest, CleanUpRemovesWhatAnUnfinishedSessionLeftAndNothingElse) {
     EXPECT_EQ(crashed.send("/a/b/", "we\nird", "abc"), "");
     EXPECT_EQ(crashed.send("/kept/", "f", "x"), "");
     TempDir::write(root + "/kept/other", "y");
+    // Staged by another upload, beside one of this session's.
+    TempDir::write(root + "/kept/" + StagedFile::nameFor("f", "s3", 0), "z");
   }  // the daemon stops without commit or abort
   {
     // Records that no session could have made are left alone.
@@ -256,7 +258,8 @@ TEST(StagingTest, CleanUpRemovesWhatAnUnfinishedSessionLeftAndNothingElse) {
   EXPECT_FALSE(fs::exists(root + "/a"));  // emptied (the odd name found), removed deepest first
   EXPECT_TRUE(fs::exists(root + "/kept/other")) << "a directory in use stays";
   EXPECT_TRUE(fs::exists(root + "/kep"));
-  EXPECT_TRUE(filesUnder(root, true).empty());
+  EXPECT_EQ(filesUnder(root, true),
+            std::vector<std::string>{root + "/kept/" + StagedFile::nameFor("f", "s3", 0)});
   EXPECT_EQ(TempDir::read(root + "/victim"), "keep");
   EXPECT_EQ(filesUnder(outside, true).size(), 1u);
   EXPECT_TRUE(fs::is_empty(state));

@@ -95,16 +95,23 @@ const std::size_t kDirBufferSize = 5370;
 bool readDirectory(const std::string& path, std::vector<std::string>& names) {
   FileDescriptor dir(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!dir) return false;
+  if (!readDirectoryAt(dir.get(), names)) {
+    SaveError keep;
+    dir.close();
+    return false;
+  }
+  return dir.close();
+}
+
+bool readDirectoryAt(int dirFd, std::vector<std::string>& names) {
   alignas(RawDirEntry) char buffer[kDirBufferSize];
   for (;;) {
-    const long n = ::syscall(SYS_getdents64, dir.get(), buffer, sizeof buffer);
+    const long n = ::syscall(SYS_getdents64, dirFd, buffer, sizeof buffer);
     if (n < 0) {
       if (errno == EINTR) continue;
-      SaveError keep;
-      dir.close();
       return false;
     }
-    if (n == 0) break;
+    if (n == 0) return true;
     for (long off = 0; off < n;) {
       unsigned short recordLength;
       std::memcpy(&recordLength, buffer + off + offsetof(RawDirEntry, d_reclen),
@@ -113,7 +120,6 @@ bool readDirectory(const std::string& path, std::vector<std::string>& names) {
       off += recordLength;
     }
   }
-  return dir.close();
 }
 
 FileDescriptor::~FileDescriptor() {
