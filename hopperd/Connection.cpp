@@ -264,7 +264,7 @@ void Connection::receiveBlocks(int64_t count) {
       // The link corrupts data: the upstream host routes around this one.
       throw System::WireLimitError("a data block failed its checksum");
     }
-    if (mSession) mSession->fileData(mBuffer.data(), static_cast<size_t>(length));
+    if (mSession) mSession->fileData(mBuffer.data(), static_cast<size_t>(length), &actual);
     count -= length;
   }
 }

@@ -301,12 +301,12 @@ void Downstream::sendHeader(const FileInfo& info, int64_t end) {
   mAnnounced = true;
 }
 
-void Downstream::sendFileBytes(const char* data, size_t n) {
+void Downstream::sendFileBytes(const char* data, size_t n, const uint32_t* crc) {
   // Small blocks join the part header in the stream's buffer; large ones go
   // straight from the caller's buffer to the socket.
   for (size_t done = 0; done < n;) {
     const size_t block = std::min(n - done, static_cast<size_t>(kMaxRelayBlock));
-    Protocol::writeBlock(*mStream, data + done, block);
+    Protocol::writeBlock(*mStream, data + done, block, block == n ? crc : nullptr);
     done += block;
   }
   progressed();
@@ -455,14 +455,15 @@ void Downstream::startPart(const FileInfo& info, int64_t seq, const StagedFile* 
   }
 }
 
-void Downstream::forward(const char* data, size_t n, int64_t offset) {
+void Downstream::forward(const char* data, size_t n, int64_t offset,
+                         const uint32_t* blockCRC) {
   const int64_t end = offset + static_cast<int64_t>(n);
   if (!passing() || !linked()) return;
   const bool ok = onLink([&] {
     if (mPartState == PENDING) openLivePart();
     if (mPartState != STREAMING || mPosition >= end) return;
     const int64_t skip = mPosition - offset;
-    sendFileBytes(data + skip, n - static_cast<size_t>(skip));
+    sendFileBytes(data + skip, n - static_cast<size_t>(skip), skip == 0 ? blockCRC : nullptr);
     mPosition = end;
     // Bytes go on as they arrive; only the part's last block waits for
     // finishPart, so that a small file leaves in one write with its header.

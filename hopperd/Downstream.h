@@ -65,8 +65,9 @@ class Downstream {
   void startPart(const FileInfo& info, int64_t seq, const StagedFile* copy, int64_t start,
                  int64_t count);
   // Forwards the bytes [offset, offset + n) of the part; only what the link
-  // does not hold yet is sent.
-  void forward(const char* data, size_t n, int64_t offset);
+  // does not hold yet is sent. blockCRC, when not null, is their checksum
+  // (one relayed block, passed on as it came).
+  void forward(const char* data, size_t n, int64_t offset, const uint32_t* blockCRC = nullptr);
   // Ends the part: the lines of this host about a file it could not pass on
   // ("" when it went out). Never waits for the link's reply. When
   // checkFollows, the part's last bytes wait in the stream for the file's
@@ -147,8 +148,9 @@ class Downstream {
   void sendHeader(const FileInfo& info, int64_t end);
   // Sends the current part's header and what the link misses before it.
   void openLivePart();
-  // Sends data as checked blocks.
-  void sendFileBytes(const char* data, size_t n);
+  // Sends data as checked blocks; crc, when not null, is the checksum of
+  // all of it, which then goes as one block.
+  void sendFileBytes(const char* data, size_t n, const uint32_t* crc = nullptr);
   // The link holds every byte of the file seq of size bytes.
   bool holdsWhole(int64_t seq, int64_t size) const;
   // Sends [from, to) of a staged copy; false with the error text when the

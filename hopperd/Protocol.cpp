@@ -169,9 +169,9 @@ void writeFilePart(TCPStream& out, const FilePart& part) {
       << long(part.mSeq) << long(part.mStart) << long(part.mCount);
 }
 
-void writeBlock(TCPStream& out, const char* data, size_t n) {
-  const uint32_t crc = CRC::crc32c(reinterpret_cast<const unsigned char*>(data), n, 0);
-  out << static_cast<int>(n) << static_cast<int>(crc);
+void writeBlock(TCPStream& out, const char* data, size_t n, const uint32_t* crc) {
+  const uint32_t sum = crc ? *crc : CRC::crc32c(reinterpret_cast<const unsigned char*>(data), n, 0);
+  out << static_cast<int>(n) << static_cast<int>(sum);
   out.write(data, static_cast<std::streamsize>(n));
 }
 

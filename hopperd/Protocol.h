@@ -139,7 +139,9 @@ std::string readReply(TCPStream& in, const std::string& host);
 void writeFileInfo(TCPStream& out, const FileInfo& info);
 void writeFilePart(TCPStream& out, const FilePart& part);
 // One data block of a part, with its header: n is at most kMaxRelayBlock.
-void writeBlock(TCPStream& out, const char* data, size_t n);
+// crc, when not null, is the block's checksum as received (a relay passes
+// blocks on as they came and need not sum them again).
+void writeBlock(TCPStream& out, const char* data, size_t n, const uint32_t* crc = nullptr);
 void writeFileCheck(TCPStream& out, const FileCheck& check);
 void writeBegin(TCPStream& out, const std::vector<std::string>& hosts, bool stopAgents);
 void writeRelayIdentity(TCPStream& out, const RelayIdentity& identity);

@@ -210,7 +210,7 @@ void Session::lastFile(int64_t& seq, int64_t& bytes) const {
   bytes = healthy ? mLast->mFile->size() : kMaxFileSize;
 }
 
-void Session::fileData(const char* data, size_t n) {
+void Session::fileData(const char* data, size_t n, const uint32_t* blockCRC) {
   if (mCurrent && !mCurrent->mFailed) {
     const int64_t staged = mCurrent->mFile->size();
     const int64_t end = mOffset + static_cast<int64_t>(n);
@@ -224,7 +224,7 @@ void Session::fileData(const char* data, size_t n) {
     }
   }
   if (mSumming) mSum = CRC::crc32c(reinterpret_cast<const unsigned char*>(data), n, mSum);
-  mDownstream.forward(data, n, mOffset);
+  mDownstream.forward(data, n, mOffset, blockCRC);
   mOffset += static_cast<int64_t>(n);
   mBytesReceived += static_cast<int64_t>(n);
 }

@@ -57,7 +57,8 @@ class Session {
   // on. Its bytes follow whatever this host makes of it.
   void openPart(const FilePart& part);
   // The next bytes of the open file or part, in order.
-  void fileData(const char* data, size_t n);
+  // blockCRC, when not null, is the checksum of the n bytes as received.
+  void fileData(const char* data, size_t n, const uint32_t* blockCRC = nullptr);
   // Ends the open file or part; returns this host's error lines for it
   // ("" for success). Errors of the hosts after this one come with commit.
   // A file the client sent whole is checked here against the checksum of

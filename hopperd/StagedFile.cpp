@@ -14,8 +14,8 @@ const char kSuffix[] = ".staged";
 // Room kept for "-<attempt>", so that every attempt keeps the same prefix.
 const std::string::size_type kAttemptRoom = 4;
 const int kMaxAttempts = 1000;
-// Read-back block of checksum().
-const size_t kCheckBlock = 65536;
+// Read-back block of checksum(): large, so that a large file costs few calls.
+const size_t kCheckBlock = 1 << 20;
 
 // 64-bit FNV-1a: cheap, and ample to tell apart the names that share a prefix.
 std::string hashText(const std::string& text) {
