@@ -1,12 +1,12 @@
 #include "cmconnect/ClusterManagerConnection.h"
 
 #include <algorithm>
-#include <cassert>
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
 
 #include "ssl/QYSSL.h"
+#include "util/Assert.h"
 #include "util/StringUtilities.h"
 #include "util/System.h"
 #include "util/TCPSocket.h"
@@ -158,7 +158,7 @@ bool ClusterManagerConnection::send(const std::string& request, XMLTree& reply,
 }
 
 bool ClusterManagerConnection::doSendHTTP(const std::string& request, std::string* text) {
-  assert(text != nullptr);
+  HC_ASSERT(text != nullptr);
   std::ostringstream stream;
   if (!doSendHTTPStreaming(request, &stream)) return false;
   // A failed attempt may have left a longer body behind the final one.

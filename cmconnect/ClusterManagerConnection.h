@@ -4,8 +4,8 @@
 // and each reply is checked for the "Quarry" envelope with its Status.
 // Failures are reported by a false result; getError() tells the text and a
 // numeric code (see ErrorCode).
-#ifndef HIVE_CMCONNECT_CLUSTERMANAGERCONNECTION_H
-#define HIVE_CMCONNECT_CLUSTERMANAGERCONNECTION_H
+#ifndef HIVE_CMCONNECT_CLUSTERMANAGERCONNECTION_H_
+#define HIVE_CMCONNECT_CLUSTERMANAGERCONNECTION_H_
 
 #include <curl/curl.h>
 
@@ -130,4 +130,4 @@ class ClusterManagerConnection {
   qysec::Provider* mCMSecurityProvider = nullptr;
 };
 
-#endif  // HIVE_CMCONNECT_CLUSTERMANAGERCONNECTION_H
+#endif  // HIVE_CMCONNECT_CLUSTERMANAGERCONNECTION_H_

@@ -1,7 +1,7 @@
 // Assertions for programming errors that stay active in release builds: the
 // failing expression is printed on standard error and the process aborts.
-#ifndef HC_UTIL_ASSERT_H
-#define HC_UTIL_ASSERT_H
+#ifndef HIVE_UTIL_ASSERT_H_
+#define HIVE_UTIL_ASSERT_H_
 
 // Prints "Assertion failed: <expr> (<file>:<line>)" and aborts.
 [[noreturn]] void assertionFailed(const char* expr, const char* file, int line);
@@ -13,4 +13,4 @@
 #define HC_ASSERT_MSG(expr, text) \
   ((expr) ? static_cast<void>(0) : assertionFailed(text, __FILE__, __LINE__))
 
-#endif  // HC_UTIL_ASSERT_H
+#endif  // HIVE_UTIL_ASSERT_H_

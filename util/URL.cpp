@@ -1,6 +1,6 @@
 #include "util/URL.h"
 
-#include <cassert>
+#include "util/Assert.h"
 
 namespace {
 
@@ -17,7 +17,7 @@ int hexValue(char c) {
 namespace URL {
 
 void decode(const std::string& encoded, std::string& decoded) {
-  assert(&encoded != &decoded);
+  HC_ASSERT(&encoded != &decoded);
   decoded.reserve(decoded.size() + encoded.size());
   const size_t n = encoded.size();
   for (size_t i = 0; i < n; ++i) {

@@ -1,7 +1,7 @@
 // URL text helpers. Values in cluster manager replies travel percent-encoded;
 // the XML tree decodes them lazily with URL::decode.
-#ifndef HIVE_UTIL_URL_H
-#define HIVE_UTIL_URL_H
+#ifndef HIVE_UTIL_URL_H_
+#define HIVE_UTIL_URL_H_
 
 #include <string>
 
@@ -15,4 +15,4 @@ void decode(const std::string& encoded, std::string& decoded);
 
 }  // namespace URL
 
-#endif  // HIVE_UTIL_URL_H
+#endif  // HIVE_UTIL_URL_H_
