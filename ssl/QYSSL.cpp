@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <functional>
 #include <string_view>
+#include <utility>
 
 namespace qysec {
 
@@ -20,11 +21,8 @@ const char kStrongCiphers[] =
 const char kCurve[] = "prime256v1";
 
 void initializeLibraryOnce() {
-  static const bool initialized = [] {
-    OPENSSL_init_ssl(0, nullptr);
-    OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
-    return true;
-  }();
+  static const bool initialized =
+      OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
   (void)initialized;
 }
 
@@ -40,8 +38,8 @@ std::string errorText(unsigned long code) {
   throw std::runtime_error(errorText(code));
 }
 
-struct SessionFree {
-  void operator()(SSL* session) const { SSL_free(session); }
+struct BioFree {
+  void operator()(BIO* bio) const { BIO_free(bio); }
 };
 struct CertificateFree {
   void operator()(X509* cert) const { X509_free(cert); }
@@ -70,11 +68,15 @@ std::pair<std::string, std::string> splitACLEntry(const std::string& piece) {
 
 // ---------------------------------------------------------------- SSLSocket
 
-SSLSocket::SSLSocket(SSL* session) : mImpl(session) {}
+void SessionFree::operator()(SSL* session) const { SSL_free(session); }
+
+void ContextFree::operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
+
+SSLSocket::SSLSocket(SessionPtr session) : mImpl(std::move(session)) {}
 
 SSLSocket::~SSLSocket() {
-  SSL_shutdown(mImpl);
-  SSL_free(mImpl);
+  if (mImpl) SSL_shutdown(mImpl.get());
+  mImpl.reset();
   ERR_clear_error();
 }
 
@@ -96,19 +98,17 @@ int sessionResult(SSL* session, int result) {
 
 int SSLSocket::write(const void* data, int length) {
   ERR_clear_error();
-  return sessionResult(mImpl, SSL_write(mImpl, data, length));
+  return sessionResult(mImpl.get(), SSL_write(mImpl.get(), data, length));
 }
 
 int SSLSocket::read(void* data, int length) {
   ERR_clear_error();
-  return sessionResult(mImpl, SSL_read(mImpl, data, length));
+  return sessionResult(mImpl.get(), SSL_read(mImpl.get(), data, length));
 }
 
-bool SSLSocket::isReadable() { return SSL_pending(mImpl) > 0; }
+bool SSLSocket::isReadable() { return SSL_pending(mImpl.get()) > 0; }
 
 // -------------------------------------------------------------- SSLProvider
-
-void SSLProvider::ContextFree::operator()(SSL_CTX* ctx) const { SSL_CTX_free(ctx); }
 
 SSLProvider::SSLProvider(bool requireTrustedCerts) : mRequireTrustedCerts(requireTrustedCerts) {
   initializeLibraryOnce();
@@ -171,20 +171,21 @@ void SSLProvider::setACL(const char* acl) {
   }
 }
 
-Socket* SSLProvider::accept(int fd) { return handshake(fd, Mode::kServer); }
+std::unique_ptr<Socket> SSLProvider::accept(int fd) { return handshake(fd, Mode::kServer); }
 
-Socket* SSLProvider::connect(int fd) { return handshake(fd, Mode::kClient); }
+std::unique_ptr<Socket> SSLProvider::connect(int fd) { return handshake(fd, Mode::kClient); }
 
-Socket* SSLProvider::handshake(int fd, Mode mode) {
+std::unique_ptr<Socket> SSLProvider::handshake(int fd, Mode mode) {
   Mutex::Lock lock(mMutex);
   ERR_clear_error();
-  std::unique_ptr<SSL, SessionFree> session(SSL_new(mImpl.get()));
-  BIO* bio = BIO_new_socket(fd, BIO_NOCLOSE);
-  if (!session || bio == nullptr) {
-    BIO_free(bio);
+  SessionPtr session(SSL_new(mImpl.get()));
+  std::unique_ptr<BIO, BioFree> bio(BIO_new_socket(fd, BIO_NOCLOSE));
+  if (!session || !bio) {
     throw HandshakeError("SSL handshake failure: " + errorText(ERR_get_error()));
   }
-  SSL_set_bio(session.get(), bio, bio);  // the session owns the BIO from here
+  // One reference serves both directions; the session owns it from here.
+  SSL_set_bio(session.get(), bio.get(), bio.get());
+  bio.release();
   const int result = mode == Mode::kServer ? SSL_accept(session.get()) : SSL_connect(session.get());
   if (result != 1) {
     const int error = SSL_get_error(session.get(), result);
@@ -194,7 +195,7 @@ Socket* SSLProvider::handshake(int fd, Mode mode) {
     throw HandshakeError("SSL handshake failure: " + reason);
   }
   if (mRequireTrustedCerts) checkPeer(session.get());
-  return new SSLSocket(session.release());
+  return std::make_unique<SSLSocket>(std::move(session));
 }
 
 void SSLProvider::checkPeer(SSL* session) const {
@@ -227,14 +228,5 @@ bool SSLProvider::matchAny(const std::vector<std::string>& list, X509_NAME* subj
   }
   return false;
 }
-
-void LockingCallback(int mode, int n, const char* file, int line) {
-  (void)mode;
-  (void)n;
-  (void)file;
-  (void)line;
-}
-
-void ThreadIdCallback(void* id) { (void)id; }
 
 }  // namespace qysec

@@ -2,8 +2,8 @@
 // of secured sockets over connected descriptors; SSLProvider is the TLS 1.2
 // implementation and SSLSocket the session it hands out. The provider's name
 // also tells the HTTP client which scheme to use ("ssl" means https).
-#ifndef HIVE_SSL_QYSSL_H
-#define HIVE_SSL_QYSSL_H
+#ifndef HIVE_SSL_QYSSL_H_
+#define HIVE_SSL_QYSSL_H_
 
 #include <openssl/types.h>
 
@@ -23,6 +23,16 @@ class HandshakeError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// Deleters, so that every library object lives in a std::unique_ptr.
+struct SessionFree {
+  void operator()(SSL* session) const;
+};
+struct ContextFree {
+  void operator()(SSL_CTX* context) const;
+};
+using SessionPtr = std::unique_ptr<SSL, SessionFree>;
+using ContextPtr = std::unique_ptr<SSL_CTX, ContextFree>;
+
 // A connected, secured byte stream.
 class Socket {
  public:
@@ -39,18 +49,18 @@ class Provider {
  public:
   virtual ~Provider() = default;
   // Run the server or client side of the handshake on |fd| (which stays
-  // owned by the caller) and return a new socket owned by the caller.
-  // Throw HandshakeError on failure.
-  virtual Socket* accept(int fd) = 0;
-  virtual Socket* connect(int fd) = 0;
+  // owned by the caller) and return the new socket. Throw HandshakeError on
+  // failure.
+  virtual std::unique_ptr<Socket> accept(int fd) = 0;
+  virtual std::unique_ptr<Socket> connect(int fd) = 0;
   virtual const char* name() const = 0;
 };
 
 // One TLS session; closing it sends the close notification.
 class SSLSocket : public Socket {
  public:
-  // Takes ownership of |session|.
-  explicit SSLSocket(SSL* session);
+  // |session| has completed its handshake.
+  explicit SSLSocket(SessionPtr session);
   ~SSLSocket() override;
   SSLSocket(const SSLSocket&) = delete;
   SSLSocket& operator=(const SSLSocket&) = delete;
@@ -62,7 +72,7 @@ class SSLSocket : public Socket {
   bool isReadable() override;
 
  private:
-  SSL* mImpl;
+  SessionPtr mImpl;
 };
 
 // TLS 1.2 on OpenSSL. With trusted certificates required, only strong ECDHE
@@ -78,8 +88,8 @@ class SSLProvider : public Provider {
   SSLProvider(const SSLProvider&) = delete;
   SSLProvider& operator=(const SSLProvider&) = delete;
 
-  Socket* accept(int fd) override;
-  Socket* connect(int fd) override;
+  std::unique_ptr<Socket> accept(int fd) override;
+  std::unique_ptr<Socket> connect(int fd) override;
   const char* name() const override { return "ssl"; }
 
   // Each throws std::runtime_error with the OpenSSL error text on failure.
@@ -103,15 +113,12 @@ class SSLProvider : public Provider {
   static bool matchAny(const std::vector<std::string>& list, X509_NAME* subject, int nid);
 
  private:
-  struct ContextFree {
-    void operator()(SSL_CTX* ctx) const;
-  };
   enum class Mode { kClient, kServer };
 
-  Socket* handshake(int fd, Mode mode);
+  std::unique_ptr<Socket> handshake(int fd, Mode mode);
   void checkPeer(SSL* session) const;
 
-  std::unique_ptr<SSL_CTX, ContextFree> mImpl;
+  ContextPtr mImpl;
   Mutex mMutex;  // serialises handshakes
   bool mHaveCA = false;
   bool mHaveOwnCert = false;
@@ -121,12 +128,6 @@ class SSLProvider : public Provider {
   std::vector<std::string> mOUs;
 };
 
-// Callbacks of OpenSSL's former locking interface. The library locks for
-// itself now, so both do nothing; they remain for code that still installs
-// them.
-void LockingCallback(int mode, int n, const char* file, int line);
-void ThreadIdCallback(void* id);
-
 }  // namespace qysec
 
-#endif  // HIVE_SSL_QYSSL_H
+#endif  // HIVE_SSL_QYSSL_H_
