@@ -160,15 +160,14 @@ class SigPipeGuard {
 }  // namespace
 
 TCPSocket::TCPSocket()
-    : mFd(-1),
-      mReadTimeout(-1),
+    : mReadTimeout(-1),
       mWriteTimeout(-1),
       mCancelFlag(nullptr),
       mLastError(0),
       mReadBytes(0),
       mWriteBytes(0) {}
 
-TCPSocket::TCPSocket(int fd) : TCPSocket() { mFd = fd; }
+TCPSocket::TCPSocket(int fd) : TCPSocket() { mFd = System::FileDescriptor(fd); }
 
 TCPSocket::~TCPSocket() { close(); }
 
@@ -210,7 +209,7 @@ bool TCPSocket::await(short events, int timeoutMs, bool stallable) {
     int wait = limited ? pollMs(timeoutEnd - now) : -1;
     if (hasDeadline) wait = shorterWait(wait, pollMs(mDeadline - now));
     if (mCancelFlag) wait = shorterWait(wait, kCancelCheckMs);
-    pollfd p{mFd, events, 0};
+    pollfd p{mFd.get(), events, 0};
     const int rc = ::poll(&p, 1, wait);
     if (rc > 0) return true;
     if (rc < 0 && errno != EINTR) return fail(errno);
@@ -221,15 +220,16 @@ bool TCPSocket::await(short events, int timeoutMs, bool stallable) {
 }
 
 void TCPSocket::connect(const std::string& host, int port, long timeoutMs) {
-  if (mFd >= 0) throw exception("socket already open");
+  if (mFd.valid()) throw exception("socket already open");
   // Close-on-exec from birth: set later, a fork in another thread could
   // inherit the descriptor. Non-blocking until connected, so that the wait
   // happens in poll where its limits apply.
-  mFd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (mFd < 0) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (fd < 0) {
     mLastError = errno;
     throw exception(format("couldn't create client socket: %.100s", errnoText(errno).c_str()));
   }
+  mFd = System::FileDescriptor(fd);
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_port = htons(static_cast<uint16_t>(port));
@@ -241,7 +241,7 @@ void TCPSocket::connect(const std::string& host, int port, long timeoutMs) {
     }
     addr.sin_addr = found.front();
   }
-  if (::connect(mFd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0 &&
+  if (::connect(mFd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0 &&
       !System::errorMeansInProgress()) {
     mLastError = errno;
     failAndClose("couldn't connect to server");
@@ -255,7 +255,7 @@ void TCPSocket::connect(const std::string& host, int port, long timeoutMs) {
   }
   int pending = 0;
   socklen_t len = sizeof pending;
-  if (::getsockopt(mFd, SOL_SOCKET, SO_ERROR, &pending, &len) < 0) {
+  if (::getsockopt(mFd.get(), SOL_SOCKET, SO_ERROR, &pending, &len) < 0) {
     mLastError = errno;
     failAndClose(format("Internal socket error: %s", errnoText(errno).c_str()));
   }
@@ -263,7 +263,7 @@ void TCPSocket::connect(const std::string& host, int port, long timeoutMs) {
     mLastError = pending;
     failAndClose(format("couldn't connect to server:  %s", errnoText(pending).c_str()));
   }
-  if (System::setNonBlocking(mFd, 0) < 0) {
+  if (System::setNonBlocking(mFd.get(), 0) < 0) {
     mLastError = errno;
     failAndClose(format("couldn't reset socket to Blocking \"%.60s\": %.150s", host.c_str(),
                         errnoText(errno).c_str()));
@@ -271,7 +271,7 @@ void TCPSocket::connect(const std::string& host, int port, long timeoutMs) {
 }
 
 void TCPSocket::listen(const std::string& address, int port, int backlog) {
-  if (mFd >= 0) throw exception("socket already open");
+  if (mFd.valid()) throw exception("socket already open");
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_port = htons(static_cast<uint16_t>(port));
@@ -279,19 +279,20 @@ void TCPSocket::listen(const std::string& address, int port, int backlog) {
   if (!address.empty() && !parseDotted(address, addr.sin_addr)) {
     throw exception(format("invalid listen address \"%.60s\"", address.c_str()));
   }
-  mFd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (mFd < 0) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) {
     mLastError = errno;
     throw exception(format("couldn't create server socket: %.150s", errnoText(errno).c_str()));
   }
+  mFd = System::FileDescriptor(fd);
   const int on = 1;
-  if (::setsockopt(mFd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0 ||
-      ::bind(mFd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0) {
+  if (::setsockopt(mFd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0 ||
+      ::bind(mFd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0) {
     mLastError = errno;
     failAndClose(format("couldn't bind to %.60s:%d: %.150s", address.c_str(), port,
                         errnoText(errno).c_str()));
   }
-  if (::listen(mFd, backlog) < 0) {
+  if (::listen(mFd.get(), backlog) < 0) {
     mLastError = errno;
     failAndClose(format("couldn't listen on %.60s:%d: %.150s", address.c_str(), port,
                         errnoText(errno).c_str()));
@@ -299,12 +300,12 @@ void TCPSocket::listen(const std::string& address, int port, int backlog) {
 }
 
 std::unique_ptr<TCPSocket> TCPSocket::accept(int timeoutMs) {
-  if (mFd < 0) throw exception("accept on a closed socket");
+  if (!mFd.valid()) throw exception("accept on a closed socket");
   if (!await(POLLIN, timeoutMs, false)) {
     if (mLastError == ETIMEDOUT || mLastError == ECANCELED || mLastError == EINTR) return nullptr;
     throw exception(format("select failed: %.150s", errnoText(mLastError).c_str()));
   }
-  const int fd = ::accept4(mFd, nullptr, nullptr, SOCK_CLOEXEC);
+  const int fd = ::accept4(mFd.get(), nullptr, nullptr, SOCK_CLOEXEC);
   if (fd < 0) {
     mLastError = errno;
     // The peer may have given up between poll and accept, or a signal came.
@@ -315,34 +316,32 @@ std::unique_ptr<TCPSocket> TCPSocket::accept(int timeoutMs) {
 }
 
 void TCPSocket::close() {
+  // The layer may still talk to the peer on its way out.
   mSecureSocket.reset();
-  if (mFd >= 0) {
-    ::close(mFd);
-    mFd = -1;
-  }
+  mFd.close();
 }
 
 void TCPSocket::shutdown(bool reset) {
-  if (mFd < 0) return;
+  if (!mFd.valid()) return;
   if (reset) {
     const linger abortive{1, 0};
-    ::setsockopt(mFd, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
+    ::setsockopt(mFd.get(), SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
   }
-  ::shutdown(mFd, SHUT_RDWR);
+  ::shutdown(mFd.get(), SHUT_RDWR);
 }
 
 std::unique_ptr<TCPSocket> TCPSocket::duplicate() const {
-  if (mFd < 0) return nullptr;
-  const int fd = ::fcntl(mFd, F_DUPFD_CLOEXEC, 0);
+  if (!mFd.valid()) return nullptr;
+  const int fd = ::fcntl(mFd.get(), F_DUPFD_CLOEXEC, 0);
   if (fd < 0) return nullptr;
   return std::make_unique<TCPSocket>(fd);
 }
 
 bool TCPSocket::isGood() {
-  if (mFd < 0) return false;
+  if (!mFd.valid()) return false;
   char byte;
   for (int attempt = 0; attempt < 100; ++attempt) {
-    const ssize_t n = ::recv(mFd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    const ssize_t n = ::recv(mFd.get(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
     if (n > 0) return true;
     if (n == 0) return false;  // orderly shutdown by the peer
     if (errno == EINTR) continue;
@@ -360,12 +359,12 @@ bool TCPSocket::secureHasBufferedData() {
 }
 
 bool TCPSocket::isReadable(int ms) {
-  if (mFd < 0) return false;
+  if (!mFd.valid()) return false;
   return secureHasBufferedData() || await(POLLIN, ms, false);
 }
 
 int TCPSocket::read(char* buffer, int length) {
-  if (mFd < 0) {
+  if (!mFd.valid()) {
     mLastError = EBADF;
     return -1;
   }
@@ -380,7 +379,7 @@ int TCPSocket::read(char* buffer, int length) {
     // either way.
     if (limitReached()) return -1;
     for (;;) {
-      n = ::recv(mFd, buffer, static_cast<size_t>(length), MSG_DONTWAIT);
+      n = ::recv(mFd.get(), buffer, static_cast<size_t>(length), MSG_DONTWAIT);
       if (n >= 0 || (errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK)) break;
       if (errno != EINTR && !await(POLLIN, mReadTimeout, true)) return -1;
     }
@@ -395,7 +394,7 @@ int TCPSocket::read(char* buffer, int length) {
 }
 
 int TCPSocket::write(const char* buffer, int length) {
-  if (mFd < 0) {
+  if (!mFd.valid()) {
     mLastError = EBADF;
     return 0;
   }
@@ -415,7 +414,7 @@ int TCPSocket::write(const char* buffer, int length) {
       n = mSecureSocket->write(buffer + done, length - done);
     } else {
       // MSG_NOSIGNAL: a vanished peer is an error return, never a SIGPIPE.
-      n = ::send(mFd, buffer + done, static_cast<size_t>(length - done),
+      n = ::send(mFd.get(), buffer + done, static_cast<size_t>(length - done),
                  MSG_NOSIGNAL | (bounded ? MSG_DONTWAIT : 0));
       if (n < 0 && errno == EINTR) continue;
       if (n < 0 && bounded && (errno == EAGAIN || errno == EWOULDBLOCK)) {
@@ -437,7 +436,7 @@ int TCPSocket::write(const char* buffer, int length) {
 
 bool TCPSocket::sendFile(int fd, int64_t offset, int64_t count, int blockSize,
                          const BlockSent& afterBlock) {
-  if (mFd < 0) return fail(EBADF);
+  if (!mFd.valid()) return fail(EBADF);
   // A secure layer has to encrypt the bytes and a spy to see them; neither
   // can when the kernel moves them.
   if (mSecureSocket || mSpy) return fail(EOPNOTSUPP);
@@ -446,7 +445,7 @@ bool TCPSocket::sendFile(int fd, int64_t offset, int64_t count, int blockSize,
   // once per call, not per block: each costs system calls.
   const bool bounded = writesBounded();
   std::optional<NonBlockingScope> nonBlocking;
-  if (bounded && !nonBlocking.emplace(mFd).active()) return fail(EOPNOTSUPP);
+  if (bounded && !nonBlocking.emplace(mFd.get()).active()) return fail(EOPNOTSUPP);
   SigPipeGuard sigPipe;
   for (int64_t done = 0; done < count;) {
     const int block = static_cast<int>(std::min<int64_t>(blockSize, count - done));
@@ -459,7 +458,7 @@ bool TCPSocket::sendFile(int fd, int64_t offset, int64_t count, int blockSize,
         break;
       }
       off_t at = static_cast<off_t>(offset + done + sent);
-      const ssize_t n = ::sendfile(mFd, fd, &at, static_cast<size_t>(block - sent));
+      const ssize_t n = ::sendfile(mFd.get(), fd, &at, static_cast<size_t>(block - sent));
       if (n > 0) {
         sent += static_cast<int>(n);
       } else if (n == 0) {
@@ -482,8 +481,8 @@ bool TCPSocket::sendFile(int fd, int64_t offset, int64_t count, int blockSize,
 
 bool TCPSocket::setKeepAlive(bool on) {
   const int value = on ? 1 : 0;
-  if (mFd < 0 || ::setsockopt(mFd, SOL_SOCKET, SO_KEEPALIVE, &value, sizeof value) < 0) {
-    mLastError = mFd < 0 ? EBADF : errno;
+  if (!mFd.valid() || ::setsockopt(mFd.get(), SOL_SOCKET, SO_KEEPALIVE, &value, sizeof value) < 0) {
+    mLastError = !mFd.valid() ? EBADF : errno;
     return false;
   }
   return true;
@@ -516,29 +515,35 @@ std::vector<std::string> TCPSocket::getHostIPList(const std::string& host) {
 std::string TCPSocket::getRemoteHost() const {
   sockaddr_in addr{};
   socklen_t len = sizeof addr;
-  if (mFd < 0 || ::getpeername(mFd, reinterpret_cast<sockaddr*>(&addr), &len) < 0) return "";
+  if (!mFd.valid() || ::getpeername(mFd.get(), reinterpret_cast<sockaddr*>(&addr), &len) < 0) {
+    return "";
+  }
   return dotted(addr.sin_addr);
 }
 
 int TCPSocket::getRemotePort() const {
   sockaddr_in addr{};
   socklen_t len = sizeof addr;
-  if (mFd < 0 || ::getpeername(mFd, reinterpret_cast<sockaddr*>(&addr), &len) < 0) return -1;
+  if (!mFd.valid() || ::getpeername(mFd.get(), reinterpret_cast<sockaddr*>(&addr), &len) < 0) {
+    return -1;
+  }
   return ntohs(addr.sin_port);
 }
 
 int TCPSocket::getListenerPort() const {
   sockaddr_in addr{};
   socklen_t len = sizeof addr;
-  if (mFd < 0 || ::getsockname(mFd, reinterpret_cast<sockaddr*>(&addr), &len) < 0) return -1;
+  if (!mFd.valid() || ::getsockname(mFd.get(), reinterpret_cast<sockaddr*>(&addr), &len) < 0) {
+    return -1;
+  }
   return ntohs(addr.sin_port);
 }
 
 int TCPSocket::getSocketError() const {
   int pending = 0;
   socklen_t len = sizeof pending;
-  if (mFd < 0) return EBADF;
-  if (::getsockopt(mFd, SOL_SOCKET, SO_ERROR, &pending, &len) < 0) return errno;
+  if (!mFd.valid()) return EBADF;
+  if (::getsockopt(mFd.get(), SOL_SOCKET, SO_ERROR, &pending, &len) < 0) return errno;
   return pending;
 }
 

@@ -12,8 +12,8 @@
 // ETIMEDOUT (time-out, deadline) and ECANCELED apart from a lost peer. A
 // socket object is used by one thread at a time, except that shutdown() may
 // be called, and the cancel flag set, from another thread.
-#ifndef UTIL_TCPSOCKET_H_
-#define UTIL_TCPSOCKET_H_
+#ifndef HIVE_UTIL_TCPSOCKET_H_
+#define HIVE_UTIL_TCPSOCKET_H_
 
 #include <atomic>
 #include <cstdint>
@@ -24,6 +24,7 @@
 #include <utility>
 #include <vector>
 
+#include "util/System.h"
 #include "util/Ticks.h"
 
 // Observer of the bytes moving through a socket (tracing, statistics).
@@ -58,7 +59,7 @@ class TCPSocket {
   TCPSocket();
   // Adopts an already connected descriptor (the socket now owns it).
   explicit TCPSocket(int fd);
-  ~TCPSocket();  // closes the descriptor
+  ~TCPSocket();  // drops the secure layer, then closes the descriptor
   TCPSocket(const TCPSocket&) = delete;
   TCPSocket& operator=(const TCPSocket&) = delete;
 
@@ -94,7 +95,7 @@ class TCPSocket {
   std::unique_ptr<TCPSocket> duplicate() const;
 
   // True while the descriptor is open (the peer may have gone away).
-  bool isConnected() const { return mFd >= 0; }
+  bool isConnected() const { return mFd.valid(); }
   // True when connected and the peer has not closed its side.
   bool isGood();
   // True when a read would not block within ms milliseconds (-1: no limit).
@@ -201,7 +202,7 @@ class TCPSocket {
   bool limitReached();
   bool fail(int error);
 
-  int mFd;
+  System::FileDescriptor mFd;  // invalid while closed
   std::unique_ptr<TCPSecureLayer> mSecureSocket;
   int mReadTimeout;
   int mWriteTimeout;
@@ -216,4 +217,4 @@ class TCPSocket {
   int64_t mWriteBytes;
 };
 
-#endif  // UTIL_TCPSOCKET_H_
+#endif  // HIVE_UTIL_TCPSOCKET_H_

@@ -1,5 +1,6 @@
 #include "util/TCPSocket.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
@@ -236,4 +237,50 @@ TEST(TCPSocketTest, SendFileContinuesShortTransfersUntilItsDeadline) {
   EXPECT_FALSE(client.sendFile(file.get(), 0, count, 1 << 20, nullptr));
   EXPECT_EQ(client.getLastError(), ETIMEDOUT);
   EXPECT_LT((Ticks::currentTime() - start).seconds(), 5.0);  // not the watchdog's shutdown
+}
+
+namespace {
+
+int openDescriptors() {
+  std::vector<std::string> names;
+  EXPECT_TRUE(System::readDirectory("/proc/self/fd", names));
+  return static_cast<int>(names.size());
+}
+
+}  // namespace
+
+// A socket owns one descriptor at a time: failed calls give it back, a
+// second close never reaches a descriptor that took the old number, and a
+// duplicate carries the connection on its own.
+TEST(TCPSocketTest, DescriptorOwnership) {
+  const int before = openDescriptors();
+  {
+    TCPSocket listener;
+    listener.listen("127.0.0.1", 0);
+    TCPSocket taken, refused;
+    EXPECT_THROW(taken.listen("127.0.0.1", listener.getListenerPort()), TCPSocket::exception);
+    EXPECT_FALSE(taken.isConnected());
+    EXPECT_THROW(refused.connect("127.0.0.1", FakeDaemon::unusedPort(), 2000),
+                 TCPSocket::exception);
+    TCPSocket client;
+    client.connect("127.0.0.1", listener.getListenerPort(), 2000);
+    std::unique_ptr<TCPSocket> server = listener.accept(2000);
+    ASSERT_TRUE(server);
+    std::unique_ptr<TCPSocket> copy = server->duplicate();
+    ASSERT_TRUE(copy);
+    server->close();
+    EXPECT_EQ(server->duplicate(), nullptr);
+    System::FileDescriptor later = System::openForRead("/dev/null");  // may reuse the number
+    server->close();
+    server.reset();
+    EXPECT_NE(fcntl(later.get(), F_GETFD), -1);
+
+    char buffer[4] = {0};
+    client.setReadTimeout(2000);
+    EXPECT_EQ(copy->write("d", 1), 1);
+    EXPECT_EQ(client.read(buffer, sizeof buffer), 1);
+    copy.reset();
+    EXPECT_EQ(client.read(buffer, sizeof buffer), 0);  // the last descriptor closed
+  }
+  EXPECT_EQ(openDescriptors(), before);
 }
