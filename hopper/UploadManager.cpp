@@ -140,9 +140,8 @@ bool UploadManager::uploadFile(const std::string& localPath, const std::string& 
     mStdout << "WARNING: " << localPath << " is not a regular file, skipping..." << std::endl;
     return false;
   }
-  std::unique_ptr<std::ifstream> file =
-      System::make_ifstream(localPath, std::ios::in | std::ios::binary);
-  if (!file->is_open() || !*file) throw std::runtime_error("Error opening file: " + localPath);
+  const System::FileDescriptor file = System::openForRead(localPath);
+  if (!file) throw std::runtime_error("Error opening file: " + localPath);
   if (!mPOutStream) beginUpload();
   if (!mPOutStream || aborted()) return false;  // aborted while choosing a head
 
@@ -152,7 +151,7 @@ bool UploadManager::uploadFile(const std::string& localPath, const std::string& 
   for (;;) {
     std::ostringstream fileErrors;
     try {
-      return sendFile(*file, localPath, remotePath, size, mode, sent, dotBytes, fileErrors);
+      return sendFile(file.get(), localPath, remotePath, size, mode, sent, dotBytes, fileErrors);
     } catch (const std::ios_base::failure&) {
       std::string text = fileErrors.str();
       if (!text.empty()) {  // the daemon refused the file; the connection is fine
@@ -173,9 +172,9 @@ bool UploadManager::uploadFile(const std::string& localPath, const std::string& 
   }
 }
 
-bool UploadManager::sendFile(std::ifstream& file, const std::string& localPath,
-                             const std::string& remotePath, long size, int mode, long& sent,
-                             long& dotBytes, std::ostream& fileErrors) {
+bool UploadManager::sendFile(int file, const std::string& localPath, const std::string& remotePath,
+                             long size, int mode, long& sent, long& dotBytes,
+                             std::ostream& fileErrors) {
   long position = -1;
   sendResumeUploadMsg(*mPOutStream, mNodeIPSet, mStopAgents, size, mode, localPath, remotePath,
                       position, fileErrors);
@@ -198,13 +197,11 @@ bool UploadManager::sendFile(std::ifstream& file, const std::string& localPath,
   return false;
 }
 
-void UploadManager::resumeFrom(std::istream& file, const std::string& localPath, long position,
-                               long size, long& sent) {
-  // The file may have been read past `sent` by a block that never made it
-  // onto the stream.
-  file.clear();
-  file.seekg(sent);
+void UploadManager::resumeFrom(int file, const std::string& localPath, long position, long size,
+                               long& sent) {
   if (position >= 0 && position < sent) {
+    // The new head lost bytes that went to the old one: they go again, and
+    // the data carries on from sent.
     if (!catchupStream(position, sent, file, *mPOutStream)) {
       throw std::runtime_error("Error reading file: " + localPath);
     }
@@ -212,12 +209,11 @@ void UploadManager::resumeFrom(std::istream& file, const std::string& localPath,
     // The daemons already hold more than was sent through this client (a
     // file resumed from an earlier run): send only the rest.
     sent = std::min(position, size);
-    file.seekg(sent);
   }
 }
 
-bool UploadManager::sendData(std::ifstream& file, const std::string& localPath, long size,
-                             long& sent, long& dotBytes) {
+bool UploadManager::sendData(int file, const std::string& localPath, long size, long& sent,
+                             long& dotBytes) {
   // After each block: the progress, then whether to go on.
   const auto blockSent = [&](int length) {
     sent += length;
@@ -231,8 +227,7 @@ bool UploadManager::sendData(std::ifstream& file, const std::string& localPath, 
   // go through the stream in one write: setting a descriptor up for the
   // kernel's copy costs more system calls than it saves.
   if (size - sent >= kSendFileMinimum && !aborted()) {
-    switch (mPOutStream->sendFile(System::fileDescriptor(file), sent, size - sent, kBlockSize,
-                                  blockSent)) {
+    switch (mPOutStream->sendFile(file, sent, size - sent, kBlockSize, blockSent)) {
       case TCPStream::FileSend::kDone:
         return !aborted();
       case TCPStream::FileSend::kFileEnded:  // the file shrank
@@ -245,8 +240,9 @@ bool UploadManager::sendData(std::ifstream& file, const std::string& localPath, 
   while (sent < size) {
     if (aborted()) return false;
     const long length = std::min<long>(kBlockSize, size - sent);
-    file.read(mBlock.data(), length);
-    if (file.gcount() != length) throw std::runtime_error("Error reading file: " + localPath);
+    if (System::preadFull(file, mBlock.data(), static_cast<size_t>(length), sent) != length) {
+      throw std::runtime_error("Error reading file: " + localPath);
+    }
     mPOutStream->write(mBlock.data(), length);
     if (!blockSent(static_cast<int>(length))) return false;
   }

@@ -8,12 +8,10 @@
 // that way aborts the run and does not count as a lost host. File data goes
 // from the file to the head inside the kernel where it can (sendfile), else
 // it is read and written here, in the same blocks either way.
-#ifndef HOPPER_UPLOADMANAGER_H_
-#define HOPPER_UPLOADMANAGER_H_
+#ifndef HIVE_HOPPER_UPLOADMANAGER_H_
+#define HIVE_HOPPER_UPLOADMANAGER_H_
 
 #include <exception>
-#include <fstream>
-#include <istream>
 #include <memory>
 #include <string>
 #include <utility>
@@ -89,14 +87,16 @@ class UploadManager : public MoveManager {
   // gets the directory's last component appended); skips links and pipes.
   bool uploadEntry(const std::string& localPath, const std::string& fileTarget,
                    const std::string& directoryTarget);
-  bool sendFile(std::ifstream& file, const std::string& localPath, const std::string& remotePath,
-                long size, int mode, long& sent, long& dotBytes, std::ostream& fileErrors);
-  void resumeFrom(std::istream& file, const std::string& localPath, long position, long size,
-                  long& sent);
+  // file is the open source; every read names its offset.
+  bool sendFile(int file, const std::string& localPath, const std::string& remotePath, long size,
+                int mode, long& sent, long& dotBytes, std::ostream& fileErrors);
+  // Lines the head up with the daemon's position after an announcement:
+  // re-sends [position, sent) when the daemon holds less than was sent, or
+  // skips sent up to position when it holds more.
+  void resumeFrom(int file, const std::string& localPath, long position, long size, long& sent);
   // Sends bytes [sent, size) of the file, advancing sent block by block.
   // False when the run was aborted (signal or time limit) on the way.
-  bool sendData(std::ifstream& file, const std::string& localPath, long size, long& sent,
-                long& dotBytes);
+  bool sendData(int file, const std::string& localPath, long size, long& sent, long& dotBytes);
   // When the run's time limit has passed, aborts the run and returns true.
   // After a failed exchange this tells that the head was not at fault.
   bool timeLimitPassed();
@@ -118,4 +118,4 @@ class UploadManager : public MoveManager {
   Wire mWire = Wire::Idle;
 };
 
-#endif  // HOPPER_UPLOADMANAGER_H_
+#endif  // HIVE_HOPPER_UPLOADMANAGER_H_

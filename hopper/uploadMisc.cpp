@@ -5,6 +5,7 @@
 
 #include "hopper/hopperMisc.h"
 #include "util/StringUtilities.h"
+#include "util/System.h"
 #include "util/pathfun.h"
 
 namespace {
@@ -125,16 +126,12 @@ void sendResumeUploadMsg(TCPStream& stream, const NodeSet& nodes, bool stopAgent
   }
 }
 
-bool catchupStream(long from, long to, std::istream& file, TCPStream& stream) {
+bool catchupStream(long from, long to, int fd, TCPStream& stream) {
   // A single gap never exceeds the data in flight, so an int holds it.
   const int gap = static_cast<int>(to - from);
   if (gap <= 0) return stream.good();
-  const std::streampos resumeAt = file.tellg();
-  file.seekg(-static_cast<std::streamoff>(gap), std::ios::cur);
   std::vector<char> buffer(static_cast<size_t>(gap));
-  file.read(buffer.data(), gap);
-  file.seekg(resumeAt);
-  if (!file) return false;
+  if (System::preadFull(fd, buffer.data(), buffer.size(), from) != gap) return false;
   stream.write(buffer.data(), gap);
   return stream.good();
 }

@@ -5,10 +5,9 @@
 // Host identifiers are "address" or "address:port" (default port 2411). The
 // node set is ordered; its first element is always the head. Every function
 // lets the stream's failure exception (std::ios_base::failure) propagate.
-#ifndef HOPPER_UPLOADMISC_H_
-#define HOPPER_UPLOADMISC_H_
+#ifndef HIVE_HOPPER_UPLOADMISC_H_
+#define HIVE_HOPPER_UPLOADMISC_H_
 
-#include <istream>
 #include <memory>
 #include <ostream>
 #include <set>
@@ -54,9 +53,10 @@ void sendResumeUploadMsg(TCPStream& stream, const NodeSet& nodes, bool stopAgent
                          int mode, const std::string& localPath, const std::string& remotePath,
                          long& position, std::ostream& err);
 
-// Re-sends bytes [from, to) of file, which is positioned at `to`, and leaves
-// its position there. Returns whether the stream is still good.
-bool catchupStream(long from, long to, std::istream& file, TCPStream& stream);
+// Re-sends bytes [from, to) of the open file fd, read at those offsets (the
+// descriptor's own offset does not move). False when the file no longer
+// holds them or the stream is not good.
+bool catchupStream(long from, long to, int fd, TCPStream& stream);
 
 // One report line: [prefix ": "] "Unable to connect or lost connection to "
 // host, or for a non-zero code "Protocol version mismatch communicating with "
@@ -71,4 +71,4 @@ void genBadNodeListErrMsg(std::ostream& out, const std::string& prefix, const Ba
 // and for "a/x/", "f" for "f").
 std::string lastPathComponent(const std::string& path);
 
-#endif  // HOPPER_UPLOADMISC_H_
+#endif  // HIVE_HOPPER_UPLOADMISC_H_

@@ -1,6 +1,5 @@
 #include "util/Logger.h"
 
-#include <fstream>
 #include <iomanip>
 #include <iostream>
 

@@ -5,8 +5,8 @@
 //
 // Write a record with HC_LOG_INFO("text " << value); it costs one test of the
 // mask when logging is off.
-#ifndef HC_UTIL_LOGGER_H
-#define HC_UTIL_LOGGER_H
+#ifndef HIVE_UTIL_LOGGER_H_
+#define HIVE_UTIL_LOGGER_H_
 
 #include <atomic>
 #include <cstdint>
@@ -19,6 +19,10 @@
 #include "util/AbstractLogger.h"
 #include "util/Mutex.h"
 #include "util/Thread.h"
+
+namespace System {
+class OutputFile;
+}
 
 enum LogLevel { LOG_INFO = 1, LOG_DEBUG = 2 };
 
@@ -104,7 +108,7 @@ class Logger : public AbstractLogger {
   std::atomic<ThreadId> mThreadId{0};  // read without the lock by okToLog
   std::atomic<int> mGlobalMask{0};
   std::ostream* mOutputStream;
-  std::unique_ptr<std::ofstream> mFileStream;  // owns mOutputStream when a file
+  std::unique_ptr<System::OutputFile> mFileStream;  // owns mOutputStream when a file
   std::string mPath;
   int64_t mMaxFileSize = 1073741824;
   int mFilesToRetain = 20;
@@ -126,4 +130,4 @@ class Logger : public AbstractLogger {
 #define HC_LOG_INFO(expr) HC_LOG(LOG_INFO, expr)
 #define HC_LOG_DEBUG(expr) HC_LOG(LOG_DEBUG, expr)
 
-#endif  // HC_UTIL_LOGGER_H
+#endif  // HIVE_UTIL_LOGGER_H_

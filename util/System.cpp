@@ -8,14 +8,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "util/Assert.h"
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
-#include "util/Condition.h"
-#include "util/Mutex.h"
+#include "util/Assert.h"
 
 extern char** environ;
 
@@ -93,46 +92,111 @@ bool changeMode(const std::string& path, int mode) {
   return ::chmod(path.c_str(), static_cast<mode_t>(mode)) == 0;
 }
 
-namespace {
+// The stream buffer of OutputFile: a fixed buffer in front of write(2).
+class OutputFile::Buffer : public std::streambuf {
+ public:
+  explicit Buffer(FileDescriptor fd) : mFd(std::move(fd)) { setp(mData, mData + sizeof mData); }
+  ~Buffer() override { writeOut(); }
+  Buffer(const Buffer&) = delete;
+  Buffer& operator=(const Buffer&) = delete;
 
-// Reaches the descriptor inside a std::filebuf. Forming the member pointer
-// through a derived class is the sanctioned way to name a protected member.
-struct FilebufAccess : std::filebuf {
-  static int fd(std::filebuf& fb) {
-    auto member = &FilebufAccess::_M_file;
-    return (fb.*member).fd();
+  bool isOpen() const { return mFd.valid(); }
+  bool close() {
+    const bool written = writeOut();
+    return mFd.close() && written;
   }
+
+ protected:
+  int_type overflow(int_type c) override {
+    if (!writeOut()) return traits_type::eof();
+    if (!traits_type::eq_int_type(c, traits_type::eof())) {
+      *pptr() = traits_type::to_char_type(c);
+      pbump(1);
+    }
+    return traits_type::not_eof(c);
+  }
+  int sync() override { return writeOut() ? 0 : -1; }
+  pos_type seekoff(off_type offset, std::ios::seekdir dir, std::ios::openmode which) override {
+    if ((which & std::ios::out) == 0 || !writeOut()) return pos_type(off_type(-1));
+    const int whence = dir == std::ios::beg ? SEEK_SET : dir == std::ios::cur ? SEEK_CUR : SEEK_END;
+    return pos_type(off_type(seek(mFd.get(), offset, whence)));
+  }
+  pos_type seekpos(pos_type position, std::ios::openmode which) override {
+    return seekoff(off_type(position), std::ios::beg, which);
+  }
+
+ private:
+  // Writes the buffered bytes; they are dropped even when that fails, as
+  // the stream reports the failure.
+  bool writeOut() {
+    const size_t n = static_cast<size_t>(pptr() - pbase());
+    setp(mData, mData + sizeof mData);
+    return n == 0 || (mFd.valid() && writeAll(mFd.get(), mData, n));
+  }
+
+  FileDescriptor mFd;
+  char mData[8192];
 };
 
-}  // namespace
+OutputFile::OutputFile(FileDescriptor fd)
+    : std::ostream(nullptr), mBuffer(std::make_unique<Buffer>(std::move(fd))) {
+  rdbuf(mBuffer.get());  // also clears the bad state set by a null buffer
+  if (!mBuffer->isOpen()) setstate(std::ios::failbit);
+}
 
-std::unique_ptr<std::ofstream> make_ofstream(const std::string& path, std::ios::openmode mode,
-                                             bool closeOnExec) {
-  auto stream = std::make_unique<std::ofstream>(path, mode | std::ios::out);
-  if (closeOnExec && stream->good()) {
-    const int fd = FilebufAccess::fd(*stream->rdbuf());
-    if (fd >= 0) ::fcntl(fd, F_SETFD, ::fcntl(fd, F_GETFD) | FD_CLOEXEC);
-  }
-  return stream;
+OutputFile::~OutputFile() = default;
+
+bool OutputFile::is_open() const { return mBuffer->isOpen(); }
+
+void OutputFile::close() {
+  if (!mBuffer->isOpen() || !mBuffer->close()) setstate(std::ios::failbit);
+}
+
+std::unique_ptr<OutputFile> make_ofstream(const std::string& path, std::ios::openmode mode,
+                                          bool closeOnExec) {
+  int flags = O_WRONLY | O_CREAT | ((mode & std::ios::app) ? O_APPEND : O_TRUNC);
+  if (closeOnExec) flags |= O_CLOEXEC;
+  int raw;
+  do {
+    raw = ::open(path.c_str(), flags, 0666);
+  } while (raw < 0 && errno == EINTR);
+  FileDescriptor fd(raw);
+  if (fd && (mode & std::ios::ate) && seek(fd.get(), 0, SEEK_END) < 0) fd.close();
+  return std::make_unique<OutputFile>(std::move(fd));
 }
 
 std::unique_ptr<std::ifstream> make_ifstream(const std::string& path, std::ios::openmode mode) {
   return std::make_unique<std::ifstream>(path, mode | std::ios::in);
 }
 
-int fileDescriptor(std::ifstream& stream) {
-  return stream.is_open() ? FilebufAccess::fd(*stream.rdbuf()) : -1;
+ssize_t preadFull(int fd, void* buf, size_t n, int64_t offset) {
+  char* out = static_cast<char*>(buf);
+  size_t done = 0;
+  while (done < n) {
+    const ssize_t got = preadSome(fd, out + done, n - done, offset + static_cast<int64_t>(done));
+    if (got < 0) return -1;
+    if (got == 0) break;
+    done += static_cast<size_t>(got);
+  }
+  return static_cast<ssize_t>(done);
 }
 
 const char* getenv(const char* name) { return std::getenv(name); }
 
 void sleep(long ms) {
-  Time deadline = Time::now();
-  deadline.addNanos(ms * 1000000L);
-  Mutex mutex;
-  Condition cond;
-  Mutex::Lock lock(mutex);
-  cond.waitUntil(lock, deadline);
+  if (ms <= 0) return;
+  timespec end;
+  ::clock_gettime(CLOCK_MONOTONIC, &end);
+  end.tv_sec += static_cast<time_t>(ms / 1000);
+  end.tv_nsec += (ms % 1000) * 1000000L;
+  if (end.tv_nsec >= 1000000000L) {
+    ++end.tv_sec;
+    end.tv_nsec -= 1000000000L;
+  }
+  // The end is absolute, so an interrupted wait resumes towards the same
+  // instant: each pass finishes by then, however many signals arrive.
+  while (::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) {
+  }
 }
 
 void currentTimeAsString(std::string& out) {

@@ -5,8 +5,8 @@
 // Unless stated otherwise every service reports failure by its return value
 // with errno set (turn it into words with System::getErrorMessageStr) and
 // never throws.
-#ifndef HC_UTIL_SYSTEM_H
-#define HC_UTIL_SYSTEM_H
+#ifndef HIVE_UTIL_SYSTEM_H_
+#define HIVE_UTIL_SYSTEM_H_
 
 #include <sys/types.h>
 
@@ -129,22 +129,6 @@ bool removeDirectory(const std::string& path);
 // chmod on a path (follows links).
 bool changeMode(const std::string& path, int mode);
 
-// ---- streams ---------------------------------------------------------------
-
-// New output file stream for path opened with mode | out; on failure the
-// stream's failbit is set (check its state). With closeOnExec the descriptor
-// is not inherited by child processes.
-std::unique_ptr<std::ofstream> make_ofstream(const std::string& path,
-                                             std::ios::openmode mode = std::ios::out,
-                                             bool closeOnExec = true);
-// New input file stream for path opened with mode | in.
-std::unique_ptr<std::ifstream> make_ifstream(const std::string& path,
-                                             std::ios::openmode mode = std::ios::in);
-// The descriptor of an open file stream (-1 when it is closed), still owned
-// by the stream. Reads through it at an explicit offset (pread, sendfile)
-// leave the stream's position alone.
-int fileDescriptor(std::ifstream& stream);
-
 // ---- file descriptors ----------------------------------------------------
 
 // Owning file descriptor; closes on destruction. -1 means none.
@@ -180,6 +164,43 @@ FileDescriptor openForRead(const std::string& path, bool followSymlink = true);
 // followSymlink; e.g. to fsync a directory.
 FileDescriptor openDirectory(const std::string& path, bool followSymlink = false);
 
+// ---- streams ---------------------------------------------------------------
+
+// A buffered output stream on a file descriptor that it owns, so that the
+// caller decides how the descriptor is opened (close-on-exec in particular).
+// tellp() and seekp() write the buffer out first and then ask the
+// descriptor, so the position counts every byte written. The destructor
+// flushes and closes.
+class OutputFile : public std::ostream {
+ public:
+  // Takes fd; an invalid one gives a stream in the failed state.
+  explicit OutputFile(FileDescriptor fd);
+  ~OutputFile() override;
+  OutputFile(const OutputFile&) = delete;
+  OutputFile& operator=(const OutputFile&) = delete;
+
+  bool is_open() const;
+  // Writes out the buffer and closes the descriptor; sets failbit when
+  // either fails or the stream was not open.
+  void close();
+
+ private:
+  class Buffer;
+  std::unique_ptr<Buffer> mBuffer;
+};
+
+// New output file stream for path (created with mode 0666 before umask):
+// with std::ios::app every write goes to the end, otherwise the file is
+// truncated; std::ios::ate starts the position at the end. On failure the
+// stream's failbit is set (check its state). With closeOnExec the descriptor
+// is not inherited by child processes.
+std::unique_ptr<OutputFile> make_ofstream(const std::string& path,
+                                          std::ios::openmode mode = std::ios::out,
+                                          bool closeOnExec = true);
+// New input file stream for path opened with mode | in.
+std::unique_ptr<std::ifstream> make_ifstream(const std::string& path,
+                                             std::ios::openmode mode = std::ios::in);
+
 // ---- names inside an open directory ------------------------------------------
 // Each takes one name (no '/') inside the directory dirFd and never follows
 // a symbolic link at that name, so a walk from a held directory can never be
@@ -213,6 +234,9 @@ ssize_t readSome(int fd, void* buf, size_t n);
 ssize_t readFull(int fd, void* buf, size_t n);
 // pread(); retried on EINTR. Returns bytes read, 0 at end, -1 on error.
 ssize_t preadSome(int fd, void* buf, size_t n, int64_t offset);
+// pread() until n bytes or end of file; returns the count or -1 on error.
+// The descriptor's own offset does not move.
+ssize_t preadFull(int fd, void* buf, size_t n, int64_t offset);
 // lseek(); returns the new offset or -1.
 int64_t seek(int fd, int64_t offset, int whence);
 bool syncFile(int fd);
@@ -228,7 +252,9 @@ bool truncateFile(int fd, int64_t length);
 // The variable's value or null.
 const char* getenv(const char* name);
 
-// Waits ms milliseconds (one timed wait on a private condition).
+// Waits at least ms milliseconds of the monotonic clock (none for ms <= 0).
+// Signals and wake-ups do not end the wait early, nor does a change of the
+// wall clock.
 void sleep(long ms);
 
 // Local time as "%Y/%m/%d %H:%M:%S".
@@ -265,4 +291,4 @@ void InitSockets();
 
 }  // namespace System
 
-#endif  // HC_UTIL_SYSTEM_H
+#endif  // HIVE_UTIL_SYSTEM_H_

@@ -8,7 +8,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <thread>
 
 #include "support/TempDir.h"
 
@@ -175,4 +178,59 @@ TEST(SystemTest, ShellCommandsStreamsAndSignals) {
   out->close();
   EXPECT_EQ("line\n", TempDir::read(dir.file("log")));
   EXPECT_EQ("No signal", System::signalName(static_cast<int>(0x80000000u)));
+}
+
+// The stream writes through its own descriptor: truncating or appending,
+// with the position counting what is still buffered, and every byte out by
+// close or destruction.
+TEST(SystemTest, OutputFileModesPositionAndClose) {
+  TempDir dir;
+  const std::string path = dir.file("f");
+  const std::string bulk = TempDir::pattern(20000);  // more than the buffer
+  TempDir::write(path, "old content");
+  {
+    auto out = System::make_ofstream(path);
+    ASSERT_TRUE(out->is_open() && out->good());
+    *out << "abc";
+    EXPECT_EQ(out->tellp(), 3);
+    out->write(bulk.data(), static_cast<std::streamsize>(bulk.size()));
+  }
+  EXPECT_TRUE(TempDir::read(path) == "abc" + bulk);
+
+  TempDir::write(path, "abc");
+  auto appending = System::make_ofstream(path, std::ios::app | std::ios::ate);
+  EXPECT_EQ(appending->tellp(), 3);
+  *appending << "de";
+  EXPECT_EQ(appending->tellp(), 5);
+  appending->seekp(0);
+  *appending << "f";  // appending writes land at the end wherever the position is
+  appending->close();
+  EXPECT_TRUE(appending->good());
+  EXPECT_EQ(TempDir::read(path), "abcdef");
+  appending->close();
+  EXPECT_TRUE(appending->fail());
+
+  auto missing = System::make_ofstream(dir.file("no/such/folder"));
+  EXPECT_FALSE(missing->is_open() || missing->good());
+}
+
+// Signals whose handler interrupts system calls do not cut the wait short.
+TEST(SystemTest, SleepLastsThroughInterruptingSignals) {
+  std::atomic<bool> ready{false}, done{false};
+  std::chrono::steady_clock::duration slept{};
+  std::thread sleeper([&] {
+    ASSERT_TRUE(System::trapUSR1ButDoNothing());
+    ready = true;
+    const auto start = std::chrono::steady_clock::now();
+    System::sleep(300);
+    slept = std::chrono::steady_clock::now() - start;
+    done = true;
+  });
+  for (int i = 0; i < 1000 && !ready; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  for (int i = 0; i < 2000 && !done; ++i) {
+    if (ready) pthread_kill(sleeper.native_handle(), SIGUSR1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  sleeper.join();
+  EXPECT_GE(slept, std::chrono::milliseconds(300));
 }
