@@ -124,6 +124,55 @@ TEST_F(UploadManagerTest, ResumesOnTheNextHead) {
   }
 }
 
+// Wherever the daemon's position falls, the data continues from it: below
+// what went out before the head was lost, while most of the file was still
+// unsent (the gap goes again, then the rest), or beyond what this client
+// sent (a file the daemons kept from an earlier run).
+TEST_F(UploadManagerTest, DataContinuesFromTheDaemonsPosition) {
+  // Far more than the socket buffers take: the head is lost mid-file.
+  const std::string content = TempDir::pattern(24 << 20);
+  const std::string path = file("big", content);
+  for (long position : {60000L, 300000L}) {
+    FakeDaemon head("127.0.0.2"), next("127.0.0.3");
+    FakeDaemon::Script script;
+    if (position < 100000) script.closeAfterDataBytes = 100000;
+    else script.position = position;
+    head.setScript(script);
+    script = FakeDaemon::Script();
+    script.position = position;
+    next.setScript(script);
+    EXPECT_TRUE(manager({&head, &next})->upload(path, "/dst/big"));
+    ASSERT_TRUE(head.waitForClosedConnections(1, 5000));
+    const std::string data = (position < 100000 ? next : head).connection(0).data;
+    EXPECT_EQ(data.size(), content.size() - position) << position;
+    EXPECT_TRUE(data == content.substr(position)) << position;
+  }
+}
+
+// A daemon that dies part way through its reply to a file's data, in the
+// length or in the text, is a lost host: the partial reply is neither
+// padded into a file error nor read as success, and the file goes to the
+// next host.
+TEST_F(UploadManagerTest, ReplyCutShortIsALostConnection) {
+  const std::string content = TempDir::pattern(1000);
+  const std::string path = file("f", content);
+  for (int cutAfter : {2, 8}) {
+    FakeDaemon head("127.0.0.2"), next("127.0.0.3");
+    FakeDaemon::Script script;
+    script.fileReply = "disk full on host2";
+    script.cutReplyTo = FakeDaemon::kDataReceived;
+    script.cutReplyBytes = cutAfter;
+    head.setScriptFor(0, script);
+    err.str("");
+    EXPECT_TRUE(manager({&head, &next})->upload(path, "/d/f")) << cutAfter;
+    ASSERT_TRUE(next.waitForClosedConnections(1, 5000));
+    EXPECT_EQ(next.connection(0).data, content) << cutAfter;
+    EXPECT_EQ(err.str().find("disk"), std::string::npos) << err.str();
+    EXPECT_PRED_FORMAT2(testing::IsSubstring, ": Unable to connect or lost connection to host2.\n",
+                        err.str());
+  }
+}
+
 TEST_F(UploadManagerTest, RefusedFileKeepsTheConnection) {
   FakeDaemon daemon("127.0.0.2");
   FakeDaemon::Script script;

@@ -15,7 +15,10 @@ const int kGetVersionOld = 0x55333037, kBegin = 0x55333038, kFile = 0x5533303a,
           kCommit = 0x5533303b, kAbort = 0x5533303c, kGetVersionNew = 0x5533303f;
 
 // The peer went away, a read timed out, or the script closes the connection.
-struct ConnectionEnded {};
+// died: the script ends it as a dying process would, closing the descriptor.
+struct ConnectionEnded {
+  bool died = false;
+};
 
 }  // namespace
 
@@ -28,6 +31,7 @@ struct FakeDaemon::Session {
   Script script;
   bool open = false;  // a begin was accepted on this connection
   long dataBytes = 0;
+  int answering = -1;  // the message the next reply answers
 
   std::string readExact(size_t n, bool isData = false) {
     std::string out(n, '\0');
@@ -57,6 +61,10 @@ struct FakeDaemon::Session {
 
   void reply(const std::string& bytes) {
     std::this_thread::sleep_for(std::chrono::milliseconds(script.replyDelayMs));
+    if (script.cutReplyTo >= 0 && answering == script.cutReplyTo) {
+      socket.write(bytes.data(), std::min(script.cutReplyBytes, int(bytes.size())));
+      throw ConnectionEnded();
+    }
     if (socket.write(bytes.data(), int(bytes.size())) != int(bytes.size())) throw ConnectionEnded();
   }
 
@@ -69,6 +77,7 @@ struct FakeDaemon::Session {
   }
 
   void seen(int code) {
+    answering = code;
     std::function<void(int)> hook;
     {
       std::lock_guard<std::mutex> lock(daemon.mMutex);
@@ -108,7 +117,7 @@ struct FakeDaemon::Session {
     for (long left = size - position; left > 0;) {
       long chunk = std::min<long>(left, long(kChunk));
       if (script.closeAfterDataBytes >= 0) {
-        if (dataBytes >= script.closeAfterDataBytes) throw ConnectionEnded();
+        if (dataBytes >= script.closeAfterDataBytes) throw ConnectionEnded{true};
         chunk = std::min(chunk, script.closeAfterDataBytes - dataBytes);
       }
       if (script.stallAfterDataBytes >= 0) {
@@ -187,12 +196,18 @@ void FakeDaemon::serve(int index, std::shared_ptr<TCPSocket> socket) {
     std::lock_guard<std::mutex> lock(mMutex);
     script = mScripts.count(index) ? mScripts[index] : mDefault;
   }
+  bool died = false;
   try {
     Session{*this, index, *socket, script}.run();
-  } catch (const ConnectionEnded&) {
+  } catch (const ConnectionEnded& end) {
+    died = end.died;
   }
-  socket->shutdown();
+  if (!died) socket->shutdown();
   std::lock_guard<std::mutex> lock(mMutex);
+  // Closed under the lock that the destructor's shutdown takes. With the
+  // client's bytes still unread, the kernel resets the connection, so that
+  // a client blocked sending fails at once.
+  if (died) socket->close();
   ++mClosed;
   mClosedCond.notify_all();
 }

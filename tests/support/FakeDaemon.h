@@ -4,8 +4,8 @@
 // connection every byte received, the message codes and the file data. Reads
 // time out after 10 s; the destructor stops every thread. A file announced
 // on a connection without a begin gets status 2, as from a real daemon.
-#ifndef TESTS_SUPPORT_FAKEDAEMON_H_
-#define TESTS_SUPPORT_FAKEDAEMON_H_
+#ifndef HIVE_TESTS_SUPPORT_FAKEDAEMON_H_
+#define HIVE_TESTS_SUPPORT_FAKEDAEMON_H_
 
 #include <atomic>
 #include <condition_variable>
@@ -59,12 +59,19 @@ class FakeDaemon {
     long position = 0;
     std::string fileText;
     std::string fileReply;          // after each file's data
-    long closeAfterDataBytes = -1;  // close once this many data bytes came
+    // Close the descriptor, as a dying process does, once this many data
+    // bytes came (-1: never).
+    long closeAfterDataBytes = -1;
     // Like a stopped process: neither read nor answer any more once this many
     // data bytes came (-1: never), or on a commit when answerCommit is false.
     long stallAfterDataBytes = -1;
     bool answerCommit = true;
     int replyDelayMs = 0;           // wait before every reply
+    // Like a daemon dying part way through an item: of the reply to the
+    // message cutReplyTo (kDataReceived: the reply after a file's data),
+    // send only the first cutReplyBytes bytes, then close.
+    int cutReplyTo = -1;
+    int cutReplyBytes = 0;
   };
 
   struct Connection {
@@ -127,4 +134,4 @@ class FakeDaemon {
   std::thread mAcceptThread;
 };
 
-#endif  // TESTS_SUPPORT_FAKEDAEMON_H_
+#endif  // HIVE_TESTS_SUPPORT_FAKEDAEMON_H_
