@@ -7,8 +7,8 @@
 // clean up.  An exception escaping any step becomes one line on standard
 // error and exit status 1.  Exactly one Application exists at a time.
 
-#ifndef HOPPER_APPLICATION_H
-#define HOPPER_APPLICATION_H
+#ifndef HIVE_HOPPER_APPLICATION_H_
+#define HIVE_HOPPER_APPLICATION_H_
 
 #include <cstdint>
 #include <map>
@@ -111,4 +111,4 @@ class Application {
   static Application* sApplication;
 };
 
-#endif  // HOPPER_APPLICATION_H
+#endif  // HIVE_HOPPER_APPLICATION_H_

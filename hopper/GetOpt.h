@@ -11,8 +11,8 @@
 // One difference from the usual C library scanner is deliberate: a prefix
 // matching two rows is ambiguous even when both rows carry the same value.
 
-#ifndef HOPPER_GETOPT_H
-#define HOPPER_GETOPT_H
+#ifndef HIVE_HOPPER_GETOPT_H_
+#define HIVE_HOPPER_GETOPT_H_
 
 #include <cstdint>
 #include <string>
@@ -82,4 +82,4 @@ class GetOpt {
   bool mCaseSensitive;
 };
 
-#endif  // HOPPER_GETOPT_H
+#endif  // HIVE_HOPPER_GETOPT_H_

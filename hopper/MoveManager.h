@@ -2,8 +2,8 @@
 // signal thread: the target hosts and their names, the run's settings, the
 // abort state, and the reports of lost and busy hosts in the names the user
 // gave (daemon texts name hosts by address; the reports rewrite them).
-#ifndef HOPPER_MOVEMANAGER_H_
-#define HOPPER_MOVEMANAGER_H_
+#ifndef HIVE_HOPPER_MOVEMANAGER_H_
+#define HIVE_HOPPER_MOVEMANAGER_H_
 
 #include <map>
 #include <ostream>
@@ -75,4 +75,4 @@ class MoveManager {
   std::string mAbortMessage;
 };
 
-#endif  // HOPPER_MOVEMANAGER_H_
+#endif  // HIVE_HOPPER_MOVEMANAGER_H_

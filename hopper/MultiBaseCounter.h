@@ -4,8 +4,8 @@
 // of the patterns in one host word: digit i selects an alternative of
 // pattern i, and the rightmost digit varies fastest.
 
-#ifndef HOPPER_MULTIBASECOUNTER_H
-#define HOPPER_MULTIBASECOUNTER_H
+#ifndef HIVE_HOPPER_MULTIBASECOUNTER_H_
+#define HIVE_HOPPER_MULTIBASECOUNTER_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -36,4 +36,4 @@ class MultiBaseCounter {
   bool mIsValid;
 };
 
-#endif  // HOPPER_MULTIBASECOUNTER_H
+#endif  // HIVE_HOPPER_MULTIBASECOUNTER_H_

@@ -9,8 +9,8 @@
 // and processSignals; subclasses override the last two and call the base
 // initializeAssumingSignalsAreBlocked first.
 
-#ifndef HOPPER_RUNNERAPPLICATION_H
-#define HOPPER_RUNNERAPPLICATION_H
+#ifndef HIVE_HOPPER_RUNNERAPPLICATION_H_
+#define HIVE_HOPPER_RUNNERAPPLICATION_H_
 
 #include <cstdint>
 #include <string>
@@ -61,4 +61,4 @@ class RunnerApplication : public Application {
   void hostsFromNodeList();
 };
 
-#endif  // HOPPER_RUNNERAPPLICATION_H
+#endif  // HIVE_HOPPER_RUNNERAPPLICATION_H_

@@ -7,8 +7,8 @@
 // varying fastest.  Malformed patterns raise std::runtime_error with a text
 // meant for the user.
 
-#ifndef HOPPER_STRINGEXPANDER_H
-#define HOPPER_STRINGEXPANDER_H
+#ifndef HIVE_HOPPER_STRINGEXPANDER_H_
+#define HIVE_HOPPER_STRINGEXPANDER_H_
 
 #include <string>
 #include <vector>
@@ -37,4 +37,4 @@ class StringExpander {
 // order of the rest.  Throws std::runtime_error at the first malformed word.
 void parseNodesArg(const char* value, std::vector<std::string>& nodes);
 
-#endif  // HOPPER_STRINGEXPANDER_H
+#endif  // HIVE_HOPPER_STRINGEXPANDER_H_

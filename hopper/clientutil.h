@@ -1,6 +1,6 @@
 // The host list from the cluster manager (CM): the agents of one platform.
-#ifndef HIVE_HOPPER_CLIENTUTIL_H
-#define HIVE_HOPPER_CLIENTUTIL_H
+#ifndef HIVE_HOPPER_CLIENTUTIL_H_
+#define HIVE_HOPPER_CLIENTUTIL_H_
 
 #include <map>
 #include <string>
@@ -22,4 +22,4 @@ bool populateNodeMap(const std::string& cm, System::OSID osid,
                      std::map<std::string, std::string>& hosts, bool goodHostsOnly,
                      qysec::Provider* provider);
 
-#endif  // HIVE_HOPPER_CLIENTUTIL_H
+#endif  // HIVE_HOPPER_CLIENTUTIL_H_

@@ -6,8 +6,8 @@
 // host map, hands the interactive shutdown signals to the manager while the
 // upload runs, and times the upload.
 
-#ifndef HOPPER_HIVECOPY_H
-#define HOPPER_HIVECOPY_H
+#ifndef HIVE_HOPPER_HIVECOPY_H_
+#define HIVE_HOPPER_HIVECOPY_H_
 
 #include <memory>
 #include <string>
@@ -52,4 +52,4 @@ class HiveCopy : public RunnerApplication {
   std::unique_ptr<UploadManager> mUploadMgr;
 };
 
-#endif  // HOPPER_HIVECOPY_H
+#endif  // HIVE_HOPPER_HIVECOPY_H_

@@ -1,8 +1,8 @@
 // Talking to a hopperd daemon before any upload: the message codes of the
 // daemon protocol, the version handshakes, and the version text shared by
 // the tools' --version output and the handshake.
-#ifndef HOPPER_HOPPERMISC_H_
-#define HOPPER_HOPPERMISC_H_
+#ifndef HIVE_HOPPER_HOPPERMISC_H_
+#define HIVE_HOPPER_HOPPERMISC_H_
 
 #include <string>
 
@@ -53,4 +53,4 @@ int connectToHopperOld(TCPStream& stream, const std::string& host, int port, int
 // "<release>, protocol 5" and a newline, then the product notice.
 std::string getVersionString();
 
-#endif  // HOPPER_HOPPERMISC_H_
+#endif  // HIVE_HOPPER_HOPPERMISC_H_

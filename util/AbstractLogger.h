@@ -1,7 +1,7 @@
 // The interface a buffered per-record stream (LogStream) talks to, and that
 // stream: a record is composed in memory and handed to the logger whole.
-#ifndef HC_UTIL_ABSTRACTLOGGER_H
-#define HC_UTIL_ABSTRACTLOGGER_H
+#ifndef HIVE_UTIL_ABSTRACTLOGGER_H_
+#define HIVE_UTIL_ABSTRACTLOGGER_H_
 
 #include <cstdint>
 #include <ostream>
@@ -67,4 +67,4 @@ class LogStream : private LogStreambuf, public std::ostream {
   AbstractMask mMask = 0;
 };
 
-#endif  // HC_UTIL_ABSTRACTLOGGER_H
+#endif  // HIVE_UTIL_ABSTRACTLOGGER_H_

@@ -4,8 +4,8 @@
 // extension on AArch64) and the table-driven code otherwise; the two give
 // identical results, and both are exposed so tests and benchmarks can
 // compare them.
-#ifndef HC_UTIL_CRC_H
-#define HC_UTIL_CRC_H
+#ifndef HIVE_UTIL_CRC_H_
+#define HIVE_UTIL_CRC_H_
 
 namespace CRC {
 
@@ -26,4 +26,4 @@ unsigned int crc32cHardware(const unsigned char* data, unsigned long length, uns
 
 }  // namespace CRC
 
-#endif  // HC_UTIL_CRC_H
+#endif  // HIVE_UTIL_CRC_H_

@@ -1,6 +1,6 @@
 // Condition variable used together with Mutex::Lock.
-#ifndef HC_UTIL_CONDITION_H
-#define HC_UTIL_CONDITION_H
+#ifndef HIVE_UTIL_CONDITION_H_
+#define HIVE_UTIL_CONDITION_H_
 
 #include <condition_variable>
 
@@ -39,4 +39,4 @@ class Condition {
   std::condition_variable mCond;
 };
 
-#endif  // HC_UTIL_CONDITION_H
+#endif  // HIVE_UTIL_CONDITION_H_

@@ -1,7 +1,7 @@
 // Non-recursive mutex and its scoped lock. The lock can be released and
 // re-taken inside its scope, which is what a Condition wait needs.
-#ifndef HC_UTIL_MUTEX_H
-#define HC_UTIL_MUTEX_H
+#ifndef HIVE_UTIL_MUTEX_H_
+#define HIVE_UTIL_MUTEX_H_
 
 #include <mutex>
 
@@ -37,4 +37,4 @@ class Mutex {
   std::mutex mMutex;
 };
 
-#endif  // HC_UTIL_MUTEX_H
+#endif  // HIVE_UTIL_MUTEX_H_

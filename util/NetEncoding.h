@@ -13,8 +13,8 @@
 // The plain readers trust their peer (a client trusts its daemon): lengths
 // are not limited. A server must read through the bounded readers at the
 // end of this header, which check every length and count before allocating.
-#ifndef UTIL_NETENCODING_H_
-#define UTIL_NETENCODING_H_
+#ifndef HIVE_UTIL_NETENCODING_H_
+#define HIVE_UTIL_NETENCODING_H_
 
 #include <istream>
 #include <list>
@@ -100,4 +100,4 @@ TCPStream& operator<<(TCPStream& s, const std::set<std::string>& value);
 TCPStream& operator>>(TCPStream& s, StringList& value);
 TCPStream& operator>>(TCPStream& s, StringIntPairList& value);
 
-#endif  // UTIL_NETENCODING_H_
+#endif  // HIVE_UTIL_NETENCODING_H_

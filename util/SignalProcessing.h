@@ -11,8 +11,8 @@
 //   sp.processSignals();
 //   ...
 //   sp.stop();   // before destroying what the callbacks use
-#ifndef HC_UTIL_SIGNALPROCESSING_H
-#define HC_UTIL_SIGNALPROCESSING_H
+#ifndef HIVE_UTIL_SIGNALPROCESSING_H_
+#define HIVE_UTIL_SIGNALPROCESSING_H_
 
 #include <functional>
 #include <map>
@@ -105,4 +105,4 @@ class SignalProcessing {
   Observer mObserver;
 };
 
-#endif  // HC_UTIL_SIGNALPROCESSING_H
+#endif  // HIVE_UTIL_SIGNALPROCESSING_H_

@@ -1,7 +1,7 @@
 // Error texts, error-number preservation and the few string edits the tools
 // need: trimming, splitting "host:port", and a non-owning character view.
-#ifndef HC_UTIL_STRINGUTILITIES_H
-#define HC_UTIL_STRINGUTILITIES_H
+#ifndef HIVE_UTIL_STRINGUTILITIES_H_
+#define HIVE_UTIL_STRINGUTILITIES_H_
 
 #include <cstddef>
 #include <cstring>
@@ -103,4 +103,4 @@ class GenericStringKey {
   std::size_t mLength;
 };
 
-#endif  // HC_UTIL_STRINGUTILITIES_H
+#endif  // HIVE_UTIL_STRINGUTILITIES_H_

@@ -5,8 +5,8 @@
 // derived TCPStream turns them into exceptions. Closing and connecting again
 // on the same object resets the buffers and the stream state, so one object
 // can be reused for a fresh connection.
-#ifndef UTIL_TCPRAWSTREAM_H_
-#define UTIL_TCPRAWSTREAM_H_
+#ifndef HIVE_UTIL_TCPRAWSTREAM_H_
+#define HIVE_UTIL_TCPRAWSTREAM_H_
 
 #include <functional>
 #include <iostream>
@@ -60,4 +60,4 @@ class TCPRawStream : public std::iostream {
   std::unique_ptr<TCPSocket> mSocket;
 };
 
-#endif  // UTIL_TCPRAWSTREAM_H_
+#endif  // HIVE_UTIL_TCPRAWSTREAM_H_

@@ -10,8 +10,8 @@
 // (TCPStream::sendFile). In checksummed mode every flushed block is preceded
 // by an 8-byte header: the block length and its CRC-32C, both big-endian
 // 32-bit.
-#ifndef UTIL_TCPSTREAM_H_
-#define UTIL_TCPSTREAM_H_
+#ifndef HIVE_UTIL_TCPSTREAM_H_
+#define HIVE_UTIL_TCPSTREAM_H_
 
 #include <cstdint>
 #include <functional>
@@ -96,4 +96,4 @@ class TCPStream : public TCPRawStream {
   void setExceptionMask();
 };
 
-#endif  // UTIL_TCPSTREAM_H_
+#endif  // HIVE_UTIL_TCPSTREAM_H_

@@ -1,7 +1,7 @@
 // Thin thread helpers over POSIX threads: identifiers, detached threads and
 // directed signals. Joinable threads are std::thread.
-#ifndef HC_UTIL_THREAD_H
-#define HC_UTIL_THREAD_H
+#ifndef HIVE_UTIL_THREAD_H_
+#define HIVE_UTIL_THREAD_H_
 
 #include <pthread.h>
 
@@ -28,4 +28,4 @@ void yield();
 
 }  // namespace Thread
 
-#endif  // HC_UTIL_THREAD_H
+#endif  // HIVE_UTIL_THREAD_H_

@@ -1,7 +1,7 @@
 // A reading of the monotonic clock in nanoseconds, counted from a
 // process-wide origin set on first use; used to measure elapsed time.
-#ifndef HC_UTIL_TICKS_H
-#define HC_UTIL_TICKS_H
+#ifndef HIVE_UTIL_TICKS_H_
+#define HIVE_UTIL_TICKS_H_
 
 #include <cstdint>
 
@@ -32,4 +32,4 @@ class Ticks {
   int64_t mTicks = 0;
 };
 
-#endif  // HC_UTIL_TICKS_H
+#endif  // HIVE_UTIL_TICKS_H_

@@ -1,7 +1,7 @@
 // Absolute wall-clock time (seconds since the epoch plus nanoseconds), used
 // for file times and wait deadlines.
-#ifndef HC_UTIL_TIME_H
-#define HC_UTIL_TIME_H
+#ifndef HIVE_UTIL_TIME_H_
+#define HIVE_UTIL_TIME_H_
 
 #include <sys/time.h>
 
@@ -48,4 +48,4 @@ class Time {
   int mNanos = 0;
 };
 
-#endif  // HC_UTIL_TIME_H
+#endif  // HIVE_UTIL_TIME_H_

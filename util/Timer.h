@@ -1,7 +1,7 @@
 // Stopwatch that accumulates intervals with their count, shortest and
 // longest. A new timer is all zero and not running.
-#ifndef HC_UTIL_TIMER_H
-#define HC_UTIL_TIMER_H
+#ifndef HIVE_UTIL_TIMER_H_
+#define HIVE_UTIL_TIMER_H_
 
 #include "util/Ticks.h"
 
@@ -39,4 +39,4 @@ class Timer {
   bool mIsRunning = false;
 };
 
-#endif  // HC_UTIL_TIMER_H
+#endif  // HIVE_UTIL_TIMER_H_

@@ -1,7 +1,7 @@
 // Pure string functions on file paths; they never touch the file system.
 // The only separator on this platform is '/'.
-#ifndef HC_UTIL_PATHFUN_H
-#define HC_UTIL_PATHFUN_H
+#ifndef HIVE_UTIL_PATHFUN_H_
+#define HIVE_UTIL_PATHFUN_H_
 
 #include <cstdint>
 #include <string>
@@ -45,4 +45,4 @@ bool splitPath(const std::string& path, std::vector<Range>& parts, std::string* 
 // error.
 bool makeRelative(const std::string& base, std::string& path);
 
-#endif  // HC_UTIL_PATHFUN_H
+#endif  // HIVE_UTIL_PATHFUN_H_

@@ -7,8 +7,8 @@
 // A document is an optional declaration, then exactly one root element, with
 // nothing but white space around them. Anything else is malformed and is
 // reported by an exception; the parser never trusts the input's shape.
-#ifndef HIVE_XMLPARSER_XMLPARSER_H
-#define HIVE_XMLPARSER_XMLPARSER_H
+#ifndef HIVE_XMLPARSER_XMLPARSER_H_
+#define HIVE_XMLPARSER_XMLPARSER_H_
 
 #include <stdexcept>
 #include <string>
@@ -49,4 +49,4 @@ class XMLParser {
   XMLParser() = default;
 };
 
-#endif  // HIVE_XMLPARSER_XMLPARSER_H
+#endif  // HIVE_XMLPARSER_XMLPARSER_H_

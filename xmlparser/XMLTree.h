@@ -5,8 +5,8 @@
 // decodes it (URL::decode) the first time it is read. Children live in a
 // multimap: equal names keep insertion order, distinct names are ordered by
 // byte-wise comparison of the names.
-#ifndef HIVE_XMLPARSER_XMLTREE_H
-#define HIVE_XMLPARSER_XMLTREE_H
+#ifndef HIVE_XMLPARSER_XMLTREE_H_
+#define HIVE_XMLPARSER_XMLTREE_H_
 
 #include <map>
 #include <memory>
@@ -81,4 +81,4 @@ class XMLTree {
 std::ostream& operator<<(std::ostream& out, const XMLTree& tree);
 std::ostream& operator<<(std::ostream& out, const XMLTree* tree);
 
-#endif  // HIVE_XMLPARSER_XMLTREE_H
+#endif  // HIVE_XMLPARSER_XMLTREE_H_

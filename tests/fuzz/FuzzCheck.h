@@ -1,7 +1,7 @@
 // Invariant check for the fuzz targets: a violation aborts, which libFuzzer
 // records as a crash and the corpus replay reports as a failure.
-#ifndef HIVE_TESTS_FUZZ_FUZZCHECK_H
-#define HIVE_TESTS_FUZZ_FUZZCHECK_H
+#ifndef HIVE_TESTS_FUZZ_FUZZCHECK_H_
+#define HIVE_TESTS_FUZZ_FUZZCHECK_H_
 
 #include <cstdint>
 #include <cstdio>
@@ -17,4 +17,4 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
-#endif  // HIVE_TESTS_FUZZ_FUZZCHECK_H
+#endif  // HIVE_TESTS_FUZZ_FUZZCHECK_H_

@@ -1,8 +1,8 @@
 // Runs one real hopperd for a test: on its own loopback address and port,
 // with its root, state folder and log under a folder the test gives. Every
 // wait is bounded; the destructor stops the process.
-#ifndef HIVE_TESTS_SUPPORT_DAEMONPROCESS_H
-#define HIVE_TESTS_SUPPORT_DAEMONPROCESS_H
+#ifndef HIVE_TESTS_SUPPORT_DAEMONPROCESS_H_
+#define HIVE_TESTS_SUPPORT_DAEMONPROCESS_H_
 
 #include <memory>
 #include <string>
@@ -64,4 +64,4 @@ class DaemonChain {
   bool mStarted = true;
 };
 
-#endif  // HIVE_TESTS_SUPPORT_DAEMONPROCESS_H
+#endif  // HIVE_TESTS_SUPPORT_DAEMONPROCESS_H_

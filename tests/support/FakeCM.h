@@ -2,8 +2,8 @@
 // describes the modes) as a child process: an HTTPS server on a loopback
 // address that answers the handshake and agent-list requests and records
 // every request. Waits are bounded; the destructor stops the process.
-#ifndef HIVE_TESTS_SUPPORT_FAKECM_H
-#define HIVE_TESTS_SUPPORT_FAKECM_H
+#ifndef HIVE_TESTS_SUPPORT_FAKECM_H_
+#define HIVE_TESTS_SUPPORT_FAKECM_H_
 
 #include <memory>
 #include <string>
@@ -45,4 +45,4 @@ class FakeCM {
   int mPort = 0;
 };
 
-#endif  // HIVE_TESTS_SUPPORT_FAKECM_H
+#endif  // HIVE_TESTS_SUPPORT_FAKECM_H_

@@ -2,8 +2,8 @@
 // real client never does: a chosen source address on the loopback network,
 // messages cut short, bytes dribbled slowly, a claimed identity. Every read
 // waits at most the time-out given at construction.
-#ifndef HIVE_TESTS_SUPPORT_RAWCLIENT_H
-#define HIVE_TESTS_SUPPORT_RAWCLIENT_H
+#ifndef HIVE_TESTS_SUPPORT_RAWCLIENT_H_
+#define HIVE_TESTS_SUPPORT_RAWCLIENT_H_
 
 #include <string>
 
@@ -40,4 +40,4 @@ class RawClient {
   bool mFailed = false;
 };
 
-#endif  // HIVE_TESTS_SUPPORT_RAWCLIENT_H
+#endif  // HIVE_TESTS_SUPPORT_RAWCLIENT_H_

@@ -3,8 +3,8 @@
 // input. Its standard output and error go to files in a private folder, so a
 // chatty child never blocks on a pipe. Every wait is bounded; the destructor
 // kills and reaps a child still running.
-#ifndef HIVE_TESTS_SUPPORT_RUNPROCESS_H
-#define HIVE_TESTS_SUPPORT_RUNPROCESS_H
+#ifndef HIVE_TESTS_SUPPORT_RUNPROCESS_H_
+#define HIVE_TESTS_SUPPORT_RUNPROCESS_H_
 
 #include <sys/types.h>
 
@@ -60,4 +60,4 @@ class RunProcess {
   int mStatus = -1;
 };
 
-#endif  // HIVE_TESTS_SUPPORT_RUNPROCESS_H
+#endif  // HIVE_TESTS_SUPPORT_RUNPROCESS_H_

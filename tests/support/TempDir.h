@@ -2,8 +2,8 @@
 // contents; and file helpers for the tests that write files, upload trees to
 // real daemons and look for what the daemons staged (hidden
 // ".<name>.<hash>.<session>.staged" files beside their targets).
-#ifndef HIVE_TESTS_SUPPORT_TEMPDIR_H
-#define HIVE_TESTS_SUPPORT_TEMPDIR_H
+#ifndef HIVE_TESTS_SUPPORT_TEMPDIR_H_
+#define HIVE_TESTS_SUPPORT_TEMPDIR_H_
 
 #include <cstdint>
 #include <filesystem>
@@ -47,4 +47,4 @@ int64_t stagedBytes(const std::filesystem::path& root, const std::string& name);
 // Polls done every 10 ms for up to timeoutMs; its last value.
 bool waitFor(const std::function<bool()>& done, int timeoutMs = 30000);
 
-#endif  // HIVE_TESTS_SUPPORT_TEMPDIR_H
+#endif  // HIVE_TESTS_SUPPORT_TEMPDIR_H_

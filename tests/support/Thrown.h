@@ -1,7 +1,7 @@
 // thrownMessage: the text of the exception a piece of test code throws, so
 // a test compares an error message in one line.
-#ifndef HIVE_TESTS_SUPPORT_THROWN_H
-#define HIVE_TESTS_SUPPORT_THROWN_H
+#ifndef HIVE_TESTS_SUPPORT_THROWN_H_
+#define HIVE_TESTS_SUPPORT_THROWN_H_
 
 #include <exception>
 #include <string>
@@ -18,4 +18,4 @@ std::string thrownMessage(F&& f) {
   return "(no exception)";
 }
 
-#endif  // HIVE_TESTS_SUPPORT_THROWN_H
+#endif  // HIVE_TESTS_SUPPORT_THROWN_H_
