@@ -27,6 +27,9 @@ Connection::Connection(std::unique_ptr<TCPSocket> socket, SessionTable& table, i
       mStream(std::move(socket)),
       mPeer(mSocket->getRemoteHost()),
       mBuffer(kDataBlock) {
+  // A relayed block's header and data (and a small file's message and bytes)
+  // come in with one read.
+  mStream.streamBuf().setInputBufferSize(kDataBlock + 8);
   mSocket->setKeepAlive(true);
   mSocket->setReadTimeout(ioTimeoutMs);
   mSocket->setWriteTimeout(ioTimeoutMs);

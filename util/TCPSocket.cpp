@@ -9,6 +9,7 @@
 #include <signal.h>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -393,7 +394,9 @@ int TCPSocket::read(char* buffer, int length) {
   return static_cast<int>(n);
 }
 
-int TCPSocket::write(const char* buffer, int length) {
+int TCPSocket::write(const char* first, int firstLength, const char* second,
+                     int secondLength) {
+  const int length = firstLength + secondLength;
   if (!mFd.valid()) {
     mLastError = EBADF;
     return 0;
@@ -410,12 +413,26 @@ int TCPSocket::write(const char* buffer, int length) {
     if (bounded && wait && !await(POLLOUT, mWriteTimeout, true)) break;
     wait = mSecureSocket != nullptr;
     ssize_t n;
+    // What is left: the rest of first, then the rest of second.
+    iovec parts[2];
+    int count = 0;
+    if (done < firstLength) {
+      parts[count++] = iovec{const_cast<char*>(first) + done, size_t(firstLength - done)};
+    }
+    const int secondDone = std::max(0, done - firstLength);
+    if (secondDone < secondLength) {
+      parts[count++] = iovec{const_cast<char*>(second) + secondDone,
+                             size_t(secondLength - secondDone)};
+    }
     if (mSecureSocket) {
-      n = mSecureSocket->write(buffer + done, length - done);
+      n = mSecureSocket->write(static_cast<const char*>(parts[0].iov_base),
+                               static_cast<int>(parts[0].iov_len));
     } else {
       // MSG_NOSIGNAL: a vanished peer is an error return, never a SIGPIPE.
-      n = ::send(mFd.get(), buffer + done, static_cast<size_t>(length - done),
-                 MSG_NOSIGNAL | (bounded ? MSG_DONTWAIT : 0));
+      msghdr message{};
+      message.msg_iov = parts;
+      message.msg_iovlen = static_cast<size_t>(count);
+      n = ::sendmsg(mFd.get(), &message, MSG_NOSIGNAL | (bounded ? MSG_DONTWAIT : 0));
       if (n < 0 && errno == EINTR) continue;
       if (n < 0 && bounded && (errno == EAGAIN || errno == EWOULDBLOCK)) {
         wait = true;
@@ -430,7 +447,10 @@ int TCPSocket::write(const char* buffer, int length) {
   }
   mWriteTicks += Ticks::currentTime() - start;
   mWriteBytes += done;
-  if (mSpy && done > 0) mSpy->onWrite(buffer, done);
+  if (mSpy && done > 0) {
+    if (firstLength > 0) mSpy->onWrite(first, std::min(done, firstLength));
+    if (done > firstLength) mSpy->onWrite(second, done - firstLength);
+  }
   return done;
 }
 

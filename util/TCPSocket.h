@@ -107,7 +107,10 @@ class TCPSocket {
   int read(char* buffer, int length);
   // Writes all length bytes (retrying partial sends). Returns the number
   // written; less than length means failure.
-  int write(const char* buffer, int length);
+  int write(const char* buffer, int length) { return write(buffer, length, nullptr, 0); }
+  // The same for first followed by second, in one send where the socket
+  // takes them (a header and the bulk data after it cost one call).
+  int write(const char* first, int firstLength, const char* second, int secondLength);
 
   // Told the size of each block sendFile() has sent; false stops the send.
   using BlockSent = std::function<bool(int bytes)>;

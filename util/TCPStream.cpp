@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "util/Assert.h"
 #include "util/CRC.h"
 
 namespace {
@@ -42,6 +43,14 @@ void TCPStreamBuf::reset() {
   setp(out, out + kOutBufSize);
   mCRCMismatch = false;
   mExpectedCRC = mActualCRC = mBytesToSum = 0;
+}
+
+void TCPStreamBuf::setInputBufferSize(int size) {
+  HC_ASSERT(buffered() == 0 && size > 0);
+  mBufSize = size;
+  mBufferIn.assign(static_cast<size_t>(mPutBackSize + size), 0);
+  char* in = mBufferIn.data() + mPutBackSize;
+  setg(in, in, in);
 }
 
 void TCPStreamBuf::setCRCMode(std::function<void()> onMismatch) {
@@ -85,9 +94,18 @@ std::streamsize TCPStreamBuf::xsputn(const char* s, std::streamsize n) {
   }
   if (mUseCRC || n < kOutBufSize) return std::streambuf::xsputn(s, n);
   // Bulk data goes straight from the caller's buffer to the socket, after
-  // whatever is already queued so that the byte order is kept.
-  if (!flushOutput()) return 0;
+  // whatever is already queued (in the same send) so that the byte order is
+  // kept.
   std::streamsize done = 0;
+  const int queued = static_cast<int>(pptr() - pbase());
+  if (queued > 0) {
+    const int chunk = static_cast<int>(std::min<std::streamsize>(n, 1 << 30));
+    const int written = mSocket->write(pbase(), queued, s, chunk);
+    pbump(-queued);
+    if (written < queued) return 0;
+    done = written - queued;
+    if (done != chunk) return done;
+  }
   while (done < n) {
     const int chunk = static_cast<int>(std::min<std::streamsize>(n - done, 1 << 30));
     const int written = mSocket->write(s + done, chunk);

@@ -37,6 +37,10 @@ class TCPStreamBuf : public std::streambuf {
 
   // Forgets buffered input and unsent output and the checksum progress.
   void reset();
+  // Refills read up to size bytes at once instead of kBufSize (a receiver
+  // of framed bulk data then takes a frame's header and its data in one
+  // call). Only while nothing is buffered.
+  void setInputBufferSize(int size);
   // Installs the checksum mismatch callback; empty switches the mode off.
   void setCRCMode(std::function<void()> onMismatch);
   bool crcMode() const { return static_cast<bool>(mUseCRC); }

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <thread>
 
 #include "support/FakeDaemon.h"
 #include "support/TempDir.h"
@@ -45,6 +46,22 @@ TEST(TCPStreamTest, BulkAndSmallWritesKeepOrderAndLossRaises) {
   p.server->unget();  // the put-back area survives a bulk read
   EXPECT_EQ(p.server->get(), static_cast<unsigned char>(bulk.back()));
   EXPECT_EQ(readN(*p.server, 2), "cd");
+
+  // Queued bytes and a bulk write far larger than the socket buffers go out
+  // together through partial sends, in order; a receiver with a large input
+  // buffer reads them back whole.
+  StreamPair q;
+  q.server->streamBuf().setInputBufferSize(65544);
+  q.client->socket().setWriteTimeout(5000);  // sends what fits, then waits
+  const std::string large = TempDir::pattern(8 << 20);
+  std::thread writer([&] {
+    q.client->write("xy", 2);
+    q.client->write(large.data(), static_cast<std::streamsize>(large.size()));
+    q.client->flush();
+  });
+  EXPECT_EQ(readN(*q.server, 3), "xy" + large.substr(0, 1));
+  EXPECT_TRUE(readN(*q.server, large.size() - 1) == large.substr(1));
+  writer.join();
 
   p.client->close();
   EXPECT_THROW(p.server->get(), std::ios_base::failure);
