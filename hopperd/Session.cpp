@@ -223,7 +223,16 @@ void Session::fileData(const char* data, size_t n, const uint32_t* blockCRC) {
       }
     }
   }
-  if (mSumming) mSum = CRC::crc32c(reinterpret_cast<const unsigned char*>(data), n, mSum);
+  // The head sums the client's bytes once: the block's checksum goes on
+  // with the block and joins the file's.
+  uint32_t sum = 0;
+  if (mSumming) {
+    if (!blockCRC) {
+      sum = CRC::crc32c(reinterpret_cast<const unsigned char*>(data), n, 0);
+      blockCRC = &sum;
+    }
+    mSum = CRC::crc32cCombine(mSum, *blockCRC, n);
+  }
   mDownstream.forward(data, n, mOffset, blockCRC);
   mOffset += static_cast<int64_t>(n);
   mBytesReceived += static_cast<int64_t>(n);

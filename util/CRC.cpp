@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "util/CRCPolynomial.h"
+
 namespace {
 
 using Table = std::array<std::array<uint32_t, 256>, 8>;
@@ -74,6 +76,13 @@ unsigned int crc32cSoftware(const unsigned char* data, unsigned long length, uns
   }
   while (p != end) c = byteStep(c, *p++);
   return ~c;
+}
+
+unsigned int crc32cCombine(unsigned int crcA, unsigned int crcB, unsigned long lengthB) {
+  // The conditioning of both checksums cancels out: A's checksum advanced
+  // over B's length of zeros, plus B's, is the checksum of both.
+  return polynomial::multiply(static_cast<uint32_t>(crcA), polynomial::zeroBytesFactor(lengthB)) ^
+         static_cast<uint32_t>(crcB);
 }
 
 using Implementation = unsigned int (*)(const unsigned char*, unsigned long, unsigned int);

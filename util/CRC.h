@@ -14,6 +14,10 @@ namespace CRC {
 // A length of 0 returns crc unchanged. Allocates nothing.
 unsigned int crc32c(const unsigned char* data, unsigned long length, unsigned int crc);
 
+// The checksum of A followed by B, from A's checksum, B's and B's length:
+// crc32cCombine(crc32c(A, m, 0), crc32c(B, n, 0), n) == crc32c(AB, m + n, 0).
+unsigned int crc32cCombine(unsigned int crcA, unsigned int crcB, unsigned long lengthB);
+
 // The same function computed with lookup tables only; runs on any CPU.
 unsigned int crc32cSoftware(const unsigned char* data, unsigned long length, unsigned int crc);
 

@@ -15,6 +15,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "util/CRCPolynomial.h"
+
 #if defined(__x86_64__)
 #include <nmmintrin.h>
 #define HC_CRC_HARDWARE 1
@@ -34,29 +36,8 @@
 #ifdef HC_CRC_HARDWARE
 namespace {
 
-// All arithmetic below is on the bit-reversed register the instruction
-// keeps: bit 31 holds the coefficient of x^0 and bit 0 that of x^31.
-constexpr uint32_t kPolynomial = 0x82F63B78u;
-
-// a * b modulo the polynomial.
-constexpr uint32_t multiply(uint32_t a, uint32_t b) {
-  uint32_t product = 0;
-  for (int i = 0; i < 32; ++i, a <<= 1) {
-    if (a & 0x80000000u) product ^= b;  // a has x^i: add b * x^i
-    b = (b & 1) ? (b >> 1) ^ kPolynomial : b >> 1;
-  }
-  return product;
-}
-
-// x^(8n) modulo the polynomial: what n zero bytes multiply a register by.
-constexpr uint32_t zeroBytesFactor(size_t n) {
-  uint32_t result = 0x80000000u;  // 1
-  uint32_t power = 0x00800000u;   // x^8
-  for (; n != 0; n >>= 1, power = multiply(power, power)) {
-    if (n & 1) result = multiply(result, power);
-  }
-  return result;
-}
+using CRC::polynomial::multiply;
+using CRC::polynomial::zeroBytesFactor;
 
 // Advancing a register over n zero bytes is linear in the register, so it
 // splits into one lookup per register byte, table k covering byte k.

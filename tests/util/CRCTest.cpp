@@ -68,6 +68,10 @@ TEST_P(CRCTest, AnySplitAndAnyAlignmentGivesTheOneCallValue) {
     const size_t cut = std::uniform_int_distribution<size_t>(0, length)(rng);
     ASSERT_EQ(whole, crc(p + cut, length - cut, crc(p, cut, 0)))
         << "offset " << offset << " length " << length << " cut " << cut;
+    // Two pieces summed apart join into the same value.
+    ASSERT_EQ(whole, CRC::crc32cCombine(crc(p, cut, 0), crc(p + cut, length - cut, 0),
+                                        length - cut))
+        << "offset " << offset << " length " << length << " cut " << cut;
   }
 }
 
