@@ -4,6 +4,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "hopper/Protocol.h"
 #include "hopper/hopperMisc.h"
 #include "util/Assert.h"
 #include "util/StringUtilities.h"
@@ -327,7 +328,7 @@ bool UploadManager::commit() {
   while (mPOutStream) {
     const std::string head = *mNodeIPSet.begin();
     try {
-      *mPOutStream << static_cast<int>(C2H_COMMIT_UPLOAD);
+      Protocol::writeCommit(*mPOutStream);
       mPOutStream->flush();
       std::string reply;
       *mPOutStream >> reply;
@@ -380,7 +381,7 @@ void UploadManager::finishAborted() {
       mWire = Wire::Idle;
     }
     if (mWire == Wire::Idle) {
-      *mPOutStream << static_cast<int>(C2H_ABORT_UPLOAD);
+      Protocol::writeAbort(*mPOutStream);
       mPOutStream->flush();
       int ignored = 0;
       *mPOutStream >> ignored;

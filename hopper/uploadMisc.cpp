@@ -3,6 +3,7 @@
 #include <sstream>
 #include <vector>
 
+#include "hopper/Protocol.h"
 #include "hopper/hopperMisc.h"
 #include "util/StringUtilities.h"
 #include "util/System.h"
@@ -13,8 +14,6 @@ namespace {
 // A daemon that keeps answering "no session" right after a successful begin
 // is broken; give up on it rather than loop.
 const int kMaxSessionRestarts = 3;
-
-bool acceptedVersion(int version) { return version == 4 || version == 5; }
 
 // Connects (and with newProtocol hand-shakes) stream to the host; returns the
 // bad-node code when the host is not usable, -1 when it is.
@@ -29,7 +28,7 @@ int tryHost(TCPStream& stream, const std::string& host, bool newProtocol) {
     }
     int version = connectToHopperNew(stream, address, port, kConnectTimeoutMs);
     if (version == -1) version = connectToHopperOld(stream, address, port, kConnectTimeoutMs);
-    return acceptedVersion(version) ? -1 : kBadNodeVersionMismatch;
+    return Protocol::acceptedVersion(version) ? -1 : kBadNodeVersionMismatch;
   } catch (const std::exception&) {
     return kBadNodeUnreachable;
   }
@@ -57,7 +56,7 @@ std::unique_ptr<TCPStream> findGoodNode(NodeSet& nodes, BadNodeList& badNodes, b
 int sendBeginUploadMsg(TCPStream& stream, NodeSet& nodes, bool stopAgents, BadNodeList& badNodes,
                        BusyNodeList& busyNodes, std::ostream& err, bool& reconnect) {
   const std::string head = nodes.empty() ? std::string() : *nodes.begin();
-  stream << static_cast<int>(C2H_BEGIN_UPLOAD) << nodes << !stopAgents;
+  Protocol::writeBegin(stream, std::vector<std::string>(nodes.begin(), nodes.end()), stopAgents);
   stream.flush();
   int status = 0;
   stream >> status;
@@ -66,7 +65,7 @@ int sendBeginUploadMsg(TCPStream& stream, NodeSet& nodes, bool stopAgents, BadNo
     BadNodeList bad;
     BusyNodeList busy;
     std::string text;
-    stream >> bad >> busy >> text;
+    Protocol::readBeginLists(stream, bad, busy, text);
     err << text;
     for (const auto& node : bad) {
       badNodes.push_back(node);
@@ -94,15 +93,14 @@ void sendResumeUploadMsg(TCPStream& stream, const NodeSet& nodes, bool stopAgent
                          long& position, std::ostream& err) {
   const std::string name = lastPathComponent(localPath);
   for (int restarts = 0;; ++restarts) {
-    stream << static_cast<int>(C2H_RESUME_UPLOAD) << fileSize << name << remotePath << mode;
+    Protocol::writeFileInfo(stream, FileInfo{fileSize, name, remotePath, mode});
     stream.flush();
-    int status = 0;
-    stream >> status;
-    if (status == RESUME_OK) {
-      stream >> position;
+    const AnnouncementReply reply = Protocol::readAnnouncementReply(stream);
+    if (reply.mStatus == RESUME_OK) {
+      position = static_cast<long>(reply.mPosition);
       return;
     }
-    if (status == RESUME_NO_SESSION) {
+    if (reply.mStatus == RESUME_NO_SESSION) {
       // A new head after a reconnect: begin on this connection, then announce
       // again. Its host reports are not this file's business: only a refused
       // file may leave text in err.
@@ -118,9 +116,7 @@ void sendResumeUploadMsg(TCPStream& stream, const NodeSet& nodes, bool stopAgent
       }
       continue;
     }
-    std::string text;
-    stream >> text;
-    err << (nodes.empty() ? std::string() : *nodes.begin()) << ": " << text;
+    err << (nodes.empty() ? std::string() : *nodes.begin()) << ": " << reply.mText;
     stream.setstate(std::ios::failbit);
     return;
   }

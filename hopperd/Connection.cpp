@@ -182,7 +182,7 @@ void Connection::handleBegin() {
 void Connection::handleFile() {
   const FileInfo info = Protocol::readFileInfo(mStream);
   if (!mSession) {
-    mStream << int(RESUME_NO_SESSION);
+    Protocol::writeAnnouncementReply(mStream, AnnouncementReply{RESUME_NO_SESSION, 0, ""});
     sendReply();
     return;
   }
@@ -191,11 +191,11 @@ void Connection::handleFile() {
   std::string refusal;
   if (!mSession->openFile(info, start, refusal)) {
     HC_LOG_DEBUG("Refused " << info.mRemotePath << ": " << refusal);
-    mStream << RESUME_REFUSED << refusal;
+    Protocol::writeAnnouncementReply(mStream, AnnouncementReply{RESUME_REFUSED, 0, refusal});
     sendReply();
     return;
   }
-  mStream << int(RESUME_OK) << long(start);
+  Protocol::writeAnnouncementReply(mStream, AnnouncementReply{RESUME_OK, start, ""});
   sendReply();
   receiveData(info.mSize - start);
   mStream << mSession->closeFile();

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "hopperd/Protocol.h"
+#include "hopper/Protocol.h"
 #include "hopperd/SessionTable.h"
 #include "util/Mutex.h"
 #include "util/TCPStream.h"

@@ -156,7 +156,7 @@ Downstream::Outcome Downstream::tryLink(size_t index, BeginResult& result) {
       result.mBusy.splice(result.mBusy.end(), theirs.mBusy);
       Protocol::appendLines(result.mText, theirs.mText);
     }
-    *mStream << H2H_LAST_FILE;
+    Protocol::writeLastFileRequest(*mStream);
     mStream->flush();
     const int64_t lastSeq = Protocol::readPosition(*mStream, kMaxFileSize);
     const int64_t lastBytes = Protocol::readPosition(*mStream, kMaxFileSize);
@@ -523,7 +523,7 @@ void Downstream::forgetFiles() {
 void Downstream::sendCommit() {
   dropUnfinishedPart();
   onLink([this] {
-    *mStream << int(C2H_COMMIT_UPLOAD);
+    Protocol::writeCommit(*mStream);
     mStream->flush();
     Mutex::Lock lock(mMutex);
     mFinal = COMMIT_REPLY;
@@ -560,7 +560,7 @@ void Downstream::abort() {
   mAborting = true;
   for (size_t attempt = 0; attempt <= mCandidates.size(); ++attempt) {
     const bool sent = onLink([this] {
-      *mStream << int(C2H_ABORT_UPLOAD);
+      Protocol::writeAbort(*mStream);
       mStream->flush();
       Mutex::Lock lock(mMutex);
       mFinal = ABORT_REPLY;

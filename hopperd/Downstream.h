@@ -25,7 +25,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "hopperd/Protocol.h"
+#include "hopper/Protocol.h"
 #include "util/Condition.h"
 #include "util/Mutex.h"
 #include "util/TCPStream.h"

@@ -17,7 +17,7 @@
 #include "hopperd/DaemonConfig.h"
 #include "hopperd/Downstream.h"
 #include "hopperd/Journal.h"
-#include "hopperd/Protocol.h"
+#include "hopper/Protocol.h"
 #include "hopperd/StagedFile.h"
 #include "hopperd/TargetPath.h"
 #include "util/Mutex.h"

@@ -1,9 +1,10 @@
-// The daemon's side of the wire: the items a daemon reads from a peer, always
-// through the bounded readers (a daemon trusts nobody), the writers for the
-// lists it sends back, and the code that daemons alone exchange to carry an
-// upload's identity along the relay chain.
-#ifndef HIVE_HOPPERD_PROTOCOL_H_
-#define HIVE_HOPPERD_PROTOCOL_H_
+// The wire protocol both ends share: the encoders and the bounded decoders
+// of the messages that a client and a daemon, or two daemons, exchange (the
+// message codes are in hopperMisc.h), and the messages that daemons alone
+// exchange to carry an upload along the relay chain. Every item read from a
+// peer goes through a bounded reader: neither end trusts the other.
+#ifndef HIVE_HOPPER_PROTOCOL_H_
+#define HIVE_HOPPER_PROTOCOL_H_
 
 #include <cstdint>
 #include <set>
@@ -58,6 +59,15 @@ const int64_t kMaxFileSize = int64_t(1) << 62;
 // within the string bound a peer accepts.
 const size_t kMaxReplyLine = 1024;
 const size_t kMaxReplyText = System::kMaxPeerStringLength;
+
+// The reply to a file announcement: RESUME_OK with the position to send
+// from, RESUME_NO_SESSION (begin again on this connection), or any other
+// status with the refusal's text.
+struct AnnouncementReply {
+  int mStatus = RESUME_OK;
+  int64_t mPosition = 0;
+  std::string mText;
+};
 
 // One file announcement.
 struct FileInfo {
@@ -126,8 +136,12 @@ FileCheck readFileCheck(TCPStream& in);
 void readBegin(TCPStream& in, std::vector<std::string>& hosts, bool& stopAgents);
 // The upload identifier must be 1 to 64 letters and digits.
 RelayIdentity readRelayIdentity(TCPStream& in);
-// The rest of a status-3 begin reply (bad list, busy list, text).
+// The rest of a status-3 begin reply (bad list, busy list, text), as sent.
+void readBeginLists(TCPStream& in, StringIntPairList& bad, StringList& busy, std::string& text);
+// The same, added to out (the text's lines appended).
 void readBeginFailures(TCPStream& in, BeginResult& out);
+// The reply to a file announcement.
+AnnouncementReply readAnnouncementReply(TCPStream& in);
 // An int64 position or size, checked to lie in [0, max].
 int64_t readPosition(TCPStream& in, int64_t max);
 // A reply text of the daemon `host`. One over the string bound is read past
@@ -136,7 +150,14 @@ int64_t readPosition(TCPStream& in, int64_t max);
 std::string readReply(TCPStream& in, const std::string& host);
 
 // Writers (not flushed).
+// A file announcement, its code included.
 void writeFileInfo(TCPStream& out, const FileInfo& info);
+void writeAnnouncementReply(TCPStream& out, const AnnouncementReply& reply);
+// The messages without items: commit, abort, and the question which file a
+// newly linked host took last.
+void writeCommit(TCPStream& out);
+void writeAbort(TCPStream& out);
+void writeLastFileRequest(TCPStream& out);
 void writeFilePart(TCPStream& out, const FilePart& part);
 // One data block of a part, with its header: n is at most kMaxRelayBlock.
 // crc, when not null, is the block's checksum as received (a relay passes
@@ -155,4 +176,4 @@ void appendLines(std::string& lines, const std::string& text);
 
 }  // namespace Protocol
 
-#endif  // HIVE_HOPPERD_PROTOCOL_H_
+#endif  // HIVE_HOPPER_PROTOCOL_H_

@@ -1,4 +1,4 @@
-#include "hopperd/Protocol.h"
+#include "hopper/Protocol.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -76,4 +76,31 @@ TEST(ProtocolTest, RepliesStayWithinTheirBounds) {
   int next = 0;
   *big.stream >> next;
   EXPECT_EQ(next, 7);
+}
+
+// What the daemon answers to an announcement is what the client reads, for
+// each kind of answer, on the wire as the client's scripted fakes expect it.
+TEST(ProtocolTest, AnnouncementRepliesReadAsWritten) {
+  const AnnouncementReply replies[] = {{RESUME_OK, 300000, ""},
+                                       {RESUME_NO_SESSION, 0, ""},
+                                       {RESUME_REFUSED, 0, "h1: /x: refused"}};
+  const std::string wire[] = {WireBytes().i32(RESUME_OK).i64(300000),
+                              WireBytes().i32(RESUME_NO_SESSION),
+                              WireBytes().i32(RESUME_REFUSED).str("h1: /x: refused")};
+  for (size_t i = 0; i < 3; ++i) {
+    int fds[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+    TCPStream out(std::make_unique<TCPSocket>(fds[0]));
+    Protocol::writeAnnouncementReply(out, replies[i]);
+    out.flush();
+    std::string bytes(wire[i].size(), '\0');
+    ASSERT_EQ(::read(fds[1], &bytes[0], bytes.size()), ssize_t(bytes.size())) << i;
+    EXPECT_EQ(bytes, wire[i]) << i;
+    Peer in(bytes);
+    const AnnouncementReply read = Protocol::readAnnouncementReply(*in.stream);
+    EXPECT_EQ(read.mStatus, replies[i].mStatus) << i;
+    EXPECT_EQ(read.mPosition, replies[i].mPosition) << i;
+    EXPECT_EQ(read.mText, replies[i].mText) << i;
+    ::close(fds[1]);
+  }
 }

@@ -1,4 +1,4 @@
-#include "hopperd/Protocol.h"
+#include "hopper/Protocol.h"
 
 #include <algorithm>
 #include <cctype>
@@ -147,12 +147,45 @@ RelayIdentity readRelayIdentity(TCPStream& in) {
   return identity;
 }
 
+void readBeginLists(TCPStream& in, StringIntPairList& bad, StringList& busy, std::string& text) {
+  System::readStringIntPairListBounded(in, bad);
+  System::readStringListBounded(in, busy);
+  text = readString(in);
+}
+
+AnnouncementReply readAnnouncementReply(TCPStream& in) {
+  AnnouncementReply reply;
+  in >> reply.mStatus;
+  if (reply.mStatus == RESUME_OK) {
+    long position = 0;
+    in >> position;
+    reply.mPosition = position;
+  } else if (reply.mStatus != RESUME_NO_SESSION) {
+    reply.mText = readString(in);
+  }
+  return reply;
+}
+
+void writeAnnouncementReply(TCPStream& out, const AnnouncementReply& reply) {
+  out << reply.mStatus;
+  if (reply.mStatus == RESUME_OK) {
+    out << long(reply.mPosition);
+  } else if (reply.mStatus != RESUME_NO_SESSION) {
+    out << reply.mText;
+  }
+}
+
+void writeCommit(TCPStream& out) { out << int(C2H_COMMIT_UPLOAD); }
+
+void writeAbort(TCPStream& out) { out << int(C2H_ABORT_UPLOAD); }
+
+void writeLastFileRequest(TCPStream& out) { out << H2H_LAST_FILE; }
+
 void readBeginFailures(TCPStream& in, BeginResult& out) {
   StringIntPairList bad;
   StringList busy;
-  System::readStringIntPairListBounded(in, bad);
-  System::readStringListBounded(in, busy);
-  const std::string text = readString(in);
+  std::string text;
+  readBeginLists(in, bad, busy, text);
   out.mBad.splice(out.mBad.end(), bad);
   out.mBusy.splice(out.mBusy.end(), busy);
   appendLines(out.mText, text);
