@@ -14,7 +14,7 @@ const char kOmitted[] = "(further errors omitted)";
 // The old version request: the daemon answers with a bare int32.
 int oldHandshake(TCPStream& stream, const std::string& host, int port, int timeoutMs) {
   stream.connect(host, port, timeoutMs);
-  stream << int(C2H_GET_VERSION);
+  Protocol::writeOldVersionRequest(stream);
   stream.flush();
   int version = 0;
   stream >> version;
@@ -27,6 +27,23 @@ namespace Protocol {
 
 bool acceptedVersion(int version) { return version == 4 || version == kHopperProtocolVersion; }
 
+void writeVersionRequest(TCPStream& out) {
+  out << int(C2H_NEW_GET_VERSION) << kHopperProtocolVersion << getVersionString();
+}
+
+void writeOldVersionRequest(TCPStream& out) { out << int(C2H_GET_VERSION); }
+
+int readVersionRequest(TCPStream& in) {
+  int protocol = 0;
+  in >> protocol;
+  readString(in);  // the peer's version text, for nobody
+  return protocol;
+}
+
+void writeVersionReply(TCPStream& out) { out << std::string("OK") << kHopperProtocolVersion; }
+
+void writeOldVersionReply(TCPStream& out) { out << kHopperProtocolVersion; }
+
 int handshake(TCPStream& stream, const std::string& host, int port, int timeoutMs) {
   TCPSocket& socket = stream.socket();
   socket.setDeadline(Ticks::currentTime() + Ticks(int64_t(timeoutMs) * 1000000));
@@ -35,7 +52,7 @@ int handshake(TCPStream& stream, const std::string& host, int port, int timeoutM
     ~ClearDeadline() { mSocket.setDeadline(Ticks()); }
   } clear{socket};
   stream.connect(host, port, timeoutMs);
-  stream << int(C2H_NEW_GET_VERSION) << kHopperProtocolVersion << getVersionString();
+  writeVersionRequest(stream);
   stream.flush();
   std::string reply;
   try {

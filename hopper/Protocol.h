@@ -111,6 +111,16 @@ struct BeginResult {
 
 namespace Protocol {
 
+// The version handshake: the new request carries the sender's protocol and
+// version text and is answered "OK" and the daemon's protocol; the old one
+// carries nothing and is answered with the bare protocol.
+void writeVersionRequest(TCPStream& out);
+void writeOldVersionRequest(TCPStream& out);
+// The new request's items after its code; returns the peer's protocol.
+int readVersionRequest(TCPStream& in);
+void writeVersionReply(TCPStream& out);
+void writeOldVersionReply(TCPStream& out);
+
 // Handshakes with the daemon at host:port as a client does (the new version
 // request, then the old one when the new is not understood). Every reply
 // item goes through the bounded readers and the whole exchange ends within

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "hopper/Protocol.h"
 #include "util/Logger.h"
 #include "util/NetEncoding.h"
 #include "util/Timer.h"
@@ -50,7 +51,7 @@ int connectToHopperNew(TCPStream& stream, const std::string& host, int port, int
   Timer timer;
   timer.start();
   stream.connect(host, port, timeoutMs);
-  stream << static_cast<int>(C2H_NEW_GET_VERSION) << kHopperProtocolVersion << getVersionString();
+  Protocol::writeVersionRequest(stream);
   stream.flush();
   timer.stop();
   const int remaining = remainingMs(timeoutMs, timer);
@@ -62,11 +63,10 @@ int connectToHopperNew(TCPStream& stream, const std::string& host, int port, int
     stream.close();
     return -1;
   }
-  std::string reply;
-  stream >> reply;
+  const std::string reply = Protocol::readString(stream);
   if (reply != "OK") {
     HC_LOG_INFO("Attempting to connect to server " << host
-                << " with C2H_NEW_GET_VERSION.  Server replied with " << reply
+                << " with the new version request.  Server replied with " << reply
                 << " Probably an older version server " << ", but expected protocol version "
                 << kHopperProtocolVersion);
     stream.close();
@@ -81,7 +81,7 @@ int connectToHopperOld(TCPStream& stream, const std::string& host, int port, int
   Timer timer;
   timer.start();
   stream.connect(host, port, timeoutMs);
-  stream << static_cast<int>(C2H_GET_VERSION);
+  Protocol::writeOldVersionRequest(stream);
   stream.flush();
   timer.stop();
   const int remaining = remainingMs(timeoutMs, timer);

@@ -95,7 +95,7 @@ bool Connection::handle(int code) {
   if (code != C2H_GET_VERSION && code != C2H_NEW_GET_VERSION) mSeenMessage = true;
   switch (code) {
     case C2H_GET_VERSION:
-      mStream << kHopperProtocolVersion;
+      Protocol::writeOldVersionReply(mStream);
       sendReply();
       return true;
     case C2H_NEW_GET_VERSION:
@@ -143,11 +143,9 @@ bool Connection::handle(int code) {
 }
 
 void Connection::handleNewVersion() {
-  int clientProtocol = 0;
-  mStream >> clientProtocol;
-  const std::string version = Protocol::readString(mStream);
+  const int clientProtocol = Protocol::readVersionRequest(mStream);
   HC_LOG_DEBUG("Handshake from " << mPeer << ", protocol " << clientProtocol);
-  mStream << std::string("OK") << kHopperProtocolVersion;
+  Protocol::writeVersionReply(mStream);
   sendReply();
 }
 
