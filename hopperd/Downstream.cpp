@@ -69,6 +69,7 @@ void Downstream::close() {
     mReplies->socket().shutdown();  // ends a read in progress
     mReader.join();
   }
+  if (mStream) ++mLinks;
   mReplies.reset();
   mStream.reset();
   mHost.clear();
@@ -503,9 +504,13 @@ void Downstream::passCheck(const FileCheck& check) {
     break;
   }
   if (!linked()) return;
-  // A reroute on the way re-sends the file with its check from mSent.
+  // A new link on the way was brought up to date from mSent, this check
+  // included: it is sent only on the link that was up here.
+  const uint64_t link = mLinks;
   onLink([&] {
-    if (holdsWhole(check.mSeq, check.mSize)) Protocol::writeFileCheck(*mStream, check);
+    if (link == mLinks && holdsWhole(check.mSeq, check.mSize)) {
+      Protocol::writeFileCheck(*mStream, check);
+    }
     mStream->flush();
   });
 }

@@ -177,6 +177,7 @@ class Downstream {
   std::string mHost;
   std::unique_ptr<TCPStream> mStream;   // the writing side
   std::unique_ptr<TCPStream> mReplies;  // the reading side, the reader's own
+  uint64_t mLinks = 0;                  // links closed so far
   std::thread mReader;
 
   // Shared with the reader thread.
