@@ -172,6 +172,14 @@ TCPSocket::TCPSocket(int fd) : TCPSocket() { mFd = System::FileDescriptor(fd); }
 
 TCPSocket::~TCPSocket() { close(); }
 
+std::pair<System::FileDescriptor, System::FileDescriptor> TCPSocket::pair() {
+  int fds[2];
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) < 0) {
+    throw exception(format("couldn't create a socket pair: %.150s", errnoText(errno).c_str()));
+  }
+  return {System::FileDescriptor(fds[0]), System::FileDescriptor(fds[1])};
+}
+
 void TCPSocket::failAndClose(const std::string& message) {
   close();
   throw exception(message);
@@ -222,6 +230,10 @@ bool TCPSocket::await(short events, int timeoutMs, bool stallable) {
 
 void TCPSocket::connect(const std::string& host, int port, long timeoutMs) {
   if (mFd.valid()) throw exception("socket already open");
+  if (mConnector) {
+    mFd = mConnector->connect(host, port, timeoutMs);
+    return;
+  }
   // Close-on-exec from birth: set later, a fork in another thread could
   // inherit the descriptor. Non-blocking until connected, so that the wait
   // happens in poll where its limits apply.
@@ -535,8 +547,9 @@ std::vector<std::string> TCPSocket::getHostIPList(const std::string& host) {
 std::string TCPSocket::getRemoteHost() const {
   sockaddr_in addr{};
   socklen_t len = sizeof addr;
-  if (!mFd.valid() || ::getpeername(mFd.get(), reinterpret_cast<sockaddr*>(&addr), &len) < 0) {
-    return "";
+  if (!mFd.valid() || ::getpeername(mFd.get(), reinterpret_cast<sockaddr*>(&addr), &len) < 0 ||
+      addr.sin_family != AF_INET) {
+    return "";  // closed, or a local pair
   }
   return dotted(addr.sin_addr);
 }
@@ -544,7 +557,8 @@ std::string TCPSocket::getRemoteHost() const {
 int TCPSocket::getRemotePort() const {
   sockaddr_in addr{};
   socklen_t len = sizeof addr;
-  if (!mFd.valid() || ::getpeername(mFd.get(), reinterpret_cast<sockaddr*>(&addr), &len) < 0) {
+  if (!mFd.valid() || ::getpeername(mFd.get(), reinterpret_cast<sockaddr*>(&addr), &len) < 0 ||
+      addr.sin_family != AF_INET) {
     return -1;
   }
   return ntohs(addr.sin_port);

@@ -24,6 +24,7 @@
 #include <utility>
 #include <vector>
 
+#include "util/Connector.h"
 #include "util/System.h"
 #include "util/Ticks.h"
 
@@ -59,15 +60,21 @@ class TCPSocket {
   TCPSocket();
   // Adopts an already connected descriptor (the socket now owns it).
   explicit TCPSocket(int fd);
+  // Two connected local stream descriptors (close-on-exec), for a peer
+  // inside this process. Throws exception when there are none left.
+  static std::pair<System::FileDescriptor, System::FileDescriptor> pair();
   ~TCPSocket();  // drops the secure layer, then closes the descriptor
   TCPSocket(const TCPSocket&) = delete;
   TCPSocket& operator=(const TCPSocket&) = delete;
 
   // Connects to host (dotted address or name) and port, waiting at most
-  // timeoutMs for the connection (and never past the deadline or a cancel).
-  // The descriptor is close-on-exec and blocking afterwards. Throws
-  // exception on any failure.
+  // timeoutMs for the connection (and never past the deadline or a cancel),
+  // or through the connector when one is set. The descriptor is
+  // close-on-exec and blocking afterwards. Throws exception on any failure.
   void connect(const std::string& host, int port, long timeoutMs);
+  // Where connect() goes from now on (null: TCP). Not owned: it must
+  // outlive the socket's connects.
+  void setConnector(Connector* connector) { mConnector = connector; }
 
   // Binds to address ("" or "0.0.0.0" for every interface) and port (0 picks
   // an ephemeral port, see getListenerPort) with SO_REUSEADDR and listens.
@@ -142,6 +149,7 @@ class TCPSocket {
   // whatever the time-outs: once it has passed the call fails with
   // ETIMEDOUT. A default Ticks() clears it.
   void setDeadline(const Ticks& deadline) { mDeadline = deadline; }
+  const Ticks& getDeadline() const { return mDeadline; }
   // Waits check *flag at least every 100 ms and fail with ECANCELED once it
   // is true. The flag must outlive the socket's use; null removes it.
   void setCancelFlag(const std::atomic<bool>* flag) { mCancelFlag = flag; }
@@ -211,6 +219,7 @@ class TCPSocket {
   int mWriteTimeout;
   Ticks mDeadline;
   const std::atomic<bool>* mCancelFlag;
+  Connector* mConnector = nullptr;
   std::function<bool()> mStallHandler;
   int mLastError;
   std::shared_ptr<TCPSpy> mSpy;

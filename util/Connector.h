@@ -1,0 +1,20 @@
+// Connector: where a socket's connect() goes. A socket without one makes a
+// TCP connection; tests install a connector that pairs the caller with a
+// peer inside the test process (a connected local socket pair), so that the
+// upload engine and the relay link run without daemons on the network.
+#ifndef HIVE_UTIL_CONNECTOR_H_
+#define HIVE_UTIL_CONNECTOR_H_
+
+#include <string>
+
+#include "util/System.h"
+
+class Connector {
+ public:
+  virtual ~Connector() = default;
+  // A connected, blocking, close-on-exec descriptor to host:port, made
+  // within timeoutMs. Throws TCPSocket::exception when there is none.
+  virtual System::FileDescriptor connect(const std::string& host, int port, long timeoutMs) = 0;
+};
+
+#endif  // HIVE_UTIL_CONNECTOR_H_
