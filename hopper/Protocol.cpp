@@ -4,28 +4,15 @@
 #include <cctype>
 
 #include "util/CRC.h"
-#include "util/Ticks.h"
 
 namespace {
 
 const char kCutMark[] = " [cut]";
 const char kOmitted[] = "(further errors omitted)";
 
-// The old version request: the daemon answers with a bare int32.
-int oldHandshake(TCPStream& stream, const std::string& host, int port, int timeoutMs) {
-  stream.connect(host, port, timeoutMs);
-  Protocol::writeOldVersionRequest(stream);
-  stream.flush();
-  int version = 0;
-  stream >> version;
-  return version;
-}
-
 }  // namespace
 
 namespace Protocol {
-
-bool acceptedVersion(int version) { return version == 4 || version == kHopperProtocolVersion; }
 
 void writeVersionRequest(TCPStream& out) {
   out << int(C2H_NEW_GET_VERSION) << kHopperProtocolVersion << getVersionString();
@@ -43,30 +30,6 @@ int readVersionRequest(TCPStream& in) {
 void writeVersionReply(TCPStream& out) { out << std::string("OK") << kHopperProtocolVersion; }
 
 void writeOldVersionReply(TCPStream& out) { out << kHopperProtocolVersion; }
-
-int handshake(TCPStream& stream, const std::string& host, int port, int timeoutMs) {
-  TCPSocket& socket = stream.socket();
-  socket.setDeadline(Ticks::currentTime() + Ticks(int64_t(timeoutMs) * 1000000));
-  struct ClearDeadline {
-    TCPSocket& mSocket;
-    ~ClearDeadline() { mSocket.setDeadline(Ticks()); }
-  } clear{socket};
-  stream.connect(host, port, timeoutMs);
-  writeVersionRequest(stream);
-  stream.flush();
-  std::string reply;
-  try {
-    reply = readString(stream);
-  } catch (const std::ios_base::failure&) {
-    // A daemon that predates the new request closes the connection on it.
-    if (socket.getLastError() == ETIMEDOUT || socket.getLastError() == ECANCELED) throw;
-    return oldHandshake(stream, host, port, timeoutMs);
-  }
-  if (reply != "OK") return oldHandshake(stream, host, port, timeoutMs);
-  int version = 0;
-  stream >> version;
-  return version;
-}
 
 std::string readString(TCPStream& in) {
   std::string s;
@@ -164,10 +127,45 @@ RelayIdentity readRelayIdentity(TCPStream& in) {
   return identity;
 }
 
-void readBeginLists(TCPStream& in, StringIntPairList& bad, StringList& busy, std::string& text) {
-  System::readStringIntPairListBounded(in, bad);
-  System::readStringListBounded(in, busy);
-  text = readString(in);
+int readCode(TCPStream& in) {
+  int code = 0;
+  in >> code;
+  return code;
+}
+
+BeginReply readBeginReply(TCPStream& in) {
+  BeginReply reply;
+  in >> reply.mStatus;
+  if (reply.mStatus == BEGIN_SOME_FAILED) {
+    BeginResult& failures = reply.mFailures;
+    System::readStringIntPairListBounded(in, failures.mBad);
+    System::readStringListBounded(in, failures.mBusy);
+    failures.mText = readString(in);
+  }
+  return reply;
+}
+
+void readAbortReply(TCPStream& in) { readCode(in); }
+
+RelayMessage readRelayReply(TCPStream& in, const std::string& host) {
+  RelayMessage message;
+  message.mTag = readCode(in);
+  if (message.mTag == RELAY_FILE_ERRORS) {
+    message.mSeq = readPosition(in, kMaxFileSize);
+    message.mText = readReply(in, host);
+  } else if (message.mTag == RELAY_COMMITTED) {
+    message.mText = readReply(in, host);
+  } else if (message.mTag != RELAY_ABORTED) {
+    throw System::WireLimitError("unknown relay reply " + std::to_string(message.mTag));
+  }
+  return message;
+}
+
+LastFile readLastFileReply(TCPStream& in) {
+  LastFile last;
+  last.mSeq = readPosition(in, kMaxFileSize);
+  last.mBytes = readPosition(in, kMaxFileSize);
+  return last;
 }
 
 AnnouncementReply readAnnouncementReply(TCPStream& in) {
@@ -197,16 +195,6 @@ void writeCommit(TCPStream& out) { out << int(C2H_COMMIT_UPLOAD); }
 void writeAbort(TCPStream& out) { out << int(C2H_ABORT_UPLOAD); }
 
 void writeLastFileRequest(TCPStream& out) { out << H2H_LAST_FILE; }
-
-void readBeginFailures(TCPStream& in, BeginResult& out) {
-  StringIntPairList bad;
-  StringList busy;
-  std::string text;
-  readBeginLists(in, bad, busy, text);
-  out.mBad.splice(out.mBad.end(), bad);
-  out.mBusy.splice(out.mBusy.end(), busy);
-  appendLines(out.mText, text);
-}
 
 void writeFileInfo(TCPStream& out, const FileInfo& info) {
   out << int(C2H_RESUME_UPLOAD) << long(info.mSize) << info.mBaseName << info.mRemotePath
@@ -249,6 +237,25 @@ void writeBeginReply(TCPStream& out, const BeginResult& result) {
   out << int(result.mBusy.size());
   for (const std::string& busy : result.mBusy) out << busy;
   out << result.mText;
+}
+
+void writeHeadBusy(TCPStream& out) { out << int(BEGIN_HEAD_BUSY); }
+
+void writeReply(TCPStream& out, const std::string& text) { out << text; }
+
+void writeCommitReply(TCPStream& out, const std::string& errors, bool relay) {
+  if (relay) out << int(RELAY_COMMITTED);
+  out << errors;
+}
+
+void writeAbortReply(TCPStream& out, bool relay) { out << int(relay ? RELAY_ABORTED : 0); }
+
+void writeFileErrors(TCPStream& out, int64_t seq, const std::string& errors) {
+  out << int(RELAY_FILE_ERRORS) << long(seq) << errors;
+}
+
+void writeLastFileReply(TCPStream& out, const LastFile& last) {
+  out << long(last.mSeq) << long(last.mBytes);
 }
 
 void appendLines(std::string& lines, const std::string& text) {

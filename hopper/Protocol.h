@@ -109,26 +109,39 @@ struct BeginResult {
   bool empty() const { return mBad.empty() && mBusy.empty(); }
 };
 
+// The status of a begin and, for BEGIN_SOME_FAILED, what failed.
+struct BeginReply {
+  int mStatus = BEGIN_OK;
+  BeginResult mFailures;
+};
+
+// One reply on a relay link: the tag, and the file (RELAY_FILE_ERRORS) and
+// text that come with it.
+struct RelayMessage {
+  int mTag = RELAY_ABORTED;
+  int64_t mSeq = 0;
+  std::string mText;
+};
+
+// Which file of the upload a host took last (seq 0: none) and how many of
+// its bytes it holds.
+struct LastFile {
+  int64_t mSeq = 0;
+  int64_t mBytes = 0;
+};
+
 namespace Protocol {
 
-// The version handshake: the new request carries the sender's protocol and
-// version text and is answered "OK" and the daemon's protocol; the old one
-// carries nothing and is answered with the bare protocol.
+// The version handshake (connectToHopper in hopperMisc.h makes it): the new
+// request carries the sender's protocol and version text and is answered
+// "OK" and the daemon's protocol; the old one carries nothing and is
+// answered with the bare protocol.
 void writeVersionRequest(TCPStream& out);
 void writeOldVersionRequest(TCPStream& out);
 // The new request's items after its code; returns the peer's protocol.
 int readVersionRequest(TCPStream& in);
 void writeVersionReply(TCPStream& out);
 void writeOldVersionReply(TCPStream& out);
-
-// Handshakes with the daemon at host:port as a client does (the new version
-// request, then the old one when the new is not understood). Every reply
-// item goes through the bounded readers and the whole exchange ends within
-// timeoutMs. Returns the daemon's protocol version; throws on a silent,
-// broken or foreign peer. stream keeps its socket's settings.
-int handshake(TCPStream& stream, const std::string& host, int port, int timeoutMs);
-// Protocol versions this daemon relays to.
-bool acceptedVersion(int version);
 
 // Readers; each throws System::WireLimitError when the peer exceeds a bound
 // and the stream's failure exception when the connection breaks.
@@ -146,15 +159,24 @@ FileCheck readFileCheck(TCPStream& in);
 void readBegin(TCPStream& in, std::vector<std::string>& hosts, bool& stopAgents);
 // The upload identifier must be 1 to 64 letters and digits.
 RelayIdentity readRelayIdentity(TCPStream& in);
-// The rest of a status-3 begin reply (bad list, busy list, text), as sent.
-void readBeginLists(TCPStream& in, StringIntPairList& bad, StringList& busy, std::string& text);
-// The same, added to out (the text's lines appended).
-void readBeginFailures(TCPStream& in, BeginResult& out);
+// The code that starts every message.
+int readCode(TCPStream& in);
+// The reply to a begin; for BEGIN_SOME_FAILED with the lists and the text as
+// sent.
+BeginReply readBeginReply(TCPStream& in);
 // The reply to a file announcement.
 AnnouncementReply readAnnouncementReply(TCPStream& in);
 // An int64 position or size, checked to lie in [0, max].
 int64_t readPosition(TCPStream& in, int64_t max);
-// A reply text of the daemon `host`. One over the string bound is read past
+void readAbortReply(TCPStream& in);
+// What a host on a relay link sends back (RelayReply). An unknown tag
+// throws System::WireLimitError.
+RelayMessage readRelayReply(TCPStream& in, const std::string& host);
+// The reply to H2H_LAST_FILE.
+LastFile readLastFileReply(TCPStream& in);
+// A reply text of the daemon `host`: the reply after a file's data (its
+// error lines, "" when every host stored it) and the commit reply (the
+// upload's error lines). One over the string bound is read past
 // and replaced by a line saying so, so the link stays usable; a negative
 // length throws System::WireLimitError.
 std::string readReply(TCPStream& in, const std::string& host);
@@ -178,6 +200,13 @@ void writeBegin(TCPStream& out, const std::vector<std::string>& hosts, bool stop
 void writeRelayIdentity(TCPStream& out, const RelayIdentity& identity);
 // Status 3 (or 0 when nothing failed) and, for 3, the lists and the text.
 void writeBeginReply(TCPStream& out, const BeginResult& result);
+void writeHeadBusy(TCPStream& out);
+void writeReply(TCPStream& out, const std::string& text);
+// To a client, or with relay to the upstream daemon.
+void writeCommitReply(TCPStream& out, const std::string& errors, bool relay);
+void writeAbortReply(TCPStream& out, bool relay);
+void writeFileErrors(TCPStream& out, int64_t seq, const std::string& errors);
+void writeLastFileReply(TCPStream& out, const LastFile& last);
 
 // Appends the lines of text to lines ("" adds nothing). A line over
 // kMaxReplyLine is cut and marked; lines that would take the whole past

@@ -74,7 +74,7 @@ void UploadManager::findGoodNode(BadNodeList* badNodes, bool newProtocol) {
   mPOutStream.reset();
   mWire = Wire::Idle;
   BadNodeList dropped;
-  mPOutStream = ::findGoodNode(mNodeIPSet, dropped, newProtocol, mStreamDeadline);
+  mPOutStream = ::findGoodNode(mNodeIPSet, dropped, newProtocol, mStreamDeadline, mConnector);
   if (!mPOutStream) timeLimitPassed();
   reportBadNodesByIP(dropped);
   if (badNodes) badNodes->insert(badNodes->end(), dropped.begin(), dropped.end());
@@ -123,10 +123,7 @@ void UploadManager::beginUpload() {
     if (status == BEGIN_SOME_FAILED) {
       reportBadNodesByIP(bad);
       if (!text.str().empty()) {
-        std::string line = "Protocol error while communicating with " + nameOf(head) + ": " +
-                           text.str();
-        massageMsg(line);
-        mStderr << line << std::endl;
+        printError("Protocol error while communicating with " + nameOf(head) + ": " + text.str());
       }
     }
     if (!reconnect) return;
@@ -150,18 +147,9 @@ bool UploadManager::uploadFile(const std::string& localPath, const std::string& 
   long dotBytes = 0;
   // Every lost connection drops one host, so the node set bounds the loop.
   for (;;) {
-    std::ostringstream fileErrors;
     try {
-      return sendFile(file.get(), localPath, remotePath, size, mode, sent, dotBytes, fileErrors);
-    } catch (const std::ios_base::failure&) {
-      std::string text = fileErrors.str();
-      if (!text.empty()) {  // the daemon refused the file; the connection is fine
-        massageMsg(text);
-        mStderr << text << std::endl;
-        mPOutStream->clear();
-        mWire = Wire::Idle;
-        return false;
-      }
+      return sendFile(file.get(), localPath, remotePath, size, mode, sent, dotBytes);
+    } catch (const std::ios_base::failure&) {  // the link to the head is lost
       if (aborted() || timeLimitPassed()) {
         mWire = Wire::Broken;
         return false;
@@ -174,28 +162,34 @@ bool UploadManager::uploadFile(const std::string& localPath, const std::string& 
 }
 
 bool UploadManager::sendFile(int file, const std::string& localPath, const std::string& remotePath,
-                             long size, int mode, long& sent, long& dotBytes,
-                             std::ostream& fileErrors) {
+                             long size, int mode, long& sent, long& dotBytes) {
   long position = -1;
-  sendResumeUploadMsg(*mPOutStream, mNodeIPSet, mStopAgents, size, mode, localPath, remotePath,
-                      position, fileErrors);
+  std::ostringstream refusal;
+  if (sendResumeUploadMsg(*mPOutStream, mNodeIPSet, mStopAgents, size, mode, localPath,
+                          remotePath, position, refusal) == Announcement::kRefused) {
+    printError(refusal.str());
+    return false;
+  }
   mWire = Wire::SendingData;
   resumeFrom(file, localPath, position, size, sent);
   const bool complete = sendData(file, localPath, size, sent, dotBytes);
   if (sent >= size) mWire = Wire::AwaitingReply;
   if (!complete) return false;
   mPOutStream->flush();
-  std::string reply;
-  *mPOutStream >> reply;
+  const std::string reply = Protocol::readReply(*mPOutStream, *mNodeIPSet.begin());
   mWire = Wire::Idle;
   if (reply.empty()) {
     if (mVerboseMode) mStdout << "success" << std::endl;
     return true;
   }
   if (mVerboseMode) mStdout << "failed" << std::endl;
-  massageMsg(reply);
-  mStderr << reply << std::endl;
+  printError(reply);
   return false;
+}
+
+void UploadManager::printError(std::string text) {
+  massageMsg(text);
+  mStderr << text << std::endl;
 }
 
 void UploadManager::resumeFrom(int file, const std::string& localPath, long position, long size,
@@ -330,8 +324,7 @@ bool UploadManager::commit() {
     try {
       Protocol::writeCommit(*mPOutStream);
       mPOutStream->flush();
-      std::string reply;
-      *mPOutStream >> reply;
+      std::string reply = Protocol::readReply(*mPOutStream, head);
       mPOutStream.reset();
       if (!reply.empty()) {
         mCommitFailed = reportsFileErrors(reply);
@@ -376,15 +369,13 @@ void UploadManager::finishAborted() {
     socket.setWriteTimeout(kConnectTimeoutMs);
     if (mWire == Wire::AwaitingReply) {
       mPOutStream->flush();
-      std::string reply;
-      *mPOutStream >> reply;
+      Protocol::readReply(*mPOutStream, *mNodeIPSet.begin());  // the file's, unwanted now
       mWire = Wire::Idle;
     }
     if (mWire == Wire::Idle) {
       Protocol::writeAbort(*mPOutStream);
       mPOutStream->flush();
-      int ignored = 0;
-      *mPOutStream >> ignored;
+      Protocol::readAbortReply(*mPOutStream);
     }
   } catch (const std::ios_base::failure&) {
     // The connection is being dropped anyway.
@@ -399,8 +390,8 @@ std::unique_ptr<TCPStream> UploadManager::reconnectToHead() {
   NodeSet head{*mNodeIPSet.begin()};
   BadNodeList ignored;
   try {
-    return ::findGoodNode(head, ignored, true);
-  } catch (const std::exception&) {
+    return ::findGoodNode(head, ignored, true, Ticks(), mConnector);
+  } catch (const std::runtime_error&) {
     return nullptr;
   }
 }

@@ -43,6 +43,9 @@ class UploadManager : public MoveManager {
                 System::OSID targetOSID, std::ostream& out, std::ostream& err);
   ~UploadManager() override;
 
+  // Where the connections to heads go (null, the default: TCP); not owned.
+  void setConnector(Connector* connector) { mConnector = connector; }
+
   // Every local path must exist and every remote path be absolute; throws
   // std::runtime_error naming the first that is not.
   void validatePaths(const FilePairs& pairs) const;
@@ -89,7 +92,9 @@ class UploadManager : public MoveManager {
                    const std::string& directoryTarget);
   // file is the open source; every read names its offset.
   bool sendFile(int file, const std::string& localPath, const std::string& remotePath, long size,
-                int mode, long& sent, long& dotBytes, std::ostream& fileErrors);
+                int mode, long& sent, long& dotBytes);
+  // A daemon's error text, its addresses replaced by host names, as a line.
+  void printError(std::string text);
   // Lines the head up with the daemon's position after an announcement:
   // re-sends [position, sent) when the daemon holds less than was sent, or
   // skips sent up to position when it holds more.
@@ -113,6 +118,7 @@ class UploadManager : public MoveManager {
   Time mDeadline = Time::max;
   Ticks mStreamDeadline;
   bool mCommitFailed = false;  // the commit reply named a file error
+  Connector* mConnector = nullptr;
   std::unique_ptr<TCPStream> mPOutStream;
   std::vector<char> mBlock;
   Wire mWire = Wire::Idle;

@@ -7,6 +7,7 @@
 #include "hopper/Protocol.h"
 #include "util/Logger.h"
 #include "util/NetEncoding.h"
+#include "util/Ticks.h"
 #include "util/Timer.h"
 
 namespace {
@@ -76,6 +77,24 @@ int connectToHopperNew(TCPStream& stream, const std::string& host, int port, int
   stream >> version;
   return version;
 }
+
+int connectToHopper(TCPStream& stream, const std::string& host, int port, int timeoutMs) {
+  // A peer that starts a reply and never finishes it must not hold the
+  // handshake past its time.
+  TCPSocket& socket = stream.socket();
+  const Ticks kept = socket.getDeadline();
+  const Ticks limit = Ticks::currentTime() + Ticks(int64_t(timeoutMs) * 2 * 1000000);
+  if (kept == Ticks() || limit < kept) socket.setDeadline(limit);
+  struct RestoreDeadline {
+    TCPSocket& mSocket;
+    Ticks mKept;
+    ~RestoreDeadline() { mSocket.setDeadline(mKept); }
+  } restore{socket, kept};
+  const int version = connectToHopperNew(stream, host, port, timeoutMs);
+  return version != -1 ? version : connectToHopperOld(stream, host, port, timeoutMs);
+}
+
+bool acceptedVersion(int version) { return version == 4 || version == kHopperProtocolVersion; }
 
 int connectToHopperOld(TCPStream& stream, const std::string& host, int port, int timeoutMs) {
   Timer timer;

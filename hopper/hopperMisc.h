@@ -50,6 +50,15 @@ int connectToHopperNew(TCPStream& stream, const std::string& host, int port, int
 // Throws "Handshake timed out for getting server version." on time-out.
 int connectToHopperOld(TCPStream& stream, const std::string& host, int port, int timeoutMs);
 
+// The handshake both ends make before an upload: the new request, then the
+// old one when the daemon does not understand it. The whole exchange ends
+// within twice timeoutMs (and within the socket's own deadline, which it
+// keeps). Returns the daemon's protocol version; throws as the two above or
+// as the stream on a broken or silent peer.
+int connectToHopper(TCPStream& stream, const std::string& host, int port, int timeoutMs);
+// Protocol versions this side talks to: 4 and 5.
+bool acceptedVersion(int version);
+
 // "<release>, protocol 5" and a newline, then the product notice.
 std::string getVersionString();
 

@@ -26,10 +26,9 @@ int tryHost(TCPStream& stream, const std::string& host, bool newProtocol) {
       stream.connect(address, port, kConnectTimeoutMs);
       return -1;
     }
-    int version = connectToHopperNew(stream, address, port, kConnectTimeoutMs);
-    if (version == -1) version = connectToHopperOld(stream, address, port, kConnectTimeoutMs);
-    return Protocol::acceptedVersion(version) ? -1 : kBadNodeVersionMismatch;
-  } catch (const std::exception&) {
+    const int version = connectToHopper(stream, address, port, kConnectTimeoutMs);
+    return acceptedVersion(version) ? -1 : kBadNodeVersionMismatch;
+  } catch (const std::runtime_error&) {  // refused, lost or timed out
     return kBadNodeUnreachable;
   }
 }
@@ -37,13 +36,14 @@ int tryHost(TCPStream& stream, const std::string& host, bool newProtocol) {
 }  // namespace
 
 std::unique_ptr<TCPStream> findGoodNode(NodeSet& nodes, BadNodeList& badNodes, bool newProtocol,
-                                        const Ticks& deadline) {
+                                        const Ticks& deadline, Connector* connector) {
   while (!nodes.empty()) {
     const std::string head = *nodes.begin();
     auto stream = std::make_unique<TCPStream>();
     // Set before connecting: the socket keeps it across the handshakes'
     // reconnects.
     stream->socket().setDeadline(deadline);
+    stream->socket().setConnector(connector);
     const int code = tryHost(*stream, head, newProtocol);
     if (code < 0) return stream;
     if (deadline != Ticks() && !(Ticks::currentTime() < deadline)) return nullptr;
@@ -58,20 +58,16 @@ int sendBeginUploadMsg(TCPStream& stream, NodeSet& nodes, bool stopAgents, BadNo
   const std::string head = nodes.empty() ? std::string() : *nodes.begin();
   Protocol::writeBegin(stream, std::vector<std::string>(nodes.begin(), nodes.end()), stopAgents);
   stream.flush();
-  int status = 0;
-  stream >> status;
+  const BeginReply reply = Protocol::readBeginReply(stream);
+  const int status = reply.mStatus;
   if (status == BEGIN_OK) return status;
   if (status == BEGIN_SOME_FAILED) {
-    BadNodeList bad;
-    BusyNodeList busy;
-    std::string text;
-    Protocol::readBeginLists(stream, bad, busy, text);
-    err << text;
-    for (const auto& node : bad) {
+    err << reply.mFailures.mText;
+    for (const auto& node : reply.mFailures.mBad) {
       badNodes.push_back(node);
       nodes.erase(node.first);
     }
-    for (const std::string& node : busy) {
+    for (const std::string& node : reply.mFailures.mBusy) {
       busyNodes.push_back(node);
       nodes.erase(node);
     }
@@ -88,9 +84,10 @@ int sendBeginUploadMsg(TCPStream& stream, NodeSet& nodes, bool stopAgents, BadNo
   return status;
 }
 
-void sendResumeUploadMsg(TCPStream& stream, const NodeSet& nodes, bool stopAgents, long fileSize,
-                         int mode, const std::string& localPath, const std::string& remotePath,
-                         long& position, std::ostream& err) {
+Announcement sendResumeUploadMsg(TCPStream& stream, const NodeSet& nodes, bool stopAgents,
+                                 long fileSize, int mode, const std::string& localPath,
+                                 const std::string& remotePath, long& position,
+                                 std::ostream& err) {
   const std::string name = lastPathComponent(localPath);
   for (int restarts = 0;; ++restarts) {
     Protocol::writeFileInfo(stream, FileInfo{fileSize, name, remotePath, mode});
@@ -98,12 +95,11 @@ void sendResumeUploadMsg(TCPStream& stream, const NodeSet& nodes, bool stopAgent
     const AnnouncementReply reply = Protocol::readAnnouncementReply(stream);
     if (reply.mStatus == RESUME_OK) {
       position = static_cast<long>(reply.mPosition);
-      return;
+      return Announcement::kAccepted;
     }
     if (reply.mStatus == RESUME_NO_SESSION) {
       // A new head after a reconnect: begin on this connection, then announce
-      // again. Its host reports are not this file's business: only a refused
-      // file may leave text in err.
+      // again. Its host reports are not this file's business.
       NodeSet copy = nodes;
       BadNodeList bad;
       BusyNodeList busy;
@@ -111,14 +107,13 @@ void sendResumeUploadMsg(TCPStream& stream, const NodeSet& nodes, bool stopAgent
       bool reconnect = false;
       sendBeginUploadMsg(stream, copy, stopAgents, bad, busy, ignored, reconnect);
       if (reconnect || restarts >= kMaxSessionRestarts) {
-        stream.setstate(std::ios::failbit);  // raises the stream's failure
-        return;
+        // The head cannot take the upload: as good as lost.
+        throw std::ios_base::failure("the head holds no session after a begin");
       }
       continue;
     }
     err << (nodes.empty() ? std::string() : *nodes.begin()) << ": " << reply.mText;
-    stream.setstate(std::ios::failbit);
-    return;
+    return Announcement::kRefused;
   }
 }
 

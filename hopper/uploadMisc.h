@@ -4,7 +4,8 @@
 //
 // Host identifiers are "address" or "address:port" (default port 2411). The
 // node set is ordered; its first element is always the head. Every function
-// lets the stream's failure exception (std::ios_base::failure) propagate.
+// lets the stream's failure exception (std::ios_base::failure), which means
+// a lost link, propagate.
 #ifndef HIVE_HOPPER_UPLOADMISC_H_
 #define HIVE_HOPPER_UPLOADMISC_H_
 
@@ -32,9 +33,11 @@ const int kConnectTimeoutMs = 5000;
 // to badNodes with their code. Returns the connected stream, or null when
 // no host is left. With a deadline (default Ticks(): none) every stream
 // carries it, and a host that fails once it has passed is not dropped: the
-// search ends there, returning null.
+// search ends there, returning null. connector (null: TCP) makes the
+// connections.
 std::unique_ptr<TCPStream> findGoodNode(NodeSet& nodes, BadNodeList& badNodes, bool newProtocol,
-                                        const Ticks& deadline = Ticks());
+                                        const Ticks& deadline = Ticks(),
+                                        Connector* connector = nullptr);
 
 // Sends the begin message with the whole node set and !stopAgents and acts
 // on the status (returned): 0 nothing; 1 the head goes to busyNodes; 3 the
@@ -44,14 +47,19 @@ std::unique_ptr<TCPStream> findGoodNode(NodeSet& nodes, BadNodeList& badNodes, b
 int sendBeginUploadMsg(TCPStream& stream, NodeSet& nodes, bool stopAgents, BadNodeList& badNodes,
                        BusyNodeList& busyNodes, std::ostream& err, bool& reconnect);
 
-// Announces one file (size, last component of localPath, remotePath, mode)
-// and sets position to the bytes the daemon already holds. A daemon without
-// a session is sent a begin first (on a copy of nodes). A refused file writes
-// "<head>: <text>" to err and fails the stream, as a lost connection does;
-// err tells the two apart.
-void sendResumeUploadMsg(TCPStream& stream, const NodeSet& nodes, bool stopAgents, long fileSize,
-                         int mode, const std::string& localPath, const std::string& remotePath,
-                         long& position, std::ostream& err);
+// What became of a file announcement; a lost link is the stream's failure.
+enum class Announcement {
+  kAccepted,  // position holds the bytes the daemon already has
+  kRefused    // "<head>: <text>" went to err; the connection stays usable
+};
+
+// Announces one file (size, last component of localPath, remotePath, mode).
+// A daemon without a session is sent a begin first (on a copy of nodes); one
+// that still has none after that counts as lost.
+Announcement sendResumeUploadMsg(TCPStream& stream, const NodeSet& nodes, bool stopAgents,
+                                 long fileSize, int mode, const std::string& localPath,
+                                 const std::string& remotePath, long& position,
+                                 std::ostream& err);
 
 // Re-sends bytes [from, to) of the open file fd, read at those offsets (the
 // descriptor's own offset does not move). False when the file no longer

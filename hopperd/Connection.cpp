@@ -72,9 +72,7 @@ void Connection::run() {
   try {
     while (waitForMessage()) {
       startMessage();
-      int code = 0;
-      mStream >> code;
-      if (!handle(code)) break;
+      if (!handle(Protocol::readCode(mStream))) break;
     }
   } catch (const System::WireLimitError& e) {
     HC_LOG_INFO("Protocol error from " << mPeer << ": " << e.what() << "; connection closed");
@@ -163,7 +161,7 @@ void Connection::handleBegin() {
   mSession = mTable.begin(shared_from_this(), request);
   if (!mSession) {
     HC_LOG_INFO("Busy: begin from " << mPeer << " for " << request.mClientAddress << " refused");
-    mStream << int(BEGIN_HEAD_BUSY);
+    Protocol::writeHeadBusy(mStream);
     sendReply();
     return;
   }
@@ -196,7 +194,7 @@ void Connection::handleFile() {
   Protocol::writeAnnouncementReply(mStream, AnnouncementReply{RESUME_OK, start, ""});
   sendReply();
   receiveData(info.mSize - start);
-  mStream << mSession->closeFile();
+  Protocol::writeReply(mStream, mSession->closeFile());
   sendReply();
 }
 
@@ -210,8 +208,8 @@ void Connection::handlePart() {
   const FilePart part = Protocol::readFilePart(mStream);
   if (!mSession) {
     receiveBlocks(part.mCount);
-    mStream << int(RELAY_FILE_ERRORS) << long(part.mSeq)
-            << std::string("Upload session lost before " + part.mInfo.mRemotePath);
+    Protocol::writeFileErrors(mStream, part.mSeq,
+                              "Upload session lost before " + part.mInfo.mRemotePath);
     sendReply();
     return;
   }
@@ -225,18 +223,17 @@ void Connection::handlePart() {
   // Only errors go back, so that the upstream host is never held up and its
   // end of the link has nothing to read while files flow.
   if (errors.empty()) return;
-  mStream << int(RELAY_FILE_ERRORS) << long(part.mSeq) << errors;
+  Protocol::writeFileErrors(mStream, part.mSeq, errors);
   sendReply();
 }
 
 void Connection::handleLastFile() {
-  int64_t seq = 0;
-  int64_t bytes = 0;
+  LastFile last;
   if (mSession) {
     Mutex::Lock work(mSession->workMutex());
-    mSession->lastFile(seq, bytes);
+    mSession->lastFile(last.mSeq, last.mBytes);
   }
-  mStream << long(seq) << long(bytes);
+  Protocol::writeLastFileReply(mStream, last);
   sendReply();
 }
 
@@ -249,7 +246,7 @@ void Connection::handleCheck() {
     errors = mSession->checkFile(check);
   }
   if (errors.empty()) return;
-  mStream << int(RELAY_FILE_ERRORS) << long(check.mSeq) << errors;
+  Protocol::writeFileErrors(mStream, check.mSeq, errors);
   sendReply();
 }
 
@@ -328,8 +325,7 @@ void Connection::handleCommit() {
     mTable.end(mSession);
     mSession.reset();
   }
-  if (mIdentity) mStream << int(RELAY_COMMITTED);
-  mStream << errors;
+  Protocol::writeCommitReply(mStream, errors, bool(mIdentity));
   sendReply();
 }
 
@@ -344,10 +340,6 @@ void Connection::handleAbort() {
     mTable.end(mSession);
     mSession.reset();
   }
-  if (mIdentity) {
-    mStream << int(RELAY_ABORTED);
-  } else {
-    mStream << 0;
-  }
+  Protocol::writeAbortReply(mStream, bool(mIdentity));
   sendReply();
 }

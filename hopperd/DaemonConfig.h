@@ -7,6 +7,7 @@
 
 #include "hopperd/AllowList.h"
 #include "hopperd/FileSystem.h"
+#include "util/Connector.h"
 
 struct DaemonConfig {
   int mPort = 2411;
@@ -31,6 +32,9 @@ struct DaemonConfig {
   // Where staging and commit read, write, flush and rename (tests put a
   // faulty one here); not owned.
   FileSystem* mFileSystem = FileSystem::posix();
+  // Where relay links connect (null: TCP; tests pair hosts in one process);
+  // not owned.
+  Connector* mConnector = nullptr;
 };
 
 #endif  // HIVE_HOPPERD_DAEMONCONFIG_H_

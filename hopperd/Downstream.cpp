@@ -22,8 +22,12 @@ class Downstream::LinkLost : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-Downstream::Downstream(RelayIdentity identity, std::string self, int ioTimeoutMs)
-    : mIdentity(std::move(identity)), mSelf(std::move(self)), mIoTimeoutMs(ioTimeoutMs) {}
+Downstream::Downstream(RelayIdentity identity, std::string self, int ioTimeoutMs,
+                       Connector* connector)
+    : mIdentity(std::move(identity)),
+      mSelf(std::move(self)),
+      mIoTimeoutMs(ioTimeoutMs),
+      mConnector(connector) {}
 
 Downstream::~Downstream() { close(); }
 
@@ -33,6 +37,7 @@ std::unique_ptr<TCPStream> Downstream::newStream() {
   socket.setReadTimeout(mIoTimeoutMs);
   socket.setWriteTimeout(mIoTimeoutMs);
   socket.setCancelFlag(&mCancelled);
+  socket.setConnector(mConnector);
   return stream;
 }
 
@@ -44,15 +49,12 @@ bool Downstream::hostStillAnswers() {
   parseHostPort(mHost, address, port);
   std::unique_ptr<TCPStream> probe = newStream();
   try {
-    const bool alive = Protocol::acceptedVersion(
-        Protocol::handshake(*probe, address, port, std::min(kConnectTimeoutMs, mIoTimeoutMs)));
+    const bool alive = acceptedVersion(
+        connectToHopper(*probe, address, port, std::min(kConnectTimeoutMs, mIoTimeoutMs)));
     HC_LOG_INFO("Relay link to " << mHost << " silent for " << mIoTimeoutMs << " ms; the host "
                 << (alive ? "still answers" : "does not answer"));
     return alive;
-  } catch (const std::ios_base::failure& e) {
-    HC_LOG_INFO("Relay link to " << mHost << " silent for " << mIoTimeoutMs
-                << " ms; the host does not answer: " << e.what());
-  } catch (const TCPSocket::exception& e) {
+  } catch (const std::runtime_error& e) {  // lost, refused or timed out
     HC_LOG_INFO("Relay link to " << mHost << " silent for " << mIoTimeoutMs
                 << " ms; the host does not answer: " << e.what());
   }
@@ -129,8 +131,8 @@ Downstream::Outcome Downstream::tryLink(size_t index, BeginResult& result) {
   mIndex = index;
   mStalls = 0;
   try {
-    const int version = Protocol::handshake(*mStream, address, port, kConnectTimeoutMs);
-    if (!Protocol::acceptedVersion(version)) {
+    const int version = connectToHopper(*mStream, address, port, kConnectTimeoutMs);
+    if (!acceptedVersion(version)) {
       close();
       return MISMATCH;
     }
@@ -142,28 +144,23 @@ Downstream::Outcome Downstream::tryLink(size_t index, BeginResult& result) {
     Protocol::writeRelayIdentity(*mStream, mIdentity);
     Protocol::writeBegin(*mStream, remainingFrom(index), mStopAgents);
     mStream->flush();
-    int status = -1;
-    *mStream >> status;
-    if (status != BEGIN_OK && status != BEGIN_SOME_FAILED) {
+    BeginReply reply = Protocol::readBeginReply(*mStream);
+    if (reply.mStatus != BEGIN_OK && reply.mStatus != BEGIN_SOME_FAILED) {
       close();
-      return status == BEGIN_HEAD_BUSY ? BUSY : FAILED;
+      return reply.mStatus == BEGIN_HEAD_BUSY ? BUSY : FAILED;
     }
-    if (status == BEGIN_SOME_FAILED) {
-      BeginResult theirs;
-      Protocol::readBeginFailures(*mStream, theirs);
-      for (const auto& bad : theirs.mBad) mDropped.insert(bad.first);
-      for (const std::string& busy : theirs.mBusy) mDropped.insert(busy);
-      result.mBad.splice(result.mBad.end(), theirs.mBad);
-      result.mBusy.splice(result.mBusy.end(), theirs.mBusy);
-      Protocol::appendLines(result.mText, theirs.mText);
-    }
+    BeginResult& theirs = reply.mFailures;
+    for (const auto& bad : theirs.mBad) mDropped.insert(bad.first);
+    for (const std::string& busy : theirs.mBusy) mDropped.insert(busy);
+    result.mBad.splice(result.mBad.end(), theirs.mBad);
+    result.mBusy.splice(result.mBusy.end(), theirs.mBusy);
+    Protocol::appendLines(result.mText, theirs.mText);
     Protocol::writeLastFileRequest(*mStream);
     mStream->flush();
-    const int64_t lastSeq = Protocol::readPosition(*mStream, kMaxFileSize);
-    const int64_t lastBytes = Protocol::readPosition(*mStream, kMaxFileSize);
+    const LastFile last = Protocol::readLastFileReply(*mStream);
     startReader();
-    if (!mAborting) resync(lastSeq, lastBytes);
-  } catch (const std::exception& e) {
+    if (!mAborting) resync(last.mSeq, last.mBytes);
+  } catch (const std::runtime_error& e) {
     // Whatever broke (connection, handshake, a reply out of bounds, the
     // re-sending), this host cannot take the upload.
     HC_LOG_INFO("Unable to relay to " << host << ": " << e.what());
@@ -187,25 +184,17 @@ void Downstream::startReader() {
 void Downstream::readReplies(TCPStream& replies) {
   try {
     for (;;) {
-      int tag = 0;
-      replies >> tag;
+      const RelayMessage reply = Protocol::readRelayReply(replies, mHost);
       progressed();
-      std::string text;
-      if (tag == RELAY_FILE_ERRORS) {
-        const int64_t seq = Protocol::readPosition(replies, kMaxFileSize);
-        text = Protocol::readReply(replies, mHost);
-        HC_LOG_DEBUG("Errors of " << mHost << " for file " << seq << ": " << text);
-      } else if (tag == RELAY_COMMITTED) {
-        text = Protocol::readReply(replies, mHost);
-      } else if (tag != RELAY_ABORTED) {
-        throw System::WireLimitError("unknown relay reply " + std::to_string(tag));
+      if (reply.mTag == RELAY_FILE_ERRORS) {
+        HC_LOG_DEBUG("Errors of " << mHost << " for file " << reply.mSeq << ": " << reply.mText);
       }
       {
         Mutex::Lock lock(mMutex);
-        if (tag == RELAY_FILE_ERRORS) {
-          Protocol::appendLines(mErrors, text);
+        if (reply.mTag == RELAY_FILE_ERRORS) {
+          Protocol::appendLines(mErrors, reply.mText);
         } else {
-          mFinalReply = text;
+          mFinalReply = reply.mText;
           mFinalArrived = true;
         }
       }
@@ -396,24 +385,25 @@ void Downstream::resync(int64_t lastSeq, int64_t lastBytes) {
 void Downstream::openLivePart() {
   const int64_t end = mPart.end();
   if (mAnnounced && mPosition >= end) return;  // the link holds the part already
-  const int64_t gapEnd = std::max(mPosition, mPart.mStart);
   sendHeader(mPart.mInfo, end);
   mPartState = STREAMING;
-  if (mPosition < gapEnd) {
-    // The link misses bytes before the part: they come from the staged copy.
-    const int64_t held = mCopy ? mCopy->size() : 0;
-    if (held < gapEnd) {
-      dropFile("Unable to pass " + mPart.mInfo.mRemotePath + " on to " + mHost +
-               ": the bytes are not staged here");
-      return;
-    }
-    std::string error;
-    if (!sendFromCopy(mCopy, mPart.mInfo.mRemotePath, mPosition, gapEnd, error)) {
-      dropFile(error);
-      return;
-    }
-    mPosition = gapEnd;
+  catchUp(mPart.mStart);
+}
+
+void Downstream::catchUp(int64_t upTo) {
+  if (mPosition >= upTo) return;
+  const int64_t held = mCopy ? mCopy->size() : 0;
+  if (held < upTo) {
+    dropFile("Unable to pass " + mPart.mInfo.mRemotePath + " on to " + mHost +
+             ": the bytes are not staged here");
+    return;
   }
+  std::string error;
+  if (!sendFromCopy(mCopy, mPart.mInfo.mRemotePath, mPosition, upTo, error)) {
+    dropFile(error);
+    return;
+  }
+  mPosition = upTo;
 }
 
 void Downstream::dropUnfinishedPart() {
@@ -462,6 +452,7 @@ void Downstream::forward(const char* data, size_t n, int64_t offset,
   if (!passing() || !linked()) return;
   const bool ok = onLink([&] {
     if (mPartState == PENDING) openLivePart();
+    if (mPartState == STREAMING) catchUp(offset);  // the link misses bytes before these
     if (mPartState != STREAMING || mPosition >= end) return;
     const int64_t skip = mPosition - offset;
     sendFileBytes(data + skip, n - static_cast<size_t>(skip), skip == 0 ? blockCRC : nullptr);

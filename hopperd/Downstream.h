@@ -36,8 +36,9 @@ class Downstream {
  public:
   // identity travels ahead of every begin; self is this host's identifier,
   // used in the error lines this link writes; ioTimeoutMs bounds every wait
-  // on the link.
-  Downstream(RelayIdentity identity, std::string self, int ioTimeoutMs);
+  // on the link; connector (not owned; null: TCP) makes its connections.
+  Downstream(RelayIdentity identity, std::string self, int ioTimeoutMs,
+             Connector* connector = nullptr);
   ~Downstream();
   Downstream(const Downstream&) = delete;
   Downstream& operator=(const Downstream&) = delete;
@@ -148,6 +149,9 @@ class Downstream {
   void sendHeader(const FileInfo& info, int64_t end);
   // Sends the current part's header and what the link misses before it.
   void openLivePart();
+  // Sends the current file's bytes [mPosition, upTo) from the staged copy,
+  // or drops the file when the copy does not hold them.
+  void catchUp(int64_t upTo);
   // Sends data as checked blocks; crc, when not null, is the checksum of
   // all of it, which then goes as one block.
   void sendFileBytes(const char* data, size_t n, const uint32_t* crc = nullptr);
@@ -165,6 +169,7 @@ class Downstream {
   RelayIdentity mIdentity;
   std::string mSelf;
   const int mIoTimeoutMs;
+  Connector* const mConnector;
   std::atomic<bool> mCancelled{false};
   std::atomic<int> mStalls{0};  // time-outs in a row the host excused by answering
   std::atomic<bool> mCommitting{false};

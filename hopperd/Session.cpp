@@ -17,7 +17,7 @@ Session::Session(std::string id, std::vector<std::string> hosts, std::string cli
       mTargets(config.mRoot, config.mAllowedPaths),
       mJournal(config.mStateDir, mId, config.mRoot),
       mDownstream(RelayIdentity{mClientAddress, mId, mSelf}, mSelf,
-                  config.mIoTimeoutSeconds * 1000) {}
+                  config.mIoTimeoutSeconds * 1000, config.mConnector) {}
 
 Session::~Session() = default;
 

@@ -104,3 +104,42 @@ TEST(ProtocolTest, AnnouncementRepliesReadAsWritten) {
     ::close(fds[1]);
   }
 }
+
+// The replies a daemon writes come back as written through the readers the
+// other end uses; a relay reply of unknown kind ends the link.
+TEST(ProtocolTest, BeginAndRelayRepliesReadAsWritten) {
+  auto ends = TCPSocket::pair();
+  TCPStream out(std::make_unique<TCPSocket>(ends.first.release()));
+  TCPStream in(std::make_unique<TCPSocket>(ends.second.release()));
+  BeginResult failed;
+  failed.mBad = {{"h3", 1}};
+  failed.mBusy = {"h4"};
+  failed.mText = "h2: trouble";
+  Protocol::writeBeginReply(out, failed);
+  Protocol::writeHeadBusy(out);
+  Protocol::writeFileErrors(out, 7, "h2: /x: no room");
+  Protocol::writeCommitReply(out, "h3: /y: not renamed", true);
+  Protocol::writeAbortReply(out, true);
+  Protocol::writeLastFileReply(out, LastFile{9, 4096});
+  out << 99;  // no such relay reply
+  out.flush();
+
+  const BeginReply begin = Protocol::readBeginReply(in);
+  EXPECT_EQ(begin.mStatus, BEGIN_SOME_FAILED);
+  EXPECT_EQ(begin.mFailures.mBad, failed.mBad);
+  EXPECT_EQ(begin.mFailures.mBusy, failed.mBusy);
+  EXPECT_EQ(begin.mFailures.mText, failed.mText);
+  EXPECT_EQ(Protocol::readBeginReply(in).mStatus, BEGIN_HEAD_BUSY);
+  const RelayMessage errors = Protocol::readRelayReply(in, "h2");
+  EXPECT_EQ(errors.mTag, RELAY_FILE_ERRORS);
+  EXPECT_EQ(errors.mSeq, 7);
+  EXPECT_EQ(errors.mText, "h2: /x: no room");
+  const RelayMessage committed = Protocol::readRelayReply(in, "h2");
+  EXPECT_EQ(committed.mTag, RELAY_COMMITTED);
+  EXPECT_EQ(committed.mText, "h3: /y: not renamed");
+  EXPECT_EQ(Protocol::readRelayReply(in, "h2").mTag, RELAY_ABORTED);
+  const LastFile last = Protocol::readLastFileReply(in);
+  EXPECT_EQ(last.mSeq, 9);
+  EXPECT_EQ(last.mBytes, 4096);
+  EXPECT_THROW(Protocol::readRelayReply(in, "h2"), System::WireLimitError);
+}

@@ -9,6 +9,7 @@
 
 #include "hopper/hopperMisc.h"
 #include "support/FakeDaemon.h"
+#include "support/PairConnector.h"
 #include "support/TempDir.h"
 #include "support/Thrown.h"
 #include "util/Ticks.h"
@@ -25,8 +26,10 @@ class UploadManagerTest : public ::testing::Test {
                                          bool verbose = false, int timeout = -1,
                                          IPtoNameMap hosts = {}) {
     for (FakeDaemon* d : daemons) hosts[d->hostId()] = "host" + d->address().substr(8);
-    return std::make_unique<UploadManager>(hosts, verbose, false, timeout, System::OS_LINUX, out,
-                                           err);
+    auto m = std::make_unique<UploadManager>(hosts, verbose, false, timeout, System::OS_LINUX, out,
+                                             err);
+    m->setConnector(&connector);
+    return m;
   }
   std::string file(const std::string& name, const std::string& content, int mode = 0644) {
     TempDir::write(dir.file(name), content);
@@ -38,6 +41,8 @@ class UploadManagerTest : public ::testing::Test {
   }
   static std::string hello() { return WireBytes().i32(kNew).i32(5).str(getVersionString()); }
 
+  // The fakes are reached over local socket pairs, not the network.
+  PairConnector connector;
   TempDir dir;
   std::ostringstream out, err;
 };
@@ -45,7 +50,7 @@ class UploadManagerTest : public ::testing::Test {
 }  // namespace
 
 TEST_F(UploadManagerTest, WireBytesOfFilesAndTree) {
-  FakeDaemon daemon("127.0.0.2");
+  FakeDaemon daemon(connector, "127.0.0.2");
   const std::string a = file("a.txt", "alpha", 0640);
   file("tree/x", "x", 0600);
   file("tree/sub/y", "yy", 0755);
@@ -72,7 +77,8 @@ TEST_F(UploadManagerTest, WireBytesOfFilesAndTree) {
 }
 
 TEST_F(UploadManagerTest, BeginStatusesAndReports) {
-  FakeDaemon busy("127.0.0.2"), odd("127.0.0.3"), partial("127.0.0.4");
+  FakeDaemon busy(connector, "127.0.0.2"), odd(connector, "127.0.0.3"),
+      partial(connector, "127.0.0.4");
   FakeDaemon::Script script;
   script.beginStatus = 1;
   busy.setScript(script);
@@ -105,7 +111,7 @@ TEST_F(UploadManagerTest, ResumesOnTheNextHead) {
   const std::string content = TempDir::pattern(1000000);
   const std::string path = file("big", content);
   for (long position : {0L, 100000L}) {
-    FakeDaemon head("127.0.0.2"), next("127.0.0.3");
+    FakeDaemon head(connector, "127.0.0.2"), next(connector, "127.0.0.3");
     FakeDaemon::Script script;
     script.closeAfterDataBytes = 100000;
     head.setScript(script);
@@ -133,7 +139,7 @@ TEST_F(UploadManagerTest, DataContinuesFromTheDaemonsPosition) {
   const std::string content = TempDir::pattern(24 << 20);
   const std::string path = file("big", content);
   for (long position : {60000L, 300000L}) {
-    FakeDaemon head("127.0.0.2"), next("127.0.0.3");
+    FakeDaemon head(connector, "127.0.0.2"), next(connector, "127.0.0.3");
     FakeDaemon::Script script;
     if (position < 100000) script.closeAfterDataBytes = 100000;
     else script.position = position;
@@ -157,7 +163,7 @@ TEST_F(UploadManagerTest, ReplyCutShortIsALostConnection) {
   const std::string content = TempDir::pattern(1000);
   const std::string path = file("f", content);
   for (int cutAfter : {2, 8}) {
-    FakeDaemon head("127.0.0.2"), next("127.0.0.3");
+    FakeDaemon head(connector, "127.0.0.2"), next(connector, "127.0.0.3");
     FakeDaemon::Script script;
     script.fileReply = "disk full on host2";
     script.cutReplyTo = FakeDaemon::kDataReceived;
@@ -174,7 +180,7 @@ TEST_F(UploadManagerTest, ReplyCutShortIsALostConnection) {
 }
 
 TEST_F(UploadManagerTest, RefusedFileKeepsTheConnection) {
-  FakeDaemon daemon("127.0.0.2");
+  FakeDaemon daemon(connector, "127.0.0.2");
   FakeDaemon::Script script;
   script.fileStatus = 4;
   script.fileText = "no room on " + daemon.hostId();
@@ -187,7 +193,7 @@ TEST_F(UploadManagerTest, RefusedFileKeepsTheConnection) {
 }
 
 TEST_F(UploadManagerTest, SignalAbortsBetweenFiles) {
-  FakeDaemon daemon("127.0.0.2");
+  FakeDaemon daemon(connector, "127.0.0.2");
   auto m = manager({&daemon});
   daemon.setOnMessage([&](int code) {
     if (code == FakeDaemon::kDataReceived) m->terminalSignalProcessor()(SIGTERM);
@@ -215,7 +221,7 @@ TEST_F(UploadManagerTest, TimeLimitEndsWaitsOnAStalledHead) {
       {2, -1, false, "x", {kNew, kBegin, kFile, kCommit, kNew, kAbort}},
   };
   for (const Case& c : cases) {
-    FakeDaemon head("127.0.0.2"), next("127.0.0.3");
+    FakeDaemon head(connector, "127.0.0.2"), next(connector, "127.0.0.3");
     FakeDaemon::Script script;
     script.stallAfterDataBytes = c.stallAfterDataBytes;
     script.answerCommit = c.answerCommit;
@@ -239,7 +245,7 @@ TEST_F(UploadManagerTest, TimeLimitEndsWaitsOnAStalledHead) {
 // A file that shrinks while it is sent ends the run with a read error, after
 // at least the whole blocks it still had, as when every block was read here.
 TEST_F(UploadManagerTest, FileShrinkingWhileSentEndsTheRun) {
-  FakeDaemon daemon("127.0.0.2");
+  FakeDaemon daemon(connector, "127.0.0.2");
   const std::string content = TempDir::pattern(1000000);
   const std::string path = file("f", content);
   daemon.setOnMessage([&](int code) {
@@ -254,7 +260,7 @@ TEST_F(UploadManagerTest, FileShrinkingWhileSentEndsTheRun) {
 }
 
 TEST_F(UploadManagerTest, VerboseDotsPerMillionBytes) {
-  FakeDaemon daemon("127.0.0.2");
+  FakeDaemon daemon(connector, "127.0.0.2");
   EXPECT_TRUE(manager({&daemon}, true)->upload(file("f", TempDir::pattern(2500000)), "/d/f"));
   EXPECT_EQ(out.str(), "..success\nCommitting upload\n");
 }

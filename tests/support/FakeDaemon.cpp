@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 
+#include "support/PairConnector.h"
 #include "util/TCPSocket.h"
 
 namespace {
@@ -166,9 +167,15 @@ FakeDaemon::FakeDaemon(const std::string& address, int port)
   mAcceptThread = std::thread([this] { acceptLoop(); });
 }
 
+FakeDaemon::FakeDaemon(PairConnector& connector, const std::string& address)
+    : mAddress(address), mPort(2411), mConnector(&connector) {
+  connector.add(hostId(), [this](std::unique_ptr<TCPSocket> socket) { adopt(std::move(socket)); });
+}
+
 FakeDaemon::~FakeDaemon() {
   mStop = true;
-  mAcceptThread.join();
+  if (mConnector) mConnector->remove(hostId());
+  if (mAcceptThread.joinable()) mAcceptThread.join();
   {
     std::lock_guard<std::mutex> lock(mMutex);
     for (auto& socket : mSockets) socket->shutdown();
@@ -178,16 +185,20 @@ FakeDaemon::~FakeDaemon() {
 
 void FakeDaemon::acceptLoop() {
   while (!mStop) {
-    std::shared_ptr<TCPSocket> socket = mListener->accept(50);  // polls mStop
-    if (!socket) continue;
-    socket->setReadTimeout(kReadTimeoutMs);
-    std::lock_guard<std::mutex> lock(mMutex);
-    const int index = int(mConnections.size());
-    mConnections.emplace_back();
-    mSockets.push_back(socket);
-    mThreads.emplace_back([this, index, socket] { serve(index, socket); });
+    std::unique_ptr<TCPSocket> socket = mListener->accept(50);  // polls mStop
+    if (socket) adopt(std::move(socket));
   }
   mListener->close();
+}
+
+void FakeDaemon::adopt(std::unique_ptr<TCPSocket> accepted) {
+  std::shared_ptr<TCPSocket> socket = std::move(accepted);
+  socket->setReadTimeout(kReadTimeoutMs);
+  std::lock_guard<std::mutex> lock(mMutex);
+  const int index = int(mConnections.size());
+  mConnections.emplace_back();
+  mSockets.push_back(socket);
+  mThreads.emplace_back([this, index, socket] { serve(index, socket); });
 }
 
 void FakeDaemon::serve(int index, std::shared_ptr<TCPSocket> socket) {

@@ -1,7 +1,9 @@
 // FakeDaemon: a scripted stand-in for hopperd in tests of the client. It
 // listens on a loopback address and a chosen or ephemeral port, serves each
 // connection on its own thread as its Script says, and records per
-// connection every byte received, the message codes and the file data. Reads
+// connection every byte received, the message codes and the file data. A
+// paired fake has no listener: a PairConnector reaches it over local socket
+// pairs under its address and port 2411. Reads
 // time out after 10 s; the destructor stops every thread. A file announced
 // on a connection without a begin gets status 2, as from a real daemon.
 #ifndef HIVE_TESTS_SUPPORT_FAKEDAEMON_H_
@@ -18,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+class PairConnector;
 class TCPSocket;
 
 // Expected wire bytes (big-endian), built independently of the production
@@ -85,6 +88,8 @@ class FakeDaemon {
 
   // Listens on address:port (0: ephemeral). Throws on failure.
   explicit FakeDaemon(const std::string& address = "127.0.0.1", int port = 0);
+  // Paired: registers itself with connector as address:2411.
+  FakeDaemon(PairConnector& connector, const std::string& address);
   ~FakeDaemon();
   FakeDaemon(const FakeDaemon&) = delete;
   FakeDaemon& operator=(const FakeDaemon&) = delete;
@@ -116,11 +121,13 @@ class FakeDaemon {
  private:
   struct Session;
   void acceptLoop();
+  void adopt(std::unique_ptr<TCPSocket> socket);
   void serve(int index, std::shared_ptr<TCPSocket> socket);
 
   std::string mAddress;
   int mPort = 0;
   std::unique_ptr<TCPSocket> mListener;
+  PairConnector* mConnector = nullptr;
   std::atomic<bool> mStop{false};
   mutable std::mutex mMutex;
   Script mDefault;
