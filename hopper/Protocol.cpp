@@ -10,26 +10,38 @@ namespace {
 const char kCutMark[] = " [cut]";
 const char kOmitted[] = "(further errors omitted)";
 
+// Size, base name, remote path and mode: the items of an announcement.
+void putFileItems(TCPStream& out, const FileInfo& info) {
+  Wire::putInt64(out, info.mSize);
+  Wire::putString(out, info.mBaseName);
+  Wire::putString(out, info.mRemotePath);
+  Wire::putInt32(out, info.mMode);
+}
+
 }  // namespace
 
 namespace Protocol {
 
 void writeVersionRequest(TCPStream& out) {
-  out << int(C2H_NEW_GET_VERSION) << kHopperProtocolVersion << getVersionString();
+  Wire::putInt32(out, C2H_NEW_GET_VERSION);
+  Wire::putInt32(out, kHopperProtocolVersion);
+  Wire::putString(out, getVersionString());
 }
 
-void writeOldVersionRequest(TCPStream& out) { out << int(C2H_GET_VERSION); }
+void writeOldVersionRequest(TCPStream& out) { Wire::putInt32(out, C2H_GET_VERSION); }
 
 int readVersionRequest(TCPStream& in) {
-  int protocol = 0;
-  in >> protocol;
+  const int protocol = Wire::getInt32(in);
   readString(in);  // the peer's version text, for nobody
   return protocol;
 }
 
-void writeVersionReply(TCPStream& out) { out << std::string("OK") << kHopperProtocolVersion; }
+void writeVersionReply(TCPStream& out) {
+  Wire::putString(out, "OK");
+  Wire::putInt32(out, kHopperProtocolVersion);
+}
 
-void writeOldVersionReply(TCPStream& out) { out << kHopperProtocolVersion; }
+void writeOldVersionReply(TCPStream& out) { Wire::putInt32(out, kHopperProtocolVersion); }
 
 std::string readString(TCPStream& in) {
   std::string s;
@@ -38,8 +50,7 @@ std::string readString(TCPStream& in) {
 }
 
 int64_t readPosition(TCPStream& in, int64_t max) {
-  long value = 0;
-  in >> value;
+  const int64_t value = Wire::getInt64(in);
   if (value < 0 || value > max) {
     throw System::WireLimitError("size or position " + std::to_string(value) + " out of range");
   }
@@ -47,8 +58,7 @@ int64_t readPosition(TCPStream& in, int64_t max) {
 }
 
 std::string readReply(TCPStream& in, const std::string& host) {
-  int length = 0;
-  in >> length;
+  const int length = Wire::getInt32(in);
   if (length < 0) throw System::WireLimitError("negative reply length");
   if (size_t(length) <= kMaxReplyText) {
     std::string text(size_t(length), '\0');
@@ -65,9 +75,7 @@ FileInfo readFileInfo(TCPStream& in) {
   info.mSize = readPosition(in, kMaxFileSize);
   info.mBaseName = readString(in);
   info.mRemotePath = readString(in);
-  int mode = 0;
-  in >> mode;
-  info.mMode = mode & 0777;
+  info.mMode = Wire::getInt32(in) & 0777;
   return info;
 }
 
@@ -82,14 +90,12 @@ FilePart readFilePart(TCPStream& in) {
 }
 
 int readBlockHeader(TCPStream& in, int64_t remaining, uint32_t& crc) {
-  int length = 0;
-  int sum = 0;
-  in >> length >> sum;
+  const int length = Wire::getInt32(in);
+  crc = static_cast<uint32_t>(Wire::getInt32(in));
   if (length < 1 || length > kMaxRelayBlock || length > remaining) {
     throw System::WireLimitError("data block of " + std::to_string(length) + " bytes with " +
                                  std::to_string(remaining) + " to come");
   }
-  crc = static_cast<uint32_t>(sum);
   return length;
 }
 
@@ -97,9 +103,7 @@ FileCheck readFileCheck(TCPStream& in) {
   FileCheck check;
   check.mSeq = readPosition(in, kMaxFileSize);
   check.mSize = readPosition(in, kMaxFileSize);
-  int sum = 0;
-  in >> sum;
-  check.mCRC = static_cast<uint32_t>(sum);
+  check.mCRC = static_cast<uint32_t>(Wire::getInt32(in));
   if (check.mSeq == 0) throw System::WireLimitError("file check without a sequence number");
   return check;
 }
@@ -107,10 +111,8 @@ FileCheck readFileCheck(TCPStream& in) {
 void readBegin(TCPStream& in, std::vector<std::string>& hosts, bool& stopAgents) {
   std::set<std::string> set;
   System::readStringSetBounded(in, set);
-  bool dontStop = true;
-  in >> dontStop;
+  stopAgents = !Wire::getBool(in);
   hosts.assign(set.begin(), set.end());
-  stopAgents = !dontStop;
 }
 
 RelayIdentity readRelayIdentity(TCPStream& in) {
@@ -128,14 +130,12 @@ RelayIdentity readRelayIdentity(TCPStream& in) {
 }
 
 int readCode(TCPStream& in) {
-  int code = 0;
-  in >> code;
-  return code;
+  return Wire::getInt32(in);
 }
 
 BeginReply readBeginReply(TCPStream& in) {
   BeginReply reply;
-  in >> reply.mStatus;
+  reply.mStatus = Wire::getInt32(in);
   if (reply.mStatus == BEGIN_SOME_FAILED) {
     BeginResult& failures = reply.mFailures;
     System::readStringIntPairListBounded(in, failures.mBad);
@@ -170,11 +170,9 @@ LastFile readLastFileReply(TCPStream& in) {
 
 AnnouncementReply readAnnouncementReply(TCPStream& in) {
   AnnouncementReply reply;
-  in >> reply.mStatus;
+  reply.mStatus = Wire::getInt32(in);
   if (reply.mStatus == RESUME_OK) {
-    long position = 0;
-    in >> position;
-    reply.mPosition = position;
+    reply.mPosition = Wire::getInt64(in);
   } else if (reply.mStatus != RESUME_NO_SESSION) {
     reply.mText = readString(in);
   }
@@ -182,80 +180,97 @@ AnnouncementReply readAnnouncementReply(TCPStream& in) {
 }
 
 void writeAnnouncementReply(TCPStream& out, const AnnouncementReply& reply) {
-  out << reply.mStatus;
+  Wire::putInt32(out, reply.mStatus);
   if (reply.mStatus == RESUME_OK) {
-    out << long(reply.mPosition);
+    Wire::putInt64(out, reply.mPosition);
   } else if (reply.mStatus != RESUME_NO_SESSION) {
-    out << reply.mText;
+    Wire::putString(out, reply.mText);
   }
 }
 
-void writeCommit(TCPStream& out) { out << int(C2H_COMMIT_UPLOAD); }
+void writeCommit(TCPStream& out) { Wire::putInt32(out, C2H_COMMIT_UPLOAD); }
 
-void writeAbort(TCPStream& out) { out << int(C2H_ABORT_UPLOAD); }
+void writeAbort(TCPStream& out) { Wire::putInt32(out, C2H_ABORT_UPLOAD); }
 
-void writeLastFileRequest(TCPStream& out) { out << H2H_LAST_FILE; }
+void writeLastFileRequest(TCPStream& out) { Wire::putInt32(out, H2H_LAST_FILE); }
 
 void writeFileInfo(TCPStream& out, const FileInfo& info) {
-  out << int(C2H_RESUME_UPLOAD) << long(info.mSize) << info.mBaseName << info.mRemotePath
-      << info.mMode;
+  Wire::putInt32(out, C2H_RESUME_UPLOAD);
+  putFileItems(out, info);
 }
 
 void writeFilePart(TCPStream& out, const FilePart& part) {
   const FileInfo& info = part.mInfo;
-  out << H2H_FILE_PART << long(info.mSize) << info.mBaseName << info.mRemotePath << info.mMode
-      << long(part.mSeq) << long(part.mStart) << long(part.mCount);
+  Wire::putInt32(out, H2H_FILE_PART);
+  putFileItems(out, info);
+  Wire::putInt64(out, part.mSeq);
+  Wire::putInt64(out, part.mStart);
+  Wire::putInt64(out, part.mCount);
 }
 
 void writeBlock(TCPStream& out, const char* data, size_t n, const uint32_t* crc) {
   const uint32_t sum = crc ? *crc : CRC::crc32c(reinterpret_cast<const unsigned char*>(data), n, 0);
-  out << static_cast<int>(n) << static_cast<int>(sum);
+  Wire::putInt32(out, static_cast<int32_t>(n));
+  Wire::putInt32(out, static_cast<int32_t>(sum));
   out.write(data, static_cast<std::streamsize>(n));
 }
 
 void writeFileCheck(TCPStream& out, const FileCheck& check) {
-  out << H2H_FILE_CHECK << long(check.mSeq) << long(check.mSize) << static_cast<int>(check.mCRC);
+  Wire::putInt32(out, H2H_FILE_CHECK);
+  Wire::putInt64(out, check.mSeq);
+  Wire::putInt64(out, check.mSize);
+  Wire::putInt32(out, static_cast<int32_t>(check.mCRC));
 }
 
 void writeBegin(TCPStream& out, const std::vector<std::string>& hosts, bool stopAgents) {
-  out << int(C2H_BEGIN_UPLOAD) << std::set<std::string>(hosts.begin(), hosts.end())
-      << !stopAgents;
+  Wire::putInt32(out, C2H_BEGIN_UPLOAD);
+  Wire::putStrings(out, std::set<std::string>(hosts.begin(), hosts.end()));
+  Wire::putBool(out, !stopAgents);
 }
 
 void writeRelayIdentity(TCPStream& out, const RelayIdentity& identity) {
-  out << H2H_RELAY_IDENTITY << identity.mClientAddress << identity.mUploadId
-      << identity.mSender;
+  Wire::putInt32(out, H2H_RELAY_IDENTITY);
+  Wire::putString(out, identity.mClientAddress);
+  Wire::putString(out, identity.mUploadId);
+  Wire::putString(out, identity.mSender);
 }
 
 void writeBeginReply(TCPStream& out, const BeginResult& result) {
   if (result.empty()) {
-    out << int(BEGIN_OK);
+    Wire::putInt32(out, BEGIN_OK);
     return;
   }
-  out << int(BEGIN_SOME_FAILED) << int(result.mBad.size());
-  for (const auto& bad : result.mBad) out << bad.first << bad.second;
-  out << int(result.mBusy.size());
-  for (const std::string& busy : result.mBusy) out << busy;
-  out << result.mText;
+  Wire::putInt32(out, BEGIN_SOME_FAILED);
+  Wire::putInt32(out, static_cast<int32_t>(result.mBad.size()));
+  for (const auto& bad : result.mBad) {
+    Wire::putString(out, bad.first);
+    Wire::putInt32(out, bad.second);
+  }
+  Wire::putInt32(out, static_cast<int32_t>(result.mBusy.size()));
+  for (const std::string& busy : result.mBusy) Wire::putString(out, busy);
+  Wire::putString(out, result.mText);
 }
 
-void writeHeadBusy(TCPStream& out) { out << int(BEGIN_HEAD_BUSY); }
+void writeHeadBusy(TCPStream& out) { Wire::putInt32(out, BEGIN_HEAD_BUSY); }
 
-void writeReply(TCPStream& out, const std::string& text) { out << text; }
+void writeReply(TCPStream& out, const std::string& text) { Wire::putString(out, text); }
 
 void writeCommitReply(TCPStream& out, const std::string& errors, bool relay) {
-  if (relay) out << int(RELAY_COMMITTED);
-  out << errors;
+  if (relay) Wire::putInt32(out, RELAY_COMMITTED);
+  Wire::putString(out, errors);
 }
 
-void writeAbortReply(TCPStream& out, bool relay) { out << int(relay ? RELAY_ABORTED : 0); }
+void writeAbortReply(TCPStream& out, bool relay) { Wire::putInt32(out, relay ? RELAY_ABORTED : 0); }
 
 void writeFileErrors(TCPStream& out, int64_t seq, const std::string& errors) {
-  out << int(RELAY_FILE_ERRORS) << long(seq) << errors;
+  Wire::putInt32(out, RELAY_FILE_ERRORS);
+  Wire::putInt64(out, seq);
+  Wire::putString(out, errors);
 }
 
 void writeLastFileReply(TCPStream& out, const LastFile& last) {
-  out << long(last.mSeq) << long(last.mBytes);
+  Wire::putInt64(out, last.mSeq);
+  Wire::putInt64(out, last.mBytes);
 }
 
 void appendLines(std::string& lines, const std::string& text) {

@@ -34,9 +34,23 @@ std::string buildStamp() {
   return stamp;
 }
 
-// Milliseconds of timeoutMs left after the time the timer measured.
-int remainingMs(int timeoutMs, const Timer& timer) {
-  return timeoutMs - static_cast<int>(timer.totalSeconds() * 1000);
+// Connects, sends the new or the old version request and waits for the
+// reply to start within what is left of timeoutMs; throws timedOut when it
+// does not (a connect that used the whole time-out leaves nothing to wait).
+void requestVersion(TCPStream& stream, const std::string& host, int port, int timeoutMs,
+                    bool newRequest, const char* timedOut) {
+  Timer timer;
+  timer.start();
+  stream.connect(host, port, timeoutMs);
+  if (newRequest) {
+    Protocol::writeVersionRequest(stream);
+  } else {
+    Protocol::writeOldVersionRequest(stream);
+  }
+  stream.flush();
+  timer.stop();
+  const int remaining = timeoutMs - static_cast<int>(timer.totalSeconds() * 1000);
+  if (remaining <= 0 || !stream.isReadable(remaining)) throw std::runtime_error(timedOut);
 }
 
 }  // namespace
@@ -49,17 +63,7 @@ std::string getVersionString() {
 }
 
 int connectToHopperNew(TCPStream& stream, const std::string& host, int port, int timeoutMs) {
-  Timer timer;
-  timer.start();
-  stream.connect(host, port, timeoutMs);
-  Protocol::writeVersionRequest(stream);
-  stream.flush();
-  timer.stop();
-  const int remaining = remainingMs(timeoutMs, timer);
-  // A connect that used up the whole time-out leaves nothing to wait for.
-  if (remaining <= 0 || !stream.isReadable(remaining)) {
-    throw std::runtime_error("Handshake timed out.");
-  }
+  requestVersion(stream, host, port, timeoutMs, true, "Handshake timed out.");
   if (!stream.socket().isGood()) {
     stream.close();
     return -1;
@@ -73,9 +77,13 @@ int connectToHopperNew(TCPStream& stream, const std::string& host, int port, int
     stream.close();
     return -1;
   }
-  int version = 0;
-  stream >> version;
-  return version;
+  return Wire::getInt32(stream);
+}
+
+int connectToHopperOld(TCPStream& stream, const std::string& host, int port, int timeoutMs) {
+  requestVersion(stream, host, port, timeoutMs, false,
+                 "Handshake timed out for getting server version.");
+  return Wire::getInt32(stream);
 }
 
 int connectToHopper(TCPStream& stream, const std::string& host, int port, int timeoutMs) {
@@ -95,19 +103,3 @@ int connectToHopper(TCPStream& stream, const std::string& host, int port, int ti
 }
 
 bool acceptedVersion(int version) { return version == 4 || version == kHopperProtocolVersion; }
-
-int connectToHopperOld(TCPStream& stream, const std::string& host, int port, int timeoutMs) {
-  Timer timer;
-  timer.start();
-  stream.connect(host, port, timeoutMs);
-  Protocol::writeOldVersionRequest(stream);
-  stream.flush();
-  timer.stop();
-  const int remaining = remainingMs(timeoutMs, timer);
-  if (remaining <= 0 || !stream.isReadable(remaining)) {
-    throw std::runtime_error("Handshake timed out for getting server version.");
-  }
-  int version = 0;
-  stream >> version;
-  return version;
-}

@@ -215,3 +215,27 @@ TCPStream& operator>>(TCPStream& s, StringIntPairList& value) {
   });
   return s;
 }
+
+namespace Wire {
+
+void putInt32(TCPStream& out, int32_t value) { System::writeInt32(out, value); }
+
+void putInt64(TCPStream& out, int64_t value) { System::writeInt64(out, static_cast<long>(value)); }
+
+void putBool(TCPStream& out, bool value) { System::writeByte(out, value ? 1 : 0); }
+
+void putString(TCPStream& out, const std::string& value) { out << value; }
+
+void putStrings(TCPStream& out, const std::set<std::string>& value) { out << value; }
+
+int32_t getInt32(TCPStream& in) { return System::readInt32(in); }
+
+int64_t getInt64(TCPStream& in) { return System::readInt64(in); }
+
+bool getBool(TCPStream& in) {
+  bool value = false;
+  in >> value;
+  return value;
+}
+
+}  // namespace Wire

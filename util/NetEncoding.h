@@ -16,6 +16,7 @@
 #ifndef HIVE_UTIL_NETENCODING_H_
 #define HIVE_UTIL_NETENCODING_H_
 
+#include <cstdint>
 #include <istream>
 #include <list>
 #include <ostream>
@@ -99,5 +100,21 @@ TCPStream& operator<<(TCPStream& s, const std::set<std::string>& value);
 // when the stream fails part-way (the stream raises in that case).
 TCPStream& operator>>(TCPStream& s, StringList& value);
 TCPStream& operator>>(TCPStream& s, StringIntPairList& value);
+
+// The same items with their wire width in the name rather than in the C++
+// type of the argument, for message encoders: no cast decides a width.
+namespace Wire {
+
+void putInt32(TCPStream& out, int32_t value);
+void putInt64(TCPStream& out, int64_t value);
+void putBool(TCPStream& out, bool value);
+void putString(TCPStream& out, const std::string& value);
+// Count, then the elements in ascending order.
+void putStrings(TCPStream& out, const std::set<std::string>& value);
+int32_t getInt32(TCPStream& in);
+int64_t getInt64(TCPStream& in);
+bool getBool(TCPStream& in);
+
+}  // namespace Wire
 
 #endif  // HIVE_UTIL_NETENCODING_H_
