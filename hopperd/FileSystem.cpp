@@ -16,6 +16,10 @@ System::FileDescriptor FileSystem::openFileAt(int dirFd, const std::string& name
   return System::openFileAt(dirFd, name, forWrite);
 }
 
+bool FileSystem::statAt(int dirFd, const std::string& name, FileAttributes& attrs) {
+  return attrs.statAt(dirFd, name, DONT_FOLLOW_SYMLINK);
+}
+
 bool FileSystem::writeAll(int fd, const char* data, size_t n) {
   return System::writeAll(fd, data, n);
 }

@@ -26,6 +26,8 @@ class FileSystem {
   // An existing regular file name in dirFd: read-only, or readable and
   // appended to when forWrite.
   virtual System::FileDescriptor openFileAt(int dirFd, const std::string& name, bool forWrite);
+  // The attributes of name in dirFd itself (a link is not followed).
+  virtual bool statAt(int dirFd, const std::string& name, FileAttributes& attrs);
   virtual bool writeAll(int fd, const char* data, size_t n);
   virtual ssize_t preadSome(int fd, char* buf, size_t n, int64_t offset);
   virtual bool changeMode(int fd, int mode);

@@ -273,7 +273,10 @@ std::string Session::verify(Entry* entry, const FileCheck& check) {
   }
   uint32_t staged = 0;
   std::string error;
-  if (entry->mFile->checksum(staged, error) && staged == check.mCRC) return "";
+  if (entry->mFile->checksum(staged, error) && staged == check.mCRC) {
+    entry->mFile->applyMode(entry->mInfo.mMode);  // commit retries it if this failed
+    return "";
+  }
   if (error.empty()) {
     error = entry->mFile->remoteTarget() +
             ": the staged copy differs from the bytes the head received (checksum mismatch)";
@@ -337,7 +340,7 @@ std::vector<Session::Entry*> Session::prepareForCommit(std::string& errors) {
   for (const auto& entry : mEntries) {
     StagedFile& file = *entry->mFile;
     std::string error;
-    System::FileDescriptor fd;
+    bool prepared = false;
     FileAttributes attrs;
     if (!entry->mFailed && file.size() != entry->mInfo.mSize) {
       error = file.remoteTarget() + ": incomplete, " + std::to_string(file.size()) + " of " +
@@ -348,16 +351,20 @@ std::vector<Session::Entry*> Session::prepareForCommit(std::string& errors) {
         parent = mTargets.openParent(file.remoteTarget(), error);
         if (!parent) error = file.remoteTarget() + ": " + error;
       }
-      if (parent) {
-        fd = file.prepare(parent.get(), entry->mInfo.mSize, entry->mInfo.mMode, error, &attrs);
-      }
+      prepared = parent && file.prepare(parent.get(), entry->mInfo.mSize, entry->mInfo.mMode,
+                                        error, attrs);
     }
-    if (!fd) {
+    if (prepared && !fileSystems.count(attrs.mFSID.mDevice)) {
+      System::FileDescriptor fd = file.openStaged(parent.get());
+      if (!fd) error = "Unable to flush " + file.remoteTarget() + ": " + System::getErrorMessageStr();
+      prepared = bool(fd);
+      if (fd) fileSystems.emplace(attrs.mFSID.mDevice, std::move(fd));
+    }
+    if (!prepared) {
       Protocol::appendLines(errors, error.empty() ? "" : line(error));
       file.discard();
       continue;
     }
-    fileSystems.emplace(attrs.mFSID.mDevice, std::move(fd));
     ready.push_back(entry.get());
   }
   for (const auto& fileSystem : fileSystems) {

@@ -153,37 +153,33 @@ bool StagedFile::checksum(uint32_t& crc, std::string& error) const {
   return true;
 }
 
-System::FileDescriptor StagedFile::prepare(int64_t expectedSize, int mode, std::string& error) {
-  // A fresh walk: the directories may have been swapped since staging.
-  std::string reason;
-  const System::FileDescriptor parent = mPaths.openParent(mRemoteTarget, reason);
-  if (!parent) {
-    error = mRemoteTarget + ": " + reason;
-    return System::FileDescriptor();
-  }
-  return prepare(parent.get(), expectedSize, mode, error);
-}
+bool StagedFile::applyMode(int mode) { return mFd && mFS->changeMode(mFd.get(), mode & 0777); }
 
-System::FileDescriptor StagedFile::prepare(int parentFd, int64_t expectedSize, int mode,
-                                           std::string& error, FileAttributes* found) {
+bool StagedFile::prepare(int parentFd, int64_t expectedSize, int mode, std::string& error,
+                         FileAttributes& attrs) {
   close();
-  System::FileDescriptor fd = mFS->openFileAt(parentFd, mName, false);
-  FileAttributes local;
-  FileAttributes& attrs = found ? *found : local;
-  if (!fd || !attrs.statFd(fd.get())) {
+  const bool found = mFS->statAt(parentFd, mName, attrs);
+  if (!found || !attrs.isRegularFile()) {
+    if (found) errno = EINVAL;  // something else where the staged file was
     error = mRemoteTarget + ": the staged copy is lost: " + System::getErrorMessageStr();
-    return System::FileDescriptor();
+    return false;
   }
   if (attrs.mSize != expectedSize) {
     error = mRemoteTarget + ": the staged copy holds " + std::to_string(attrs.mSize) + " of " +
             std::to_string(expectedSize) + " bytes";
-    return System::FileDescriptor();
+    return false;
   }
-  if (!mFS->changeMode(fd.get(), mode & 0777)) {
+  if ((attrs.mMode & 0777) == (mode & 0777)) return true;
+  const System::FileDescriptor fd = openStaged(parentFd);
+  if (!fd || !mFS->changeMode(fd.get(), mode & 0777)) {
     error = "Unable to set the mode of " + mRemoteTarget + ": " + System::getErrorMessageStr();
-    return System::FileDescriptor();
+    return false;
   }
-  return fd;
+  return true;
+}
+
+System::FileDescriptor StagedFile::openStaged(int parentFd) const {
+  return mFS->openFileAt(parentFd, mName, false);
 }
 
 bool StagedFile::moveInto(int parentFd, std::string& error) {
@@ -196,16 +192,18 @@ bool StagedFile::moveInto(int parentFd, std::string& error) {
 }
 
 bool StagedFile::commit(int64_t expectedSize, int mode, std::string& error) {
-  const System::FileDescriptor fd = prepare(expectedSize, mode, error);
-  if (!fd) return false;
-  if (!mFS->syncFile(fd.get())) {
-    error = "Error flushing " + mRemoteTarget + ": " + System::getErrorMessageStr();
-    return false;
-  }
+  // A fresh walk: the directories may have been swapped since staging.
   std::string reason;
   const System::FileDescriptor parent = mPaths.openParent(mRemoteTarget, reason);
   if (!parent) {
     error = mRemoteTarget + ": " + reason;
+    return false;
+  }
+  FileAttributes attrs;
+  if (!prepare(parent.get(), expectedSize, mode, error, attrs)) return false;
+  const System::FileDescriptor fd = openStaged(parent.get());
+  if (!fd || !mFS->syncFile(fd.get())) {
+    error = "Error flushing " + mRemoteTarget + ": " + System::getErrorMessageStr();
     return false;
   }
   return moveInto(parent.get(), error);

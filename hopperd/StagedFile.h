@@ -64,22 +64,26 @@ class StagedFile {
   // (what the disk holds, not what was meant to be written). False with the
   // error text when they cannot be read.
   bool checksum(uint32_t& crc, std::string& error) const;
+  // Gives the open staged file the permission bits mode & 0777 (once its
+  // bytes are checked), so that commit need not open it again. False when
+  // it is closed or the call failed; commit then applies them.
+  bool applyMode(int mode);
   // Releases the descriptors once the file's bytes are complete.
   void close() {
     mFd.close();
     mReader.close();
   }
-  // First step of commit: finds the staged file by a fresh walk, checks that
-  // it holds exactly expectedSize bytes and applies mode & 0777. Returns it
-  // open (its file system is to be flushed before the rename), or an invalid
-  // descriptor with the error text. A missing or short staged file fails;
+  // First step of commit, in parentFd, the target's directory reached by a
+  // fresh walk (TargetPath::openParent): checks that the staged file is a
+  // regular file of exactly expectedSize bytes and gives it mode & 0777
+  // unless it has them. Its attributes go to attrs (its file system is to be
+  // flushed before the rename: openStaged gives a descriptor for that).
+  // False with the error text; a missing or short staged file fails and
   // nothing is ever re-created.
-  System::FileDescriptor prepare(int64_t expectedSize, int mode, std::string& error);
-  // The same in parentFd, the target's directory reached by a fresh walk
-  // (TargetPath::openParent) that the caller made for several files; the
-  // staged file's attributes go to found when it is not null.
-  System::FileDescriptor prepare(int parentFd, int64_t expectedSize, int mode,
-                                 std::string& error, FileAttributes* found = nullptr);
+  bool prepare(int parentFd, int64_t expectedSize, int mode, std::string& error,
+               FileAttributes& attrs);
+  // The staged file in parentFd open for reading (invalid on failure).
+  System::FileDescriptor openStaged(int parentFd) const;
   // Second step, once the bytes are durable: renames the staged file onto
   // its target in parentFd, the target's directory reached by a fresh walk
   // (TargetPath::openParent). False with the error text on failure.
