@@ -158,6 +158,16 @@ class SigPipeGuard {
   bool mWasPending;
 };
 
+// The IPv4 address of the peer, or with local of this end, of fd; false when
+// there is none (closed, or a local pair).
+bool addressOf(const System::FileDescriptor& fd, bool local, sockaddr_in& addr) {
+  socklen_t len = sizeof addr;
+  sockaddr* any = reinterpret_cast<sockaddr*>(&addr);
+  const int rc = !fd.valid() ? -1 : local ? ::getsockname(fd.get(), any, &len)
+                                           : ::getpeername(fd.get(), any, &len);
+  return rc == 0 && addr.sin_family == AF_INET;
+}
+
 }  // namespace
 
 TCPSocket::TCPSocket()
@@ -546,31 +556,17 @@ std::vector<std::string> TCPSocket::getHostIPList(const std::string& host) {
 
 std::string TCPSocket::getRemoteHost() const {
   sockaddr_in addr{};
-  socklen_t len = sizeof addr;
-  if (!mFd.valid() || ::getpeername(mFd.get(), reinterpret_cast<sockaddr*>(&addr), &len) < 0 ||
-      addr.sin_family != AF_INET) {
-    return "";  // closed, or a local pair
-  }
-  return dotted(addr.sin_addr);
+  return addressOf(mFd, false, addr) ? dotted(addr.sin_addr) : "";
 }
 
 int TCPSocket::getRemotePort() const {
   sockaddr_in addr{};
-  socklen_t len = sizeof addr;
-  if (!mFd.valid() || ::getpeername(mFd.get(), reinterpret_cast<sockaddr*>(&addr), &len) < 0 ||
-      addr.sin_family != AF_INET) {
-    return -1;
-  }
-  return ntohs(addr.sin_port);
+  return addressOf(mFd, false, addr) ? ntohs(addr.sin_port) : -1;
 }
 
 int TCPSocket::getListenerPort() const {
   sockaddr_in addr{};
-  socklen_t len = sizeof addr;
-  if (!mFd.valid() || ::getsockname(mFd.get(), reinterpret_cast<sockaddr*>(&addr), &len) < 0) {
-    return -1;
-  }
-  return ntohs(addr.sin_port);
+  return addressOf(mFd, true, addr) ? ntohs(addr.sin_port) : -1;
 }
 
 int TCPSocket::getSocketError() const {
