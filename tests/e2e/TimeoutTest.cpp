@@ -31,33 +31,6 @@ bool contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
 }
 
-// A service on address:port that greets every connection with a banner and
-// then keeps it open without reading, until destroyed.
-class BannerService {
- public:
-  BannerService(const std::string& address, int port) {
-    mListener.listen(address, port);
-    mThread = std::thread([this] {
-      std::vector<std::unique_ptr<TCPSocket>> open;
-      for (int round = 0; round < 600 && !mStop; ++round) {
-        std::unique_ptr<TCPSocket> peer = mListener.accept(100);
-        if (!peer) continue;
-        peer->write("SSH-2.0-banner\r\n", 16);
-        open.push_back(std::move(peer));
-      }
-    });
-  }
-  ~BannerService() {
-    mStop = true;
-    mThread.join();
-  }
-
- private:
-  TCPSocket mListener;
-  std::atomic<bool> mStop{false};
-  std::thread mThread;
-};
-
 }  // namespace
 
 class TimeoutTest : public ::testing::Test {
@@ -125,9 +98,22 @@ TEST_F(TimeoutTest, ForeignServiceInTheHostSetIsDroppedAtOnce) {
   DaemonChain chain(HIVE_BINARY_DIR "/hopperd", dir.path(), 3);
   ASSERT_TRUE(chain.started());
   chain[1].stop();  // its address and port now belong to a service that talks first
-  BannerService banner("127.0.0.3", chain.port());
+  TCPSocket banner;
+  banner.listen("127.0.0.3", chain.port());
+  std::atomic<bool> done{false};
+  std::thread service([&] {  // greets each connection and keeps it open without reading
+    std::vector<std::unique_ptr<TCPSocket>> open;
+    for (int round = 0; round < 600 && !done; ++round) {
+      if (auto peer = banner.accept(100)) {
+        peer->write("SSH-2.0-banner\r\n", 16);
+        open.push_back(std::move(peer));
+      }
+    }
+  });
   TempDir::write(dir.file("src/f"), 5000, 3, fs::perms(0644));
   const RunProcess::Result r = runCopy({chain.hostsArg(), dir.file("src/f"), "/data/"});
+  done = true;
+  service.join();
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(contains(r.err, chain[1].id())) << r.err;
   for (size_t i : {0, 2}) {

@@ -1,8 +1,8 @@
 // Real hivecopy and hopperd processes on loopback addresses, in the
 // situations where two uploads, or a client and a stranger, could be mixed
 // up: a re-run after a killed client, a paused upload, a claimed identity,
-// a directory swapped for a link before commit, names that share a long
-// prefix, error texts past the reply bound.
+// a directory swapped for a link before commit, error texts past the reply
+// bound.
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -156,17 +156,6 @@ TEST_F(UploadSafetyTest, DirectorySwappedForALinkBeforeCommitChangesNothingOutsi
   EXPECT_EQ(client.readString(), chain[0].id() + ": /race/sub/f: /race/sub: " + System::errorText(ELOOP));
   EXPECT_TRUE(fs::is_empty(dir.file("outside")));
   EXPECT_FALSE(fs::exists(race / "moved/f"));
-}
-
-TEST_F(UploadSafetyTest, NamesSharingALongPrefixKeepTheirOwnContents) {
-  DaemonChain chain(HIVE_BINARY_DIR "/hopperd", dir.path(), 2);
-  ASSERT_TRUE(chain.started());
-  const std::string prefix(235, 'n');
-  TempDir::write(dir.file("src/" + prefix + "-one"), 3000, 6, fs::perms(0644));
-  TempDir::write(dir.file("src/" + prefix + "-two"), 4000, 7, fs::perms(0600));
-  const RunProcess::Result r = runCopy({chain.hostsArg(), dir.file("src/"), "/long"});
-  EXPECT_EQ(r.status, 0) << r.err;
-  for (size_t i = 0; i < chain.size(); ++i) expectSameTree(dir.file("src"), root(chain, i) / "long");
 }
 
 TEST_F(UploadSafetyTest, OversizedErrorTextsDropNoHealthyHost) {

@@ -1,16 +1,12 @@
 // The client's reading of the cluster manager's agent list (populateNodeMap),
-// the input being the body of the agent-list reply. A small HTTP server of
-// this program answers on the loopback interface of a network namespace of
-// its own (on the machine's loopback when no namespace can be made): the
-// handshake as a cluster manager does, the agent list with the input. So the
-// reply takes the client's whole path: transfer, envelope, agent list.
-//
-// The call succeeds exactly when the input is a well-formed document whose
-// Quarry element has the Status "Success". On failure it writes a reason to
-// standard error and leaves the map as it was; on success it writes nothing
-// and the map is what it held, overlaid by Host -> IPAddress of each Agent
-// of the AgentList in order, agents without a host name skipped: no entry
-// has an empty name.
+// the input being the body of the agent-list reply, served over HTTP by this
+// program on 127.0.0.1 (in a network namespace of its own when one can be
+// made), so the reply takes the client's whole path: transfer, envelope,
+// agent list. The call succeeds exactly when the input is a well-formed
+// document whose Quarry element has the Status "Success". On failure it
+// writes a reason to standard error and leaves the map as it was; on success
+// it writes nothing and overlays Host -> IPAddress of each Agent of the
+// AgentList in order, agents without a host name skipped.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <net/if.h>
@@ -90,13 +86,10 @@ void answer(int c, const std::string& body) {
       request.find("/handshake.xml") != std::string::npos ? std::string(kHandshake) : body;
   const std::string reply = "HTTP/1.1 200 OK\r\nContent-Type: text/xml\r\nContent-Length: " +
                             std::to_string(text.size()) + "\r\n\r\n" + text;
-  for (size_t sent = 0; sent < reply.size();) {
-    const ssize_t n = ::send(c, reply.data() + sent, reply.size() - sent, MSG_NOSIGNAL);
-    if (n <= 0) return;
-    sent += size_t(n);
+  for (ssize_t sent = 0, n = 0; size_t(sent) < reply.size(); sent += n) {
+    if ((n = ::send(c, reply.data() + sent, reply.size() - size_t(sent), MSG_NOSIGNAL)) <= 0) return;
   }
-  while (::read(c, buffer, sizeof buffer) > 0) {
-  }
+  while (::read(c, buffer, sizeof buffer) > 0) continue;
 }
 
 // What the reply says, read from the document directly.

@@ -1,24 +1,16 @@
 // The daemon's connection handler (Connection::run) over one peer's whole
-// byte stream: the input goes into one end of a socket pair whose other end
-// the daemon serves, then that side is shut down, and whatever the daemon
-// sends back is read and dropped. Any messages in any order: handshakes,
-// relay identity, begin (the host lists), file announcements and data, file
-// parts, last-file queries, commit, abort.
-//
-// The process runs in a network namespace of its own with no interface up,
-// so every host a begin names is unreachable at once and nothing leaves the
-// machine; without one the program says so and exits 77 (the replay test
-// counts that as skipped). Root and state directory are fresh temporary
-// directories, emptied after each input; only targets under /in are allowed.
+// byte stream (any messages in any order), written into a socket pair whose
+// other end the daemon serves; its replies are read and dropped. The process
+// has a network namespace of its own with no interface up, so every host a
+// begin names is unreachable at once; without one it exits 77 (skipped).
+// Only targets under /in are allowed.
 //
 // After each input: the daemon closed the connection within the bound and
-// left no descriptor open; nothing but the root and the state directory
-// exists beside each other, only regular files and directories, everything
-// under the root lies under /in (but for the staged copy of the target /in
-// itself, beside it), and the state directory holds only journals. The
-// connection's session, if any, is orphaned: once the table reaps it, a
-// begin of another client gets a session (the table holds none), and then
-// no staged file and no journal is left.
+// left no descriptor open; root and state directory hold only regular files
+// and directories, everything under the root lies under /in (but for the
+// staged copy of /in itself, beside it), and the state directory holds only
+// journals. Once the table reaps the orphaned session, another client's
+// begin gets a session, and then no staged file and no journal is left.
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
@@ -31,6 +23,7 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
@@ -55,14 +48,11 @@ struct Sandbox {
     }
     std::signal(SIGPIPE, SIG_IGN);
     // tmpfs when there is one: commit flushes file systems.
-    char name[] = "/dev/shm/hive_conn_fuzz_XXXXXX";
-    char fallback[] = "/tmp/hive_conn_fuzz_XXXXXX";
+    char name[] = "/dev/shm/hive_conn_fuzz_XXXXXX", fallback[] = "/tmp/hive_conn_fuzz_XXXXXX";
     const char* made = ::mkdtemp(name);
-    if (made == nullptr) made = ::mkdtemp(fallback);
-    FUZZ_CHECK(made != nullptr);
+    FUZZ_CHECK(made != nullptr || (made = ::mkdtemp(fallback)) != nullptr);
     base = made;
-    fs::create_directory(base / "root");
-    fs::create_directory(base / "state");
+    for (const char* dir : {"root", "state"}) fs::create_directory(base / dir);
   }
   ~Sandbox() {
     std::error_code ignored;
@@ -81,10 +71,8 @@ class ProbeOwner : public SessionOwner {
   void interrupt() override {}
 };
 
-size_t openDescriptors() {
-  size_t n = 0;
-  for (auto it = fs::directory_iterator("/proc/self/fd"); it != fs::directory_iterator(); ++it) ++n;
-  return n;
+long openDescriptors() {
+  return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
 }
 
 // Writes the input, shuts the sending side down and reads until the daemon
@@ -112,10 +100,12 @@ bool exchange(int fd, const uint8_t* data, size_t size) {
   return false;
 }
 
+bool endsWith(const std::string& s, const std::string& end) {
+  return s.size() > end.size() && s.compare(s.size() - end.size(), end.size(), end) == 0;
+}
+
 bool stagedLeftover(const std::string& name, const std::string& input) {
-  const std::string suffix = ".staged";
-  return name.size() > suffix.size() && name[0] == '.' &&
-         name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0 &&
+  return endsWith(name, ".staged") && name[0] == '.' &&
          input.find(name) == std::string::npos;  // not a target the peer named so
 }
 
@@ -132,7 +122,7 @@ void checkTree(const std::string& input, bool sessionsGone) {
       if (part == rel.end()) continue;
       FUZZ_CHECK(!sessionsGone);
       FUZZ_CHECK(it.depth() == 1 && fs::is_regular_file(status));
-      FUZZ_CHECK(name.size() > 8 && name.compare(name.size() - 8, 8, ".journal") == 0);
+      FUZZ_CHECK(endsWith(name, ".journal"));
     } else {
       FUZZ_CHECK(top == "root");
       if (part == rel.end()) continue;
@@ -150,7 +140,7 @@ void checkTree(const std::string& input, bool sessionsGone) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size > 65536) return 0;
   const std::string input(reinterpret_cast<const char*>(data), size);
-  const size_t descriptors = openDescriptors();
+  const long descriptors = openDescriptors();
   {
     DaemonConfig config;
     config.mRoot = (sandbox.base / "root").string();
@@ -165,17 +155,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     auto connection = std::make_shared<Connection>(std::make_unique<TCPSocket>(fds[0]), table,
                                                    kIoTimeoutMs);
     std::thread worker([connection] { connection->run(); });
-    const bool closed = exchange(fds[1], data, size);
-    if (!closed) {
-      std::fprintf(stderr, "the daemon kept the connection open past the bound\n");
-      std::abort();
-    }
+    FUZZ_CHECK(exchange(fds[1], data, size));  // the daemon closed within the bound
     worker.join();
     ::close(fds[1]);
     checkTree(input, false);
 
-    for (int i = 0; i < 4 && table.reap(); ++i) {
-    }
+    for (int i = 0; i < 4 && table.reap(); ++i) continue;
     SessionTable::BeginRequest other;
     other.mHosts = {"probe-host"};
     other.mClientAddress = "probe-client";

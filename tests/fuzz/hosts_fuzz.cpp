@@ -3,7 +3,9 @@
 // expand to more than 100000 hosts, so each run stays small. When the value
 // parses, the hosts are non-empty and distinct, and there are no more of
 // them than the words' expansions together.
+#include <regex>
 #include <set>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -11,35 +13,19 @@
 #include "hopper/StringExpander.h"
 #include "tests/fuzz/FuzzCheck.h"
 
-namespace {
-
-const size_t kMaxHosts = 100000;
-
-bool longNumber(const std::string& s) {
-  size_t run = 0;
-  for (char c : s) {
-    run = (c >= '0' && c <= '9') ? run + 1 : 0;
-    if (run > 4) return true;
-  }
-  return false;
-}
-
-}  // namespace
+static const size_t kMaxHosts = 100000;
+static const std::regex kLongNumber("[0-9]{5}");
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size > 256) return 0;
   std::string value(reinterpret_cast<const char*>(data), size);
   value = value.substr(0, value.find('\0'));  // the option value is a C string
-  if (longNumber(value)) return 0;
+  if (std::regex_search(value, kLongNumber)) return 0;
 
   // The expansion size of each word, from the pieces the expander sees.
   size_t bound = 0;
-  size_t begin = 0;
-  while (begin < value.size()) {
-    const size_t end = value.find_first_of(" \t\n\v\f\r", begin);
-    const std::string word = value.substr(begin, end == std::string::npos ? end : end - begin);
-    begin = end == std::string::npos ? value.size() : end + 1;
-    if (word.empty()) continue;
+  std::istringstream words(value);  // split at the blanks the option allows
+  for (std::string word; words >> word;) {
     std::vector<std::string> literals;
     std::vector<std::vector<std::string>> patterns;
     try {

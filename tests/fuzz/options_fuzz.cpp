@@ -22,10 +22,9 @@
 namespace {
 
 const GetOpt::Option* rowFor(int value) {
-  for (const GetOpt::Option* row = gOptions; row->name != nullptr; ++row) {
-    if (row->val == value) return row;
-  }
-  return nullptr;
+  const GetOpt::Option* row = gOptions;
+  while (row->name != nullptr && row->val != value) ++row;
+  return row->name != nullptr ? row : nullptr;
 }
 
 void scanOptions(const std::vector<std::string>& texts, const char* shortOpts, bool stop) {
@@ -46,10 +45,7 @@ void scanOptions(const std::vector<std::string>& texts, const char* shortOpts, b
     if (row != nullptr && row->has_arg == GetOpt::REQ_ARG) FUZZ_CHECK(scanner.optarg != nullptr);
   }
   FUZZ_CHECK(scanner.optind >= 0 && scanner.optind <= static_cast<int>(args.size()));
-  std::vector<const char*> a = args, b = original;
-  std::sort(a.begin(), a.end());
-  std::sort(b.begin(), b.end());
-  FUZZ_CHECK(a == b);
+  FUZZ_CHECK(std::is_permutation(args.begin(), args.end(), original.begin(), original.end()));
 }
 
 void readList(const std::string& text) {
@@ -61,10 +57,7 @@ void readList(const std::string& text) {
     ::close(fd);
     return std::string(name);
   }();
-  {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-  }
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
   FilePairs pairs;
   std::string errors;
   app->processFileListFile(path.c_str(), pairs, errors);

@@ -1,18 +1,14 @@
 // The client's reading of daemon replies (sendBeginUploadMsg and
 // sendResumeUploadMsg) over a stream whose peer has sent a reply built from
-// the input and closed its sending side. Failures may be exceptions; the
-// call must end and keep its promises about the host lists.
+// the input and closed its side. Failures may be exceptions; the call must
+// end and keep its promises about the host lists.
 //
 // The client trusts daemons and allocates the lengths and counts they send,
-// and raw bytes read out of step would claim up to 2 GB. So the input does
-// not go out as it is: it drives a reply in the shape the client reads
-// (status, then per status the host lists, text or position), each field
-// taken from the next input bytes. Statuses run over 0..7 (known and not);
-// codes and positions are any value; list counts stay below 65536 and
-// string lengths below 4096 (or are made negative); a string gets as many
-// bytes as remain up to its length, and the reply ends with the input, so
-// it may stop anywhere. With at most
-// 4096 input bytes a reply can claim a few MB.
+// so raw bytes out of step would claim up to 2 GB. Instead the input drives
+// a reply in the shape the client reads, each field from the next input
+// bytes: statuses 0..7 (known and not), any codes and positions, list counts
+// below 65536, string lengths below 4096 (or negative), strings cut where
+// the input ends. So a reply claims a few MB at most.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -105,8 +101,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   int fds[2];
   FUZZ_CHECK(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == 0);
   // The reply fits the socket buffer (at most 4 bytes out per input byte),
-  // and what the client sends stays unread in
-  // the peer's buffer, so nothing blocks.
+  // and what the client sends stays unread in the peer's buffer: nothing blocks.
   FUZZ_CHECK(::write(fds[1], reply.data(), reply.size()) == static_cast<ssize_t>(reply.size()));
   ::shutdown(fds[1], SHUT_WR);
   TCPStream stream(std::make_unique<TCPSocket>(fds[0]));

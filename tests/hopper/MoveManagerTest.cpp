@@ -24,7 +24,6 @@ TEST(MoveManagerTest, MessagesNameHostsAndPaths) {
   std::ostringstream out, err;
   MoveManager manager({{"10.0.0.1", "alpha"}, {"10.0.0.12", "beta"}, {"10.0.0.3", "10.0.0.3"}},
                       false, false, -1, System::OS_LINUX, out, err);
-  EXPECT_EQ(manager.nodeSet(), (NodeSet{"10.0.0.1", "10.0.0.12", "10.0.0.3"}));
   // Ascending order, every occurrence: 10.0.0.1 already rewrites 10.0.0.12.
   std::string text = "10.0.0.1 and 10.0.0.1, 10.0.0.12, 10.0.0.3";
   manager.massageMsg(text);

@@ -38,7 +38,6 @@ class LoggerTest : public ::testing::Test {
 
 TEST_F(LoggerTest, OffByDefaultThenTimeStampedRecords) {
   Logger fresh;
-  EXPECT_EQ(0, fresh.getGlobalMask());
   fresh.setLogFile(mPath);
   fresh.log(LOG_INFO, "Logging enabled for tool");
   EXPECT_EQ("", read(0));
@@ -72,42 +71,31 @@ TEST_F(LoggerTest, OffByDefaultThenTimeStampedRecords) {
   EXPECT_TRUE(std::regex_match(text, std::regex("\\[[^\\]]+\\] 0x[0-9a-f]+: count 2\n"))) << text;
 }
 
-TEST_F(LoggerTest, FullFileIsRolledBeforeTheNextRecord) {
-  prepare({1, 2, 3}, 99);
-  mLog.log(LOG_INFO, "a");  // 99 bytes is below the limit: appended
-  EXPECT_EQ(std::string(99, 'c') + "H: a\n", read(0));
-  EXPECT_EQ("3-old", read(3));
-  mLog.log(LOG_INFO, "b");  // now over the limit: rolled first
-  EXPECT_EQ("H: b\n", read(0));
-  EXPECT_EQ(std::string(99, 'c') + "H: a\n", read(1));
-  EXPECT_EQ("1-old", read(2));
-  EXPECT_EQ("2-old", read(3));
-  EXPECT_EQ("3-old", read(4));
-  EXPECT_FALSE(System::fileExists(backlog(5)));
-}
-
+// A file below the size limit is appended to; one at the limit is rolled
+// first, each backlog moving up one until the retention limit or a gap.
 TEST_F(LoggerTest, RollOverKeepsTheRetentionLimitAndStopsAtAGap) {
   const std::string full(100, 'c');
   const struct {
     int retain;
     std::initializer_list<int> backlogs;
+    size_t size;
     std::vector<std::string> files;  // the current file, then backlogs 1, 2, ...; "": absent
   } cases[] = {
-      {20, {}, {"H: x\n", full, ""}},                        // a file at the size limit is rolled
-      {2, {1, 2}, {"H: x\n", full, "1-old", ""}},            // the oldest backlog goes
-      {20, {1, 3}, {"H: x\n", full, "1-old", "3-old", ""}},  // a gap ends the shift
-      {-1, {1}, {full + "H: x\n", "", "1-old"}},             // unlimited: the file stays
+      {20, {1, 2, 3}, 99, {std::string(99, 'c') + "H: x\n", "1-old", "2-old", "3-old", ""}},
+      {20, {1, 2, 3}, 100, {"H: x\n", full, "1-old", "2-old", "3-old", ""}},
+      {2, {1, 2}, 100, {"H: x\n", full, "1-old", ""}},            // the oldest backlog goes
+      {20, {1, 3}, 100, {"H: x\n", full, "1-old", "3-old", ""}},  // a gap ends the shift
+      {-1, {1}, 100, {full + "H: x\n", "", "1-old"}},             // unlimited: the file stays
   };
   int round = 0;
   for (const auto& c : cases) {
     mPath = mDir.file("case" + std::to_string(++round) + ".log");
     mLog.setFilesToRetain(c.retain);
-    prepare(c.backlogs, 100);
+    prepare(c.backlogs, c.size);
     mLog.log(LOG_INFO, "x");
     for (int n = 0; n < int(c.files.size()); ++n) {
-      const std::string path = n == 0 ? mPath : backlog(n);
-      if (c.files[n].empty()) EXPECT_FALSE(System::fileExists(path)) << path;
-      else EXPECT_EQ(c.files[n], TempDir::read(path)) << path;
+      if (c.files[n].empty()) EXPECT_FALSE(System::fileExists(backlog(n))) << backlog(n);
+      else EXPECT_EQ(c.files[n], read(n)) << n << " in case " << round;
     }
   }
 }

@@ -28,8 +28,7 @@ class SignalProcessingTest : public ::testing::Test {
   void TearDown() override {
     mSp.stop();
     const timespec zero = {0, 0};
-    for (int i = 0; i < 4 && sigtimedwait(&mSignals, nullptr, &zero) > 0; ++i) {
-    }
+    for (int i = 0; i < 4 && sigtimedwait(&mSignals, nullptr, &zero) > 0; ++i) continue;
     pthread_sigmask(SIG_SETMASK, &mSaved, nullptr);
   }
 
@@ -89,12 +88,10 @@ TEST_F(SignalProcessingTest, ThrowingCallbackIsReportedAndDispatchGoesOn) {
   mSp.configure(config);
   testing::internal::CaptureStderr();
   mSp.processSignals();
-  const bool first = sendAndAwait(SIGTERM, 1);
-  const bool second = first && sendAndAwait(SIGUSR2, 2);
-  const bool third = second && sendAndAwait(SIGTERM, 3);
+  const bool delivered = sendAndAwait(SIGTERM, 1) && sendAndAwait(SIGUSR2, 2) && sendAndAwait(SIGTERM, 3);
   mSp.stop();
   const std::string err = testing::internal::GetCapturedStderr();
-  ASSERT_TRUE(third);
+  ASSERT_TRUE(delivered);
   EXPECT_NE(std::string::npos, err.find("Exception in signal processor: boom\n")) << err;
   EXPECT_NE(std::string::npos, err.find("Unrecognized exception in signal processor\n")) << err;
 }
@@ -134,11 +131,6 @@ TEST(SignalProcessingDeathTest, ReservedSignalAndStateMisuseAssert) {
   auto noop = SignalProcessing::simple([](int) {});
   SignalProcessing::Configuration config;
   EXPECT_DEATH(config.set(SIGILL, noop), "sig != 4");
-  EXPECT_DEATH(
-      {
-        SignalProcessing sp;
-        sp.configureRange({SIGTERM}, noop);
-        sp.configureRange({SIGTERM}, noop);
-      },
-      "mState == unconfigured \\|\\| mState == finished");
+  EXPECT_DEATH({ SignalProcessing sp; sp.configureRange({SIGTERM}, noop); sp.configureRange({SIGTERM}, noop); },
+               "mState == unconfigured \\|\\| mState == finished");
 }
