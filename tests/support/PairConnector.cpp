@@ -7,25 +7,21 @@ std::string PairConnector::key(const std::string& address, int port) {
   return address + ":" + std::to_string(port);
 }
 
-void PairConnector::add(const std::string& host, Peer peer) {
+std::string PairConnector::key(const std::string& host) {
   std::string address;
   int port = 2411;
   parseHostPort(host, address, port);
+  return key(address, port);
+}
+
+void PairConnector::add(const std::string& host, Peer peer) {
   std::lock_guard<std::mutex> lock(mMutex);
-  mPeers[key(address, port)] = std::move(peer);
+  mPeers[key(host)] = std::move(peer);
 }
 
 void PairConnector::remove(const std::string& host) {
-  std::string address;
-  int port = 2411;
-  parseHostPort(host, address, port);
   std::lock_guard<std::mutex> lock(mMutex);
-  mPeers.erase(key(address, port));
-}
-
-int PairConnector::connects() const {
-  std::lock_guard<std::mutex> lock(mMutex);
-  return mConnects;
+  mPeers.erase(key(host));
 }
 
 System::FileDescriptor PairConnector::connect(const std::string& host, int port, long) {
@@ -35,7 +31,6 @@ System::FileDescriptor PairConnector::connect(const std::string& host, int port,
     auto it = mPeers.find(key(host, port));
     if (it == mPeers.end()) throw TCPSocket::exception("couldn't connect to server");
     peer = it->second;
-    ++mConnects;
   }
   auto ends = TCPSocket::pair();
   peer(std::make_unique<TCPSocket>(ends.second.release()));

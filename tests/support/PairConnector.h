@@ -25,15 +25,14 @@ class PairConnector : public Connector {
   void add(const std::string& host, Peer peer);
   // The host refuses connections from now on.
   void remove(const std::string& host);
-  int connects() const;
 
   System::FileDescriptor connect(const std::string& host, int port, long timeoutMs) override;
 
  private:
   static std::string key(const std::string& address, int port);
-  mutable std::mutex mMutex;
+  static std::string key(const std::string& host);
+  std::mutex mMutex;
   std::map<std::string, Peer> mPeers;
-  int mConnects = 0;
 };
 
 #endif  // HIVE_TESTS_SUPPORT_PAIRCONNECTOR_H_
