@@ -45,21 +45,21 @@ void writeOldVersionReply(TCPStream& out) { Wire::putInt32(out, kHopperProtocolV
 
 std::string readString(TCPStream& in) {
   std::string s;
-  System::readSmallBufBounded(in, s);
+  Wire::getString(in, s);
   return s;
 }
 
 int64_t readPosition(TCPStream& in, int64_t max) {
   const int64_t value = Wire::getInt64(in);
   if (value < 0 || value > max) {
-    throw System::WireLimitError("size or position " + std::to_string(value) + " out of range");
+    throw Wire::LimitError("size or position " + std::to_string(value) + " out of range");
   }
   return value;
 }
 
 std::string readReply(TCPStream& in, const std::string& host) {
   const int length = Wire::getInt32(in);
-  if (length < 0) throw System::WireLimitError("negative reply length");
+  if (length < 0) throw Wire::LimitError("negative reply length");
   if (size_t(length) <= kMaxReplyText) {
     std::string text(size_t(length), '\0');
     in.read(&text[0], length);
@@ -85,7 +85,7 @@ FilePart readFilePart(TCPStream& in) {
   part.mSeq = readPosition(in, kMaxFileSize);
   part.mStart = readPosition(in, part.mInfo.mSize);
   part.mCount = readPosition(in, part.mInfo.mSize - part.mStart);
-  if (part.mSeq == 0) throw System::WireLimitError("file part without a sequence number");
+  if (part.mSeq == 0) throw Wire::LimitError("file part without a sequence number");
   return part;
 }
 
@@ -93,7 +93,7 @@ int readBlockHeader(TCPStream& in, int64_t remaining, uint32_t& crc) {
   const int length = Wire::getInt32(in);
   crc = static_cast<uint32_t>(Wire::getInt32(in));
   if (length < 1 || length > kMaxRelayBlock || length > remaining) {
-    throw System::WireLimitError("data block of " + std::to_string(length) + " bytes with " +
+    throw Wire::LimitError("data block of " + std::to_string(length) + " bytes with " +
                                  std::to_string(remaining) + " to come");
   }
   return length;
@@ -104,13 +104,13 @@ FileCheck readFileCheck(TCPStream& in) {
   check.mSeq = readPosition(in, kMaxFileSize);
   check.mSize = readPosition(in, kMaxFileSize);
   check.mCRC = static_cast<uint32_t>(Wire::getInt32(in));
-  if (check.mSeq == 0) throw System::WireLimitError("file check without a sequence number");
+  if (check.mSeq == 0) throw Wire::LimitError("file check without a sequence number");
   return check;
 }
 
 void readBegin(TCPStream& in, std::vector<std::string>& hosts, bool& stopAgents) {
   std::set<std::string> set;
-  System::readStringSetBounded(in, set);
+  Wire::getStringSet(in, set);
   stopAgents = !Wire::getBool(in);
   hosts.assign(set.begin(), set.end());
 }
@@ -124,7 +124,7 @@ RelayIdentity readRelayIdentity(TCPStream& in) {
   const std::string& id = identity.mUploadId;
   if (id.empty() || id.size() > 64 ||
       !std::all_of(id.begin(), id.end(), [](char c) { return std::isalnum(uint8_t(c)); })) {
-    throw System::WireLimitError("invalid upload identifier");
+    throw Wire::LimitError("invalid upload identifier");
   }
   return identity;
 }
@@ -138,8 +138,8 @@ BeginReply readBeginReply(TCPStream& in) {
   reply.mStatus = Wire::getInt32(in);
   if (reply.mStatus == BEGIN_SOME_FAILED) {
     BeginResult& failures = reply.mFailures;
-    System::readStringIntPairListBounded(in, failures.mBad);
-    System::readStringListBounded(in, failures.mBusy);
+    Wire::getPairList(in, failures.mBad);
+    Wire::getStringList(in, failures.mBusy);
     failures.mText = readString(in);
   }
   return reply;
@@ -156,7 +156,7 @@ RelayMessage readRelayReply(TCPStream& in, const std::string& host) {
   } else if (message.mTag == RELAY_COMMITTED) {
     message.mText = readReply(in, host);
   } else if (message.mTag != RELAY_ABORTED) {
-    throw System::WireLimitError("unknown relay reply " + std::to_string(message.mTag));
+    throw Wire::LimitError("unknown relay reply " + std::to_string(message.mTag));
   }
   return message;
 }

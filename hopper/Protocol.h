@@ -58,7 +58,7 @@ const int64_t kMaxFileSize = int64_t(1) << 62;
 // A reply line longer than this is cut (and marked so); a whole reply stays
 // within the string bound a peer accepts.
 const size_t kMaxReplyLine = 1024;
-const size_t kMaxReplyText = System::kMaxPeerStringLength;
+const size_t kMaxReplyText = Wire::kMaxStringLength;
 
 // The reply to a file announcement: RESUME_OK with the position to send
 // from, RESUME_NO_SESSION (begin again on this connection), or any other
@@ -143,7 +143,7 @@ int readVersionRequest(TCPStream& in);
 void writeVersionReply(TCPStream& out);
 void writeOldVersionReply(TCPStream& out);
 
-// Readers; each throws System::WireLimitError when the peer exceeds a bound
+// Readers; each throws Wire::LimitError when the peer exceeds a bound
 // and the stream's failure exception when the connection breaks.
 std::string readString(TCPStream& in);
 // The announcement items after the code; the mode is masked with 0777.
@@ -170,7 +170,7 @@ AnnouncementReply readAnnouncementReply(TCPStream& in);
 int64_t readPosition(TCPStream& in, int64_t max);
 void readAbortReply(TCPStream& in);
 // What a host on a relay link sends back (RelayReply). An unknown tag
-// throws System::WireLimitError.
+// throws Wire::LimitError.
 RelayMessage readRelayReply(TCPStream& in, const std::string& host);
 // The reply to H2H_LAST_FILE.
 LastFile readLastFileReply(TCPStream& in);
@@ -178,7 +178,7 @@ LastFile readLastFileReply(TCPStream& in);
 // error lines, "" when every host stored it) and the commit reply (the
 // upload's error lines). One over the string bound is read past
 // and replaced by a line saying so, so the link stays usable; a negative
-// length throws System::WireLimitError.
+// length throws Wire::LimitError.
 std::string readReply(TCPStream& in, const std::string& host);
 
 // Writers (not flushed).

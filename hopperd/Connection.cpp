@@ -74,7 +74,7 @@ void Connection::run() {
       startMessage();
       if (!handle(Protocol::readCode(mStream))) break;
     }
-  } catch (const System::WireLimitError& e) {
+  } catch (const Wire::LimitError& e) {
     HC_LOG_INFO("Protocol error from " << mPeer << ": " << e.what() << "; connection closed");
   } catch (const std::ios_base::failure&) {
     HC_LOG_DEBUG("Connection from " << mPeer << " closed");
@@ -151,7 +151,7 @@ void Connection::handleBegin() {
   SessionTable::BeginRequest request;
   bool stopAgents = false;
   Protocol::readBegin(mStream, request.mHosts, stopAgents);
-  if (request.mHosts.empty()) throw System::WireLimitError("begin without hosts");
+  if (request.mHosts.empty()) throw Wire::LimitError("begin without hosts");
   request.mClientAddress = clientAddress();
   // A client talks to its head directly: the head is its own upstream host.
   request.mUpstreamHost = mIdentity ? mIdentity->mSender : request.mHosts.front();
@@ -260,7 +260,7 @@ void Connection::receiveBlocks(int64_t count) {
     if (actual != expected) {
       if (mSession) mSession->dropCurrentFile();  // the caller holds its work mutex
       // The link corrupts data: the upstream host routes around this one.
-      throw System::WireLimitError("a data block failed its checksum");
+      throw Wire::LimitError("a data block failed its checksum");
     }
     if (mSession) mSession->fileData(mBuffer.data(), static_cast<size_t>(length), &actual);
     count -= length;

@@ -202,7 +202,7 @@ void Downstream::readReplies(TCPStream& replies) {
     }
   } catch (const std::ios_base::failure& e) {
     HC_LOG_DEBUG("Replies of " << mHost << " ended: " << e.what());
-  } catch (const System::WireLimitError& e) {
+  } catch (const Wire::LimitError& e) {
     HC_LOG_INFO("Protocol error from " << mHost << ": " << e.what());
   }
   {

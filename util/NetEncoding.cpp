@@ -16,8 +16,8 @@ uint32_t readBE32(std::istream& in) {
 // A count or length outside [0, limit] from an untrusted peer.
 void checkRange(int value, int limit, const char* what) {
   if (value < 0 || value > limit) {
-    throw WireLimitError(std::string(what) + " " + std::to_string(value) +
-                         " outside the allowed range 0.." + std::to_string(limit));
+    throw Wire::LimitError(std::string(what) + " " + std::to_string(value) +
+                           " outside the allowed range 0.." + std::to_string(limit));
   }
 }
 
@@ -84,49 +84,6 @@ long Int64From2Ints(int high, int low) {
 }
 
 long convertTimeToNetFormat(long t) { return t; }
-
-void readSmallBufBounded(std::istream& in, std::string& s, int maxLength) {
-  const int length = readInt32(in);
-  if (in.fail()) return;
-  checkRange(length, maxLength, "string length");
-  readBytes(in, s, length);
-}
-
-void readStringListBounded(std::istream& in, StringList& out, int maxCount, int maxLength) {
-  const int count = readInt32(in);
-  if (in.fail()) return;
-  checkRange(count, maxCount, "list count");
-  StringList result;
-  for (int i = 0; i < count && in.good(); ++i) {
-    std::string element;
-    readSmallBufBounded(in, element, maxLength);
-    result.push_back(std::move(element));
-  }
-  out.swap(result);
-}
-
-void readStringSetBounded(std::istream& in, std::set<std::string>& out, int maxCount,
-                          int maxLength) {
-  StringList elements;
-  readStringListBounded(in, elements, maxCount, maxLength);
-  if (in.fail()) return;
-  out = std::set<std::string>(elements.begin(), elements.end());
-}
-
-void readStringIntPairListBounded(std::istream& in, StringIntPairList& out, int maxCount,
-                                  int maxLength) {
-  const int count = readInt32(in);
-  if (in.fail()) return;
-  checkRange(count, maxCount, "list count");
-  StringIntPairList result;
-  for (int i = 0; i < count && in.good(); ++i) {
-    std::string name;
-    readSmallBufBounded(in, name, maxLength);
-    const int code = readInt32(in);
-    result.emplace_back(std::move(name), code);
-  }
-  out.swap(result);
-}
 
 }  // namespace System
 
@@ -231,6 +188,47 @@ void putStrings(TCPStream& out, const std::set<std::string>& value) { out << val
 int32_t getInt32(TCPStream& in) { return System::readInt32(in); }
 
 int64_t getInt64(TCPStream& in) { return System::readInt64(in); }
+
+void getString(std::istream& in, std::string& s, int maxLength) {
+  const int length = System::readInt32(in);
+  if (in.fail()) return;
+  System::checkRange(length, maxLength, "string length");
+  System::readBytes(in, s, length);
+}
+
+void getStringList(std::istream& in, StringList& out, int maxCount, int maxLength) {
+  const int count = System::readInt32(in);
+  if (in.fail()) return;
+  System::checkRange(count, maxCount, "list count");
+  StringList result;
+  for (int i = 0; i < count && in.good(); ++i) {
+    std::string element;
+    getString(in, element, maxLength);
+    result.push_back(std::move(element));
+  }
+  out.swap(result);
+}
+
+void getStringSet(std::istream& in, std::set<std::string>& out, int maxCount, int maxLength) {
+  StringList elements;
+  getStringList(in, elements, maxCount, maxLength);
+  if (in.fail()) return;
+  out = std::set<std::string>(elements.begin(), elements.end());
+}
+
+void getPairList(std::istream& in, StringIntPairList& out, int maxCount, int maxLength) {
+  const int count = System::readInt32(in);
+  if (in.fail()) return;
+  System::checkRange(count, maxCount, "list count");
+  StringIntPairList result;
+  for (int i = 0; i < count && in.good(); ++i) {
+    std::string name;
+    getString(in, name, maxLength);
+    const int code = System::readInt32(in);
+    result.emplace_back(std::move(name), code);
+  }
+  out.swap(result);
+}
 
 bool getBool(TCPStream& in) {
   bool value = false;

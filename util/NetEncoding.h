@@ -11,8 +11,8 @@
 //   pair list        int32 count C, then C times small buffer and int32
 //
 // The plain readers trust their peer (a client trusts its daemon): lengths
-// are not limited. A server must read through the bounded readers at the
-// end of this header, which check every length and count before allocating.
+// are not limited. A server must read through the bounded readers (Wire) at
+// the end of this header, which check every length and count before allocating.
 #ifndef HIVE_UTIL_NETENCODING_H_
 #define HIVE_UTIL_NETENCODING_H_
 
@@ -53,33 +53,6 @@ long Int64From2Ints(int high, int low);
 // The wire form of a time in seconds since the epoch: unchanged.
 long convertTimeToNetFormat(long t);
 
-// ---- bounded readers for data from an untrusted peer ----------------------
-
-// Thrown when a peer announces a length or count outside the allowed range.
-class WireLimitError : public std::runtime_error {
- public:
-  explicit WireLimitError(const std::string& what) : std::runtime_error(what) {}
-};
-
-const int kMaxPeerStringLength = 65536;
-const int kMaxPeerListCount = 100000;
-
-// readSmallBuf with 0 <= length <= maxLength checked before anything is
-// allocated; a violation throws WireLimitError and leaves s unchanged.
-void readSmallBufBounded(std::istream& in, std::string& s,
-                         int maxLength = kMaxPeerStringLength);
-// A list or set of small buffers whose count and lengths are checked first;
-// elements are only allocated as their bytes arrive. Throws WireLimitError.
-void readStringListBounded(std::istream& in, StringList& out,
-                           int maxCount = kMaxPeerListCount,
-                           int maxLength = kMaxPeerStringLength);
-void readStringSetBounded(std::istream& in, std::set<std::string>& out,
-                          int maxCount = kMaxPeerListCount,
-                          int maxLength = kMaxPeerStringLength);
-void readStringIntPairListBounded(std::istream& in, StringIntPairList& out,
-                                  int maxCount = kMaxPeerListCount,
-                                  int maxLength = kMaxPeerStringLength);
-
 }  // namespace System
 
 // Items on a TCPStream; each returns the stream so items chain. int is an
@@ -102,7 +75,8 @@ TCPStream& operator>>(TCPStream& s, StringList& value);
 TCPStream& operator>>(TCPStream& s, StringIntPairList& value);
 
 // The same items with their wire width in the name rather than in the C++
-// type of the argument, for message encoders: no cast decides a width.
+// type of the argument, for message encoders: no cast decides a width; and
+// the bounded readers that data from an untrusted peer goes through.
 namespace Wire {
 
 void putInt32(TCPStream& out, int32_t value);
@@ -114,6 +88,28 @@ void putStrings(TCPStream& out, const std::set<std::string>& value);
 int32_t getInt32(TCPStream& in);
 int64_t getInt64(TCPStream& in);
 bool getBool(TCPStream& in);
+
+// Thrown when a peer announces a length or count outside the allowed range.
+class LimitError : public std::runtime_error {
+ public:
+  explicit LimitError(const std::string& what) : std::runtime_error(what) {}
+};
+
+const int kMaxStringLength = 65536;
+const int kMaxListCount = 100000;
+
+// A small buffer with 0 <= length <= maxLength checked before anything is
+// allocated; a violation throws LimitError and leaves s unchanged. When the
+// length cannot be read s is left unchanged.
+void getString(std::istream& in, std::string& s, int maxLength = kMaxStringLength);
+// A list or set of small buffers whose count and lengths are checked first;
+// elements are only allocated as their bytes arrive. Throws LimitError.
+void getStringList(std::istream& in, StringList& out, int maxCount = kMaxListCount,
+                   int maxLength = kMaxStringLength);
+void getStringSet(std::istream& in, std::set<std::string>& out, int maxCount = kMaxListCount,
+                  int maxLength = kMaxStringLength);
+void getPairList(std::istream& in, StringIntPairList& out, int maxCount = kMaxListCount,
+                 int maxLength = kMaxStringLength);
 
 }  // namespace Wire
 

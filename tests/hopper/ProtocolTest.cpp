@@ -31,17 +31,17 @@ TEST(ProtocolTest, ChecksEveryLengthAndSizeBeforeUsingIt) {
   EXPECT_EQ(info.mMode, 0755);  // type bits masked away
   for (long size : {-1L, kMaxFileSize + 1}) {
     Peer bad(WireBytes().i64(size).str("f").str("/x").i32(0));
-    EXPECT_THROW(Protocol::readFileInfo(*bad.stream), System::WireLimitError) << size;
+    EXPECT_THROW(Protocol::readFileInfo(*bad.stream), Wire::LimitError) << size;
   }
   // Only a length arrives: a reader that trusted it would wait or allocate.
   for (int length : {0x7fffffff, 65537, -1}) {
     Peer string(WireBytes().i32(length));
-    EXPECT_THROW(Protocol::readString(*string.stream), System::WireLimitError) << length;
+    EXPECT_THROW(Protocol::readString(*string.stream), Wire::LimitError) << length;
   }
   Peer hosts(WireBytes().i32(100001));
   std::vector<std::string> list;
   bool stop = false;
-  EXPECT_THROW(Protocol::readBegin(*hosts.stream, list, stop), System::WireLimitError);
+  EXPECT_THROW(Protocol::readBegin(*hosts.stream, list, stop), Wire::LimitError);
   // A data block fits the part's rest and the receiver's buffer.
   const std::pair<int, int64_t> badBlocks[] = {
       {0, 100}, {-1, 100}, {101, 100}, {kMaxRelayBlock + 1, int64_t(1) << 30}};
@@ -49,14 +49,14 @@ TEST(ProtocolTest, ChecksEveryLengthAndSizeBeforeUsingIt) {
     Peer block(WireBytes().i32(bad.first).i32(0));
     uint32_t crc = 0;
     EXPECT_THROW(Protocol::readBlockHeader(*block.stream, bad.second, crc),
-                 System::WireLimitError) << bad.first;
+                 Wire::LimitError) << bad.first;
   }
   Peer block(WireBytes().i32(100).i32(int(0xe3069283)));
   uint32_t crc = 0;
   EXPECT_EQ(Protocol::readBlockHeader(*block.stream, 100, crc), 100);
   EXPECT_EQ(crc, 0xe3069283u);
   Peer check(WireBytes().i64(0).i64(5).i32(1));
-  EXPECT_THROW(Protocol::readFileCheck(*check.stream), System::WireLimitError);
+  EXPECT_THROW(Protocol::readFileCheck(*check.stream), Wire::LimitError);
 }
 
 TEST(ProtocolTest, RepliesStayWithinTheirBounds) {
@@ -141,5 +141,5 @@ TEST(ProtocolTest, BeginAndRelayRepliesReadAsWritten) {
   const LastFile last = Protocol::readLastFileReply(in);
   EXPECT_EQ(last.mSeq, 9);
   EXPECT_EQ(last.mBytes, 4096);
-  EXPECT_THROW(Protocol::readRelayReply(in, "h2"), System::WireLimitError);
+  EXPECT_THROW(Protocol::readRelayReply(in, "h2"), Wire::LimitError);
 }
