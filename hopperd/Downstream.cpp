@@ -79,8 +79,7 @@ void Downstream::close() {
   mAnnounced = false;
   mPosition = 0;
   Mutex::Lock lock(mMutex);
-  mFinal = NO_FINAL;
-  mFinalArrived = false;
+  mFinalsSent = mFinalsArrived = 0;
   mBroken = false;
   mStopReader = false;
 }
@@ -195,7 +194,7 @@ void Downstream::readReplies(TCPStream& replies) {
           Protocol::appendLines(mErrors, reply.mText);
         } else {
           mFinalReply = reply.mText;
-          mFinalArrived = true;
+          ++mFinalsArrived;
         }
       }
       mChanged.broadcast();
@@ -218,7 +217,7 @@ bool Downstream::replyOverdue() {
     if (mStopReader) return false;
     // Between files the host owes nothing: silence is fine (keep-alive
     // notices a host that vanished).
-    if (mFinal == NO_FINAL || mFinalArrived) return true;
+    if (mFinalsArrived >= mFinalsSent) return true;
   }
   return hostStillAnswers();
 }
@@ -228,12 +227,15 @@ void Downstream::checkLink() {
   if (mBroken) throw LinkLost("relay link lost");
 }
 
+void Downstream::expectFinal() {
+  Mutex::Lock lock(mMutex);
+  ++mFinalsSent;
+}
+
 std::string Downstream::awaitFinal() {
   Mutex::Lock lock(mMutex);
-  mChanged.wait(lock, [this] { return mFinalArrived || mBroken; });
-  if (!mFinalArrived) throw LinkLost("relay link lost before its reply");
-  mFinal = NO_FINAL;
-  mFinalArrived = false;
+  mChanged.wait(lock, [this] { return mFinalsArrived >= mFinalsSent || mBroken; });
+  if (mFinalsArrived < mFinalsSent) throw LinkLost("relay link lost before its reply");
   return mFinalReply;
 }
 
@@ -519,13 +521,10 @@ void Downstream::forgetFiles() {
 void Downstream::sendCommit() {
   dropUnfinishedPart();
   onLink([this] {
+    expectFinal();
     Protocol::writeCommit(*mStream);
     mStream->flush();
-    Mutex::Lock lock(mMutex);
-    mFinal = COMMIT_REPLY;
-    mFinalArrived = false;
   });
-  mChanged.broadcast();
 }
 
 std::string Downstream::finishCommit() {
@@ -556,13 +555,10 @@ void Downstream::abort() {
   mAborting = true;
   for (size_t attempt = 0; attempt <= mCandidates.size(); ++attempt) {
     const bool sent = onLink([this] {
+      expectFinal();
       Protocol::writeAbort(*mStream);
       mStream->flush();
-      Mutex::Lock lock(mMutex);
-      mFinal = ABORT_REPLY;
-      mFinalArrived = false;
     });
-    mChanged.broadcast();
     if (!sent) break;
     try {
       awaitFinal();

@@ -96,8 +96,6 @@ class Downstream {
 
  private:
   enum Outcome { LINKED, BUSY, FAILED, MISMATCH };
-  // The reply the writer waits for.
-  enum Final { NO_FINAL, COMMIT_REPLY, ABORT_REPLY };
   // A file passed on: enough to send it again to a new host.
   struct Sent {
     FileInfo mInfo;
@@ -138,7 +136,10 @@ class Downstream {
   void startReader();
   // Throws LinkLost once the reader has found the link broken.
   void checkLink();
-  // Waits until the reader took the final reply (or the link broke).
+  // Counts a commit or abort about to go out on the link: its reply is owed.
+  void expectFinal();
+  // Waits until the reader took the reply to every commit or abort sent on
+  // this link (or the link broke); returns the last one's text.
   std::string awaitFinal();
 
   // Brings a freshly linked host up to date: every file from the one it
@@ -188,8 +189,11 @@ class Downstream {
   // Shared with the reader thread.
   Mutex mMutex;
   Condition mChanged;
-  Final mFinal = NO_FINAL;
-  bool mFinalArrived = false;
+  // Commit and abort replies owed and taken on this link. Counts, not a
+  // flag reset by the writer: a reply the reader takes before the writer
+  // has recorded sending its request still counts.
+  uint64_t mFinalsSent = 0;
+  uint64_t mFinalsArrived = 0;
   std::string mFinalReply;
   bool mBroken = false;
   bool mStopReader = false;
