@@ -244,9 +244,11 @@ std::string Session::closeFile() {
   const bool whole = mFromClient && mSumming && mOffset == mCurrentSize;
   Protocol::appendLines(errors, mDownstream.finishPart(mFromClient ? whole : mPartEndsFile));
   if (whole) {
+    // The check goes on before this host reads its copy back, so that every
+    // host of the chain reads its own at the same time.
     const FileCheck check{mCurrentSeq, mCurrentSize, mSum};
-    Protocol::appendLines(errors, verify(mCurrent, check));
     mDownstream.passCheck(check);
+    Protocol::appendLines(errors, verify(mCurrent, check));
   }
   if (mCurrent && !mFromClient && mPartEndsFile && !mCurrent->mFailed) {
     mAwaitingCheck = mCurrent;  // its descriptor serves the check that follows
@@ -259,9 +261,9 @@ std::string Session::closeFile() {
 }
 
 std::string Session::checkFile(const FileCheck& check) {
+  mDownstream.passCheck(check);  // first: the hosts after this one check at once
   std::string errors = verify(entryOfSeq(check.mSeq), check);
   closeAwaitingCheck();
-  mDownstream.passCheck(check);
   return errors;
 }
 
