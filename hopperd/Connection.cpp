@@ -39,6 +39,12 @@ bool Connection::waitForMessage() {
   mSocket->setDeadline(Ticks());
   if (mStream.streamBuf().buffered() > 0) return true;
   if (mSession) {
+    // What this host passes on waits until no more input does, so that
+    // files that arrive together leave together.
+    if (!mSocket->isReadable(0)) {
+      Mutex::Lock work(mSession->workMutex());
+      mSession->flushDownstream();
+    }
     // Keep-alive ends the wait for a peer that vanished.
     while (!mSocket->isReadable(60000)) {
       if (!mSocket->isGood()) return false;

@@ -10,6 +10,9 @@ namespace {
 
 const int kConnectTimeoutMs = 5000;
 const size_t kGapBlock = 65536;
+// What the link collects before a send: as much as a host's connection
+// takes in with one read.
+const int kLinkBuffer = 65536;
 // Commit may run agent commands on the hosts after this one: a host that
 // keeps answering handshakes is given this many time-outs for its reply.
 const int kCommitStalls = 20;
@@ -33,6 +36,7 @@ Downstream::~Downstream() { close(); }
 
 std::unique_ptr<TCPStream> Downstream::newStream() {
   auto stream = std::make_unique<TCPStream>();
+  stream->streamBuf().setOutputBufferSize(kLinkBuffer);
   TCPSocket& socket = stream->socket();
   socket.setReadTimeout(mIoTimeoutMs);
   socket.setWriteTimeout(mIoTimeoutMs);
@@ -467,10 +471,10 @@ void Downstream::forward(const char* data, size_t n, int64_t offset,
   if (!ok) mPartState = DROPPED;
 }
 
-std::string Downstream::finishPart(bool checkFollows) {
+std::string Downstream::finishPart() {
   if (passing() && linked()) {
     // Whatever the link still misses of the part comes from the staged copy.
-    onLink([this, checkFollows] {
+    onLink([this] {
       if (mPartState == PENDING) openLivePart();
       std::string error;
       if (mPartState == STREAMING && mPosition < mPart.end()) {
@@ -480,7 +484,6 @@ std::string Downstream::finishPart(bool checkFollows) {
         }
         mPosition = mPart.end();
       }
-      if (linked() && !checkFollows) mStream->flush();
     });
   }
   mPartState = NO_PART;
@@ -504,8 +507,11 @@ void Downstream::passCheck(const FileCheck& check) {
     if (link == mLinks && holdsWhole(check.mSeq, check.mSize)) {
       Protocol::writeFileCheck(*mStream, check);
     }
-    mStream->flush();
   });
+}
+
+void Downstream::flush() {
+  if (linked()) onLink([this] { mStream->flush(); });
 }
 
 void Downstream::forgetFiles() {

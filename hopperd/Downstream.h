@@ -70,14 +70,17 @@ class Downstream {
   // (one relayed block, passed on as it came).
   void forward(const char* data, size_t n, int64_t offset, const uint32_t* blockCRC = nullptr);
   // Ends the part: the lines of this host about a file it could not pass on
-  // ("" when it went out). Never waits for the link's reply. When
-  // checkFollows, the part's last bytes wait in the stream for the file's
-  // check (passCheck), so that both leave in one write.
-  std::string finishPart(bool checkFollows = false);
+  // ("" when it went out). Never waits for the link's reply. The part's
+  // last bytes may wait in the link's buffer (see flush).
+  std::string finishPart();
   // Passes on the checksum of a whole file, to the host after this one when
   // the link holds all of the file; a host linked later gets it with the
-  // file.
+  // file. It may wait in the link's buffer.
   void passCheck(const FileCheck& check);
+  // Sends what waits in the link's buffer. Small files and checks collect
+  // there (up to kLinkBuffer bytes) until the caller is about to wait for
+  // more input, so that files arriving together leave in one send.
+  void flush();
   // Forgets the files passed on (their staged copies are gone).
   void forgetFiles();
 

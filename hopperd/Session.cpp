@@ -242,14 +242,16 @@ std::string Session::closeFile() {
   std::string errors;
   errors.swap(mFileErrors);
   const bool whole = mFromClient && mSumming && mOffset == mCurrentSize;
-  Protocol::appendLines(errors, mDownstream.finishPart(mFromClient ? whole : mPartEndsFile));
-  if (whole) {
-    // The check goes on before this host reads its copy back, so that every
-    // host of the chain reads its own at the same time.
-    const FileCheck check{mCurrentSeq, mCurrentSize, mSum};
-    mDownstream.passCheck(check);
-    Protocol::appendLines(errors, verify(mCurrent, check));
-  }
+  Protocol::appendLines(errors, mDownstream.finishPart());
+  const FileCheck check{mCurrentSeq, mCurrentSize, mSum};
+  // The check goes on before this host reads its copy back, so that every
+  // host of the chain reads its own at the same time.
+  if (whole) mDownstream.passCheck(check);
+  // The client counts the file as done once the head answers: by then its
+  // bytes are with the system for the next host, which gets them even if
+  // this process dies. Relays send when they run out of input instead.
+  if (mFromClient) mDownstream.flush();
+  if (whole) Protocol::appendLines(errors, verify(mCurrent, check));
   if (mCurrent && !mFromClient && mPartEndsFile && !mCurrent->mFailed) {
     mAwaitingCheck = mCurrent;  // its descriptor serves the check that follows
   } else if (mCurrent) {

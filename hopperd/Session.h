@@ -82,6 +82,8 @@ class Session {
   // Removes everything staged here and drops the relay link without a word
   // (an expired or shut-down session).
   void discard();
+  // Sends what waits for the relay link (see Downstream::flush).
+  void flushDownstream() { mDownstream.flush(); }
   // Drops the relay link, so that the hosts after this one notice the loss.
   void closeDownstream() { mDownstream.close(); }
   // From any thread: ends every wait on the relay link (shutdown).

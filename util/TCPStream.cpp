@@ -27,6 +27,7 @@ TCPStreamBuf::TCPStreamBuf(TCPSocket* socket)
     : mSocket(socket),
       mPutBackSize(kPutBackSize),
       mBufSize(kBufSize),
+      mOutBufSize(kOutBufSize),
       mBufferIn(kPutBackSize + kBufSize),
       mBufferOut(kCRCHeaderSize + kOutBufSize),
       mCRCMismatch(false),
@@ -40,7 +41,7 @@ void TCPStreamBuf::reset() {
   char* in = mBufferIn.data() + mPutBackSize;
   setg(in, in, in);
   char* out = mBufferOut.data() + kCRCHeaderSize;
-  setp(out, out + kOutBufSize);
+  setp(out, out + mOutBufSize);
   mCRCMismatch = false;
   mExpectedCRC = mActualCRC = mBytesToSum = 0;
 }
@@ -51,6 +52,14 @@ void TCPStreamBuf::setInputBufferSize(int size) {
   mBufferIn.assign(static_cast<size_t>(mPutBackSize + size), 0);
   char* in = mBufferIn.data() + mPutBackSize;
   setg(in, in, in);
+}
+
+void TCPStreamBuf::setOutputBufferSize(int size) {
+  HC_ASSERT(pptr() == pbase() && size > 0);
+  mOutBufSize = size;
+  mBufferOut.assign(static_cast<size_t>(kCRCHeaderSize + size), 0);
+  char* out = mBufferOut.data() + kCRCHeaderSize;
+  setp(out, out + size);
 }
 
 void TCPStreamBuf::setCRCMode(std::function<void()> onMismatch) {
@@ -87,12 +96,13 @@ TCPStreamBuf::int_type TCPStreamBuf::overflow(int_type c) {
 int TCPStreamBuf::sync() { return flushOutput() ? 0 : -1; }
 
 std::streamsize TCPStreamBuf::xsputn(const char* s, std::streamsize n) {
-  if (n <= epptr() - pptr()) {
+  const bool bulk = !mUseCRC && n >= kOutBufSize;
+  if (!bulk && n <= epptr() - pptr()) {
     std::memcpy(pptr(), s, static_cast<size_t>(n));
     pbump(static_cast<int>(n));
     return n;
   }
-  if (mUseCRC || n < kOutBufSize) return std::streambuf::xsputn(s, n);
+  if (!bulk) return std::streambuf::xsputn(s, n);
   // Bulk data goes straight from the caller's buffer to the socket, after
   // whatever is already queued (in the same send) so that the byte order is
   // kept.

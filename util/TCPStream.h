@@ -5,8 +5,9 @@
 //
 // Input keeps up to 2920 bytes already read as put-back area and reads at
 // most 2920 new bytes per refill. Output is collected in a buffer and sent
-// when it is full or on flush. Large writes and reads bypass the buffers so
-// bulk data is not copied twice, and file data can go straight from the file
+// when it is full or on flush. Large writes and reads bypass the buffers (a
+// large write goes in one send with the output queued before it) so bulk
+// data is not copied twice, and file data can go straight from the file
 // (TCPStream::sendFile). In checksummed mode every flushed block is preceded
 // by an 8-byte header: the block length and its CRC-32C, both big-endian
 // 32-bit.
@@ -41,6 +42,11 @@ class TCPStreamBuf : public std::streambuf {
   // of framed bulk data then takes a frame's header and its data in one
   // call). Only while nothing is buffered.
   void setInputBufferSize(int size);
+  // Collects up to size bytes of output before sending instead of
+  // kOutBufSize, so that many small messages leave in fewer sends. Writes
+  // of kOutBufSize bytes or more still go out at once. Only while nothing
+  // is queued.
+  void setOutputBufferSize(int size);
   // Installs the checksum mismatch callback; empty switches the mode off.
   void setCRCMode(std::function<void()> onMismatch);
   bool crcMode() const { return static_cast<bool>(mUseCRC); }
@@ -66,6 +72,7 @@ class TCPStreamBuf : public std::streambuf {
   TCPSocket* mSocket;
   int mPutBackSize;
   int mBufSize;
+  int mOutBufSize;
   std::vector<char> mBufferIn;   // put-back area, then data
   std::vector<char> mBufferOut;  // checksum header room, then data
   bool mCRCMismatch;
