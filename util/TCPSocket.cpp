@@ -494,18 +494,19 @@ bool TCPSocket::sendFile(int fd, int64_t offset, int64_t count, int blockSize,
     const Ticks start = Ticks::currentTime();
     int sent = 0;
     int error = 0;
+    // As in write(): send what the socket takes, and wait only when it is
+    // full (a poll per block would double the calls).
+    if (bounded && limitReached()) error = mLastError;
     while (sent < block && error == 0) {
-      if (bounded && !await(POLLOUT, mWriteTimeout, true)) {
-        error = mLastError;
-        break;
-      }
       off_t at = static_cast<off_t>(offset + done + sent);
       const ssize_t n = ::sendfile(mFd.get(), fd, &at, static_cast<size_t>(block - sent));
       if (n > 0) {
         sent += static_cast<int>(n);
       } else if (n == 0) {
         error = ENODATA;  // the file ended
-      } else if (errno != EINTR && !(bounded && (errno == EAGAIN || errno == EWOULDBLOCK))) {
+      } else if (bounded && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        if (!await(POLLOUT, mWriteTimeout, true)) error = mLastError;
+      } else if (errno != EINTR) {
         error = errno;
       }
     }
