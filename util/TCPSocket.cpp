@@ -399,14 +399,18 @@ int TCPSocket::read(char* buffer, int length) {
   } else {
     // What has arrived is taken at once; only an empty socket waits, in
     // poll, where the limits apply. The cancel flag and the deadline hold
-    // either way.
+    // either way. After a read that emptied the socket (a reply, or a slow
+    // stream) the next one waits first: trying at once would mostly cost a
+    // call for nothing.
     if (limitReached()) return -1;
+    if (mDrained && !await(POLLIN, mReadTimeout, true)) return -1;
     for (;;) {
       n = ::recv(mFd.get(), buffer, static_cast<size_t>(length), MSG_DONTWAIT);
       if (n >= 0 || (errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK)) break;
       if (errno != EINTR && !await(POLLIN, mReadTimeout, true)) return -1;
     }
     if (n < 0) mLastError = errno;
+    mDrained = n >= 0 && n < length;
   }
   mReadTicks += Ticks::currentTime() - start;
   if (n > 0) {

@@ -225,6 +225,7 @@ class TCPSocket {
   std::shared_ptr<TCPSpy> mSpy;
   Ticks mReadTicks;
   Ticks mWriteTicks;
+  bool mDrained = false;  // the last read left nothing behind
   int64_t mReadBytes;
   int64_t mWriteBytes;
 };
