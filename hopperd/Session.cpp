@@ -7,6 +7,14 @@
 #include "util/Logger.h"
 #include "util/StringUtilities.h"
 
+namespace {
+
+// A file of at least this size takes long enough to read back for its check
+// that the check is sent on before, not after.
+const int64_t kLargeCheck = 1 << 20;
+
+}  // namespace
+
 Session::Session(std::string id, std::vector<std::string> hosts, std::string clientAddress,
                  const DaemonConfig& config)
     : mId(std::move(id)),
@@ -263,7 +271,11 @@ std::string Session::closeFile() {
 }
 
 std::string Session::checkFile(const FileCheck& check) {
-  mDownstream.passCheck(check);  // first: the hosts after this one check at once
+  // First, so that the hosts after this one check their copies at once; a
+  // large copy takes long to read back, so its check does not wait in the
+  // link's buffer meanwhile.
+  mDownstream.passCheck(check);
+  if (check.mSize >= kLargeCheck) mDownstream.flush();
   std::string errors = verify(entryOfSeq(check.mSeq), check);
   closeAwaitingCheck();
   return errors;
