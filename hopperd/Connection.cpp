@@ -42,7 +42,8 @@ bool Connection::waitForMessage() {
     // What this host passes on waits until no more input does, so that
     // files that arrive together leave together.
     if (!mSocket->isReadable(0)) {
-      Mutex::Lock work(mSession->workMutex());
+      std::optional<Mutex::Lock> work;
+      if (!holdSession(work)) return false;
       mSession->flushDownstream();
     }
     // Keep-alive ends the wait for a peer that vanished.
@@ -70,6 +71,17 @@ void Connection::interrupt() {
   if (!mClosed) mSocket->shutdown(true);
 }
 
+bool Connection::holdSession(std::optional<Mutex::Lock>& work) {
+  work.emplace(mSession->workMutex());
+  if (mTable.owns(this, *mSession)) return true;
+  HC_LOG_INFO("Upload " << mSession->id() << " went on without the connection from " << mPeer
+              << "; what it still had is dropped");
+  work.reset();
+  mSession.reset();
+  mSessionLost = true;
+  return false;
+}
+
 const std::string& Connection::clientAddress() const {
   return mIdentity ? mIdentity->mClientAddress : mPeer;
 }
@@ -78,7 +90,7 @@ void Connection::run() {
   try {
     while (waitForMessage()) {
       startMessage();
-      if (!handle(Protocol::readCode(mStream))) break;
+      if (!handle(Protocol::readCode(mStream)) || mSessionLost) break;
     }
   } catch (const Wire::LimitError& e) {
     HC_LOG_INFO("Protocol error from " << mPeer << ": " << e.what() << "; connection closed");
@@ -173,7 +185,8 @@ void Connection::handleBegin() {
   }
   BeginResult result;
   {
-    Mutex::Lock work(mSession->workMutex());
+    std::optional<Mutex::Lock> work;
+    if (!holdSession(work)) return;
     // The host search stops when the peer that asked for it has gone.
     mSession->begin(request.mHosts, stopAgents, result, [this] { return !mSocket->isGood(); });
   }
@@ -188,7 +201,8 @@ void Connection::handleFile() {
     sendReply();
     return;
   }
-  Mutex::Lock work(mSession->workMutex());
+  std::optional<Mutex::Lock> work;
+  if (!holdSession(work)) return;
   int64_t start = 0;
   std::string refusal;
   if (!mSession->openFile(info, start, refusal)) {
@@ -221,7 +235,8 @@ void Connection::handlePart() {
   }
   std::string errors;
   {
-    Mutex::Lock work(mSession->workMutex());
+    std::optional<Mutex::Lock> work;
+    if (!holdSession(work)) return;
     mSession->openPart(part);
     receiveBlocks(part.mCount);
     errors = mSession->closeFile();
@@ -236,7 +251,8 @@ void Connection::handlePart() {
 void Connection::handleLastFile() {
   LastFile last;
   if (mSession) {
-    Mutex::Lock work(mSession->workMutex());
+    std::optional<Mutex::Lock> work;
+    if (!holdSession(work)) return;
     mSession->lastFile(last.mSeq, last.mBytes);
   }
   Protocol::writeLastFileReply(mStream, last);
@@ -248,7 +264,8 @@ void Connection::handleCheck() {
   if (!mSession) return;  // the part before it was answered already
   std::string errors;
   {
-    Mutex::Lock work(mSession->workMutex());
+    std::optional<Mutex::Lock> work;
+    if (!holdSession(work)) return;
     errors = mSession->checkFile(check);
   }
   if (errors.empty()) return;
@@ -325,7 +342,8 @@ void Connection::handleCommit() {
   std::string errors;
   if (mSession) {
     {
-      Mutex::Lock work(mSession->workMutex());
+      std::optional<Mutex::Lock> work;
+      if (!holdSession(work)) return;
       errors = mSession->commit();
     }
     mTable.end(mSession);
@@ -340,7 +358,8 @@ void Connection::handleAbort() {
   if (!mSession) mSession = mTable.takeOver(shared_from_this(), mPeer);
   if (mSession) {
     {
-      Mutex::Lock work(mSession->workMutex());
+      std::optional<Mutex::Lock> work;
+      if (!holdSession(work)) return;
       mSession->abort();
     }
     mTable.end(mSession);

@@ -61,6 +61,12 @@ class Connection : public SessionOwner, public std::enable_shared_from_this<Conn
   // Reads exactly n bytes; like receiveData, they must arrive within the
   // time-out spent waiting for them.
   void readBlock(char* buffer, size_t n);
+  // Takes the session's work lock for one message, while this connection
+  // still owns the session. When another has taken it over (the upload went
+  // on along another path), lets it go and returns false; the connection
+  // then ends, so that messages it read but did not act on never reach the
+  // session behind the new owner's back.
+  bool holdSession(std::optional<Mutex::Lock>& work);
   // The origin client of whatever this connection carries.
   const std::string& clientAddress() const;
   // Reads at least one and at most max bytes; throws when the peer is gone.
@@ -77,6 +83,7 @@ class Connection : public SessionOwner, public std::enable_shared_from_this<Conn
   bool mSeenMessage = false;  // any message after the handshake
   bool mResuming = false;     // opened with a file announcement, no session
   std::shared_ptr<Session> mSession;
+  bool mSessionLost = false;  // another connection took the session over
   std::vector<char> mBuffer;  // the one buffer file data passes through
 };
 

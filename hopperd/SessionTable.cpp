@@ -125,6 +125,11 @@ std::shared_ptr<Session> SessionTable::takeOver(const std::shared_ptr<SessionOwn
   return nullptr;
 }
 
+bool SessionTable::owns(const SessionOwner* owner, const Session& session) {
+  Mutex::Lock lock(mMutex);
+  return mSession.get() == &session && session.mOwnerId == owner;
+}
+
 void SessionTable::release(const SessionOwner* owner) {
   std::shared_ptr<Session> orphan;
   uint64_t changes = 0;

@@ -60,6 +60,9 @@ class SessionTable {
   // of peerAddress (the connection's real peer), if there is one.
   std::shared_ptr<Session> takeOver(const std::shared_ptr<SessionOwner>& owner,
                                     const std::string& peerAddress);
+  // True while owner owns session (no other connection took it over, and
+  // it was neither orphaned nor replaced).
+  bool owns(const SessionOwner* owner, const Session& session);
   // The owner's connection has ended: its session, if it still owns it, is
   // orphaned and its relay link dropped.
   void release(const SessionOwner* owner);

@@ -1,0 +1,121 @@
+// A daemon's connections driven over local socket pairs by scripted upstream
+// hosts, against a real session table and staging.
+#include "hopperd/Connection.h"
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+#include <thread>
+
+#include "hopper/Protocol.h"
+#include "hopperd/DaemonConfig.h"
+#include "hopperd/SessionTable.h"
+#include "support/TempDir.h"
+
+namespace {
+
+// A disk whose first write waits (at most 20 s) until open() is called.
+class GateFileSystem : public FileSystem {
+ public:
+  bool writeAll(int fd, const char* data, size_t n) override {
+    std::unique_lock<std::mutex> lock(mMutex);
+    if (!mHeld) {
+      mHeld = true;
+      mChanged.notify_all();
+      mChanged.wait_for(lock, std::chrono::seconds(20), [this] { return mOpen; });
+    }
+    lock.unlock();
+    return FileSystem::writeAll(fd, data, n);
+  }
+  bool waitUntilHeld() {
+    std::unique_lock<std::mutex> lock(mMutex);
+    return mChanged.wait_for(lock, std::chrono::seconds(10), [this] { return mHeld; });
+  }
+  void open() {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mOpen = true;
+    mChanged.notify_all();
+  }
+
+ private:
+  std::mutex mMutex;
+  std::condition_variable mChanged;
+  bool mHeld = false;
+  bool mOpen = false;
+};
+
+// One connection of the daemon, served on a thread of its own, and the
+// upstream host's end of it.
+struct Upstream {
+  explicit Upstream(SessionTable& table) {
+    auto ends = TCPSocket::pair();
+    link = std::make_unique<TCPStream>(std::make_unique<TCPSocket>(ends.first.release()));
+    link->socket().setReadTimeout(10000);
+    auto connection =
+        std::make_shared<Connection>(std::make_unique<TCPSocket>(ends.second.release()), table, 5000);
+    served = std::thread([connection] { connection->run(); });
+  }
+  ~Upstream() {
+    link->close();
+    if (served.joinable()) served.join();
+  }
+  void begin(const std::string& sender) {
+    Protocol::writeRelayIdentity(*link, RelayIdentity{"127.0.0.9", "upload1", sender});
+    Protocol::writeBegin(*link, {"self"}, false);
+  }
+  void sendFile(int64_t seq, const std::string& path, const std::string& data) {
+    FilePart part;
+    part.mInfo = FileInfo{int64_t(data.size()), "f", path, 0644};
+    part.mSeq = seq;
+    part.mCount = int64_t(data.size());
+    Protocol::writeFilePart(*link, part);
+    Protocol::writeBlock(*link, data.data(), data.size());
+  }
+
+  std::unique_ptr<TCPStream> link;
+  std::thread served;
+};
+
+}  // namespace
+
+// The same upload relayed along a new path takes the session over while its
+// old upstream connection still holds messages it has read but not acted
+// on. That connection lets the session go instead of applying them behind
+// the new owner's back, so the new upstream host hears the true last file.
+TEST(ConnectionTest, AnUploadTakenOverGetsNothingMoreFromItsOldUpstream) {
+  TempDir dir;
+  GateFileSystem disk;
+  DaemonConfig config;
+  config.mRoot = dir.file("root");
+  config.mStateDir = dir.file("state");
+  config.mFileSystem = &disk;
+  std::filesystem::create_directories(config.mRoot);
+  std::filesystem::create_directories(config.mStateDir);
+  SessionTable table(config);
+
+  Upstream old(table);
+  old.begin("old");
+  old.sendFile(1, "/a", "first");
+  old.sendFile(2, "/b", "second");  // read with the first, acted on after it
+  old.link->flush();
+  ASSERT_EQ(Protocol::readBeginReply(*old.link).mStatus, BEGIN_OK);
+  ASSERT_TRUE(disk.waitUntilHeld());  // writing the first file
+
+  Upstream fresh(table);
+  fresh.begin("new");
+  fresh.link->flush();
+  // Taking the session over ends the old connection's link.
+  ASSERT_TRUE(old.link->socket().isReadable(10000));
+  disk.open();
+  ASSERT_EQ(Protocol::readBeginReply(*fresh.link).mStatus, BEGIN_OK);
+  old.served.join();
+
+  Protocol::writeLastFileRequest(*fresh.link);
+  fresh.link->flush();
+  const LastFile last = Protocol::readLastFileReply(*fresh.link);
+  EXPECT_EQ(last.mSeq, 1);
+  EXPECT_EQ(last.mBytes, 5);
+  EXPECT_EQ(stagedBytes(config.mRoot, "b"), -1);
+}
