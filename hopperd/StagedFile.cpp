@@ -16,6 +16,8 @@ const std::string::size_type kAttemptRoom = 4;
 const int kMaxAttempts = 1000;
 // Read-back block of checksum(): large, so that a large file costs few calls.
 const size_t kCheckBlock = 1 << 20;
+// Read-back block of an append: what a connection takes in at once.
+const size_t kReadBackBlock = 65536;
 
 // 64-bit FNV-1a: cheap, and ample to tell apart the names that share a prefix.
 std::string hashText(const std::string& text) {
@@ -72,6 +74,8 @@ void StagedFile::setName(int attempt) {
 bool StagedFile::create(int parentFd, const BeforeCreate& beforeCreate, std::string& error) {
   close();
   mSize = 0;
+  mReadBackCRC = 0;
+  mReadBackSize = 0;
   if (mExists) {
     mFS->removeFileAt(parentFd, mName);
     mExists = false;
@@ -106,6 +110,7 @@ bool StagedFile::reopen(std::string& error) {
   mFd = openExisting(true, error);
   FileAttributes attrs;
   if (mFd && attrs.statFd(mFd.get())) {
+    if (attrs.mSize != mSize) mReadBackSize = -1;  // bytes this object never read back
     mSize = attrs.mSize;
     mExists = true;
     return true;
@@ -121,8 +126,29 @@ bool StagedFile::append(const char* data, size_t n, std::string& error) {
     discard();
     return false;
   }
+  const int64_t at = mSize;
   mSize += int64_t(n);
+  if (mReadBackSize == at) readBack(at, n);
   return true;
+}
+
+void StagedFile::readBack(int64_t at, size_t n) {
+  // One buffer per thread: a session's files are written by one thread at
+  // a time, and a buffer per file would hold memory for every staged file.
+  thread_local std::vector<char> buffer;
+  buffer.resize(std::min(n, kReadBackBlock));
+  for (size_t done = 0; done < n;) {
+    const size_t want = std::min(n - done, buffer.size());
+    const ssize_t got = mFS->preadSome(mFd.get(), buffer.data(), want, at + int64_t(done));
+    if (got <= 0) {
+      mReadBackSize = -1;  // checksum() reads the file again and reports why
+      return;
+    }
+    mReadBackCRC = CRC::crc32c(reinterpret_cast<const unsigned char*>(buffer.data()),
+                               static_cast<unsigned long>(got), mReadBackCRC);
+    done += size_t(got);
+  }
+  mReadBackSize = at + int64_t(n);
 }
 
 ssize_t StagedFile::readAt(char* buf, size_t n, int64_t offset) const {
@@ -135,7 +161,11 @@ ssize_t StagedFile::readAt(char* buf, size_t n, int64_t offset) const {
   return mFS->preadSome(mReader.get(), buf, n, offset);
 }
 
-bool StagedFile::checksum(uint32_t& crc, std::string& error) const {
+bool StagedFile::checksum(uint32_t& crc, std::string& error) {
+  if (mReadBackSize == mSize) {
+    crc = mReadBackCRC;
+    return true;
+  }
   std::vector<char> buffer(static_cast<size_t>(std::min<int64_t>(mSize, kCheckBlock)) + 1);
   crc = 0;
   for (int64_t at = 0; at < mSize;) {
@@ -150,6 +180,8 @@ bool StagedFile::checksum(uint32_t& crc, std::string& error) const {
                       static_cast<unsigned long>(got), crc);
     at += got;
   }
+  mReadBackCRC = crc;  // later appends continue it
+  mReadBackSize = mSize;
   return true;
 }
 

@@ -53,17 +53,21 @@ class StagedFile {
   // Opens the existing staged file to append to it (a resumed file); its
   // size becomes the bytes staged. False with the error text on failure.
   bool reopen(std::string& error);
-  // Appends n bytes at the end. On failure removes the staged file, so that
-  // its space comes back, and returns false with the error text.
+  // Appends n bytes at the end and reads them back at once for checksum(),
+  // while they are fresh, so that a file's check makes no second pass over
+  // it. On failure removes the staged file, so that its space comes back,
+  // and returns false with the error text.
   bool append(const char* data, size_t n, std::string& error);
   // Reads up to n bytes at offset from the staged copy (to re-send a gap).
   // Returns the count read, 0 at the end, -1 with errno set on failure. The
   // read descriptor stays open for the next block of the same gap.
   ssize_t readAt(char* buf, size_t n, int64_t offset) const;
-  // The CRC-32C of the bytes staged so far, read back from the staged copy
-  // (what the disk holds, not what was meant to be written). False with the
-  // error text when they cannot be read.
-  bool checksum(uint32_t& crc, std::string& error) const;
+  // The CRC-32C of the bytes staged so far as read back from the staged
+  // copy (what the file system holds, not what was meant to be written):
+  // the sum of the read-backs of every append, or, when the file was not
+  // written through this object alone (a resumed file), of a read of all
+  // of it. False with the error text when they cannot be read.
+  bool checksum(uint32_t& crc, std::string& error);
   // Gives the open staged file the permission bits mode & 0777 (once its
   // bytes are checked), so that commit need not open it again. False when
   // it is closed or the call failed; commit then applies them.
@@ -95,6 +99,9 @@ class StagedFile {
 
  private:
   void setName(int attempt);
+  // Reads back the n bytes just appended at offset at into the running
+  // checksum (which becomes unknown when they cannot be read).
+  void readBack(int64_t at, size_t n);
   std::string remoteStaged() const;
   // The staged file by a fresh walk: appending, or reading.
   System::FileDescriptor openExisting(bool forWrite, std::string& error) const;
@@ -110,6 +117,10 @@ class StagedFile {
   System::FileDescriptor mFd;              // reads and appends
   mutable System::FileDescriptor mReader;  // opened by the first readAt without mFd
   int64_t mSize = 0;
+  // The CRC-32C of the first mReadBackSize bytes as read back (-1: unknown,
+  // checksum() reads the whole file).
+  uint32_t mReadBackCRC = 0;
+  int64_t mReadBackSize = -1;
 };
 
 #endif  // HIVE_HOPPERD_STAGEDFILE_H_
