@@ -39,9 +39,9 @@ bool Connection::waitForMessage() {
   mSocket->setDeadline(Ticks());
   if (mStream.streamBuf().buffered() > 0) return true;
   if (mSession) {
-    // What this host passes on waits until no more input does, so that
-    // files that arrive together leave together.
-    if (!mSocket->isReadable(0)) {
+    // What this host passes on waits until the input read with it is used
+    // up, so that files that arrive together leave together.
+    {
       std::optional<Mutex::Lock> work;
       if (!holdSession(work)) return false;
       mSession->flushDownstream();

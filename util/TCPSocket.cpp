@@ -383,7 +383,10 @@ bool TCPSocket::secureHasBufferedData() {
 
 bool TCPSocket::isReadable(int ms) {
   if (!mFd.valid()) return false;
-  return secureHasBufferedData() || await(POLLIN, ms, false);
+  if (secureHasBufferedData()) return true;
+  if (!await(POLLIN, ms, false)) return false;
+  mDrained = false;  // the next read need not wait first
+  return true;
 }
 
 int TCPSocket::read(char* buffer, int length) {
