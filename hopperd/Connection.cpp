@@ -10,6 +10,8 @@
 namespace {
 
 const size_t kDataBlock = 65536;
+// How long a relay waits for more input before it sends on what it holds.
+const int kGatherMs = 1;
 static_assert(kDataBlock >= size_t(kMaxRelayBlock), "a relayed block fits the buffer");
 
 std::string hex(int code) {
@@ -40,8 +42,16 @@ bool Connection::waitForMessage() {
   if (mStream.streamBuf().buffered() > 0) return true;
   if (mSession) {
     // What this host passes on waits until the input read with it is used
-    // up, so that files that arrive together leave together.
+    // up and a moment more, so that the files of a tree leave in a few large
+    // sends rather than one each (every send costs the next host a wake-up).
+    bool queued;
     {
+      std::optional<Mutex::Lock> work;
+      if (!holdSession(work)) return false;
+      queued = mSession->downstreamQueued();
+    }
+    if (queued && mSocket->isReadable(kGatherMs)) return true;
+    if (queued) {
       std::optional<Mutex::Lock> work;
       if (!holdSession(work)) return false;
       mSession->flushDownstream();

@@ -81,6 +81,8 @@ class Downstream {
   // there (up to kLinkBuffer bytes) until the caller is about to wait for
   // more input, so that files arriving together leave in one send.
   void flush();
+  // True when bytes wait in the link's buffer.
+  bool queued() const { return linked() && mStream->streamBuf().queued() > 0; }
   // Forgets the files passed on (their staged copies are gone).
   void forgetFiles();
 

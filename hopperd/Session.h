@@ -84,6 +84,7 @@ class Session {
   void discard();
   // Sends what waits for the relay link (see Downstream::flush).
   void flushDownstream() { mDownstream.flush(); }
+  bool downstreamQueued() const { return mDownstream.queued(); }
   // Drops the relay link, so that the hosts after this one notice the loss.
   void closeDownstream() { mDownstream.close(); }
   // From any thread: ends every wait on the relay link (shutdown).

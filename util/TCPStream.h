@@ -53,6 +53,8 @@ class TCPStreamBuf : public std::streambuf {
   bool crcMismatch() const { return mCRCMismatch; }
   // Bytes received and not yet consumed.
   std::streamsize buffered() const { return egptr() - gptr(); }
+  // Bytes written and not yet sent.
+  std::streamsize queued() const { return pptr() - pbase(); }
 
  protected:
   int_type underflow() override;
