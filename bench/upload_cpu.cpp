@@ -22,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include "hopper/Protocol.h"
 #include "hopper/UploadManager.h"
 #include "hopper/hopperMisc.h"
 #include "util/TCPSocket.h"
@@ -51,8 +52,9 @@ Sample measure(Fn fn) {
   return {threadCpuSeconds() - cpu0, wall.count()};
 }
 
-// A daemon that answers just enough of the protocol and discards file data;
-// in raw mode it discards everything until the peer closes.
+// A daemon that answers just enough of the protocol (through the protocol
+// unit) and discards file data; in raw mode it discards everything until
+// the peer closes.
 class Sink {
  public:
   explicit Sink(bool raw) : mRaw(raw) {
@@ -71,63 +73,51 @@ class Sink {
       std::unique_ptr<TCPSocket> s = mListener.accept(50);
       if (!s) continue;
       s->setReadTimeout(30000);
+      TCPStream stream(std::move(s));
       try {
-        mRaw ? discard(*s, -1) : serve(*s);
-      } catch (const std::exception&) {
+        mRaw ? discard(stream, -1) : serve(stream);
+      } catch (const std::exception&) {  // the client closed
       }
     }
   }
-  // Reads n bytes (all when n < 0) and throws when the peer is gone.
-  void discard(TCPSocket& s, long n) {
+  // Reads n bytes (all when n < 0); throws when the peer is gone.
+  static void discard(TCPStream& in, long n) {
     std::vector<char> buffer(kMiB);
     for (long left = n; n < 0 || left > 0;) {
-      const int got = s.read(buffer.data(), static_cast<int>(n < 0 ? kMiB : std::min<long>(left, kMiB)));
-      if (got <= 0) throw std::runtime_error("closed");
-      left -= got;
+      const long want = n < 0 ? long(kMiB) : std::min<long>(left, kMiB);
+      if (!in.read(buffer.data(), want) && n >= 0) throw std::runtime_error("closed");
+      left -= in.gcount();
     }
   }
-  long integer(TCPSocket& s, int bytes) {
-    unsigned char b[8];
-    for (int have = 0; have < bytes;) {
-      const int got = s.read(reinterpret_cast<char*>(b) + have, bytes - have);
-      if (got <= 0) throw std::runtime_error("closed");
-      have += got;
-    }
-    unsigned long v = 0;
-    for (int i = 0; i < bytes; ++i) v = (v << 8) | b[i];
-    return bytes == 4 ? static_cast<int>(v) : static_cast<long>(v);
-  }
-  void text(TCPSocket& s) { discard(s, integer(s, 4)); }
-  void send(TCPSocket& s, const std::string& bytes) {
-    s.write(bytes.data(), static_cast<int>(bytes.size()));
-  }
-  void serve(TCPSocket& s) {
-    const std::string empty(4, '\0');
+  static void serve(TCPStream& s) {
     for (;;) {
-      switch (integer(s, 4)) {
+      switch (Protocol::readCode(s)) {
         case C2H_NEW_GET_VERSION:
-          integer(s, 4);
-          text(s);
-          send(s, std::string("\0\0\0\2OK\0\0\0\5", 10));
+          Protocol::readVersionRequest(s);
+          Protocol::writeVersionReply(s);
           break;
-        case C2H_BEGIN_UPLOAD:
-          for (long n = integer(s, 4); n > 0; --n) text(s);
-          discard(s, 1);
-          send(s, empty);
-          break;
-        case C2H_RESUME_UPLOAD: {
-          const long size = integer(s, 8);
-          text(s);
-          text(s);
-          integer(s, 4);
-          send(s, std::string(12, '\0'));  // status 0, position 0
-          discard(s, size);
-          send(s, empty);
+        case C2H_BEGIN_UPLOAD: {
+          std::vector<std::string> hosts;
+          bool stopAgents = false;
+          Protocol::readBegin(s, hosts, stopAgents);
+          Protocol::writeBeginReply(s, BeginResult());
           break;
         }
-        default:  // commit and abort: an empty text / a zero int32
-          send(s, empty);
+        case C2H_RESUME_UPLOAD: {
+          const FileInfo info = Protocol::readFileInfo(s);
+          Protocol::writeAnnouncementReply(s, AnnouncementReply());
+          s.flush();
+          discard(s, info.mSize);
+          Protocol::writeReply(s, "");
+          break;
+        }
+        case C2H_COMMIT_UPLOAD:
+          Protocol::writeCommitReply(s, "", false);
+          break;
+        default:
+          Protocol::writeAbortReply(s, false);
       }
+      s.flush();
     }
   }
 
