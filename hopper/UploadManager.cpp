@@ -163,15 +163,14 @@ bool UploadManager::uploadFile(const std::string& localPath, const std::string& 
 
 bool UploadManager::sendFile(int file, const std::string& localPath, const std::string& remotePath,
                              long size, int mode, long& sent, long& dotBytes) {
-  long position = -1;
-  std::ostringstream refusal;
-  if (sendResumeUploadMsg(*mPOutStream, mNodeIPSet, mStopAgents, size, mode, localPath,
-                          remotePath, position, refusal) == Announcement::kRefused) {
-    printError(refusal.str());
+  const AnnouncementReply announced =
+      sendResumeUploadMsg(*mPOutStream, mNodeIPSet, mStopAgents, size, mode, localPath, remotePath);
+  if (announced.mStatus != RESUME_OK) {
+    printError(*mNodeIPSet.begin() + ": " + announced.mText);
     return false;
   }
   mWire = Wire::SendingData;
-  resumeFrom(file, localPath, position, size, sent);
+  resumeFrom(file, localPath, static_cast<long>(announced.mPosition), size, sent);
   const bool complete = sendData(file, localPath, size, sent, dotBytes);
   if (sent >= size) mWire = Wire::AwaitingReply;
   if (!complete) return false;

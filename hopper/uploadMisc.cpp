@@ -84,36 +84,26 @@ int sendBeginUploadMsg(TCPStream& stream, NodeSet& nodes, bool stopAgents, BadNo
   return status;
 }
 
-Announcement sendResumeUploadMsg(TCPStream& stream, const NodeSet& nodes, bool stopAgents,
-                                 long fileSize, int mode, const std::string& localPath,
-                                 const std::string& remotePath, long& position,
-                                 std::ostream& err) {
-  const std::string name = lastPathComponent(localPath);
+AnnouncementReply sendResumeUploadMsg(TCPStream& stream, const NodeSet& nodes, bool stopAgents,
+                                      long fileSize, int mode, const std::string& localPath,
+                                      const std::string& remotePath) {
+  const FileInfo info{fileSize, lastPathComponent(localPath), remotePath, mode};
   for (int restarts = 0;; ++restarts) {
-    Protocol::writeFileInfo(stream, FileInfo{fileSize, name, remotePath, mode});
+    Protocol::writeFileInfo(stream, info);
     stream.flush();
     const AnnouncementReply reply = Protocol::readAnnouncementReply(stream);
-    if (reply.mStatus == RESUME_OK) {
-      position = static_cast<long>(reply.mPosition);
-      return Announcement::kAccepted;
+    if (reply.mStatus != RESUME_NO_SESSION) return reply;
+    // A new head after a reconnect: begin on this connection, then announce
+    // again. Its host reports are not this file's business.
+    NodeSet copy = nodes;
+    BadNodeList bad;
+    BusyNodeList busy;
+    std::ostringstream ignored;
+    bool reconnect = false;
+    sendBeginUploadMsg(stream, copy, stopAgents, bad, busy, ignored, reconnect);
+    if (reconnect || restarts >= kMaxSessionRestarts) {
+      throw std::ios_base::failure("the head holds no session after a begin");
     }
-    if (reply.mStatus == RESUME_NO_SESSION) {
-      // A new head after a reconnect: begin on this connection, then announce
-      // again. Its host reports are not this file's business.
-      NodeSet copy = nodes;
-      BadNodeList bad;
-      BusyNodeList busy;
-      std::ostringstream ignored;
-      bool reconnect = false;
-      sendBeginUploadMsg(stream, copy, stopAgents, bad, busy, ignored, reconnect);
-      if (reconnect || restarts >= kMaxSessionRestarts) {
-        // The head cannot take the upload: as good as lost.
-        throw std::ios_base::failure("the head holds no session after a begin");
-      }
-      continue;
-    }
-    err << (nodes.empty() ? std::string() : *nodes.begin()) << ": " << reply.mText;
-    return Announcement::kRefused;
   }
 }
 

@@ -15,6 +15,7 @@
 #include <string>
 #include <utility>
 
+#include "hopper/Protocol.h"
 #include "util/NetEncoding.h"
 #include "util/TCPStream.h"
 
@@ -47,19 +48,15 @@ std::unique_ptr<TCPStream> findGoodNode(NodeSet& nodes, BadNodeList& badNodes, b
 int sendBeginUploadMsg(TCPStream& stream, NodeSet& nodes, bool stopAgents, BadNodeList& badNodes,
                        BusyNodeList& busyNodes, std::ostream& err, bool& reconnect);
 
-// What became of a file announcement; a lost link is the stream's failure.
-enum class Announcement {
-  kAccepted,  // position holds the bytes the daemon already has
-  kRefused    // "<head>: <text>" went to err; the connection stays usable
-};
-
-// Announces one file (size, last component of localPath, remotePath, mode).
-// A daemon without a session is sent a begin first (on a copy of nodes); one
-// that still has none after that counts as lost.
-Announcement sendResumeUploadMsg(TCPStream& stream, const NodeSet& nodes, bool stopAgents,
-                                 long fileSize, int mode, const std::string& localPath,
-                                 const std::string& remotePath, long& position,
-                                 std::ostream& err);
+// Announces one file (size, last component of localPath, remotePath, mode)
+// and returns the head's answer: RESUME_OK with the position to send from,
+// or a refusal with its text (the connection stays usable). A daemon
+// without a session is sent a begin first (on a copy of nodes); one that
+// still has none after that is as good as lost, so it raises the stream's
+// failure like a lost link.
+AnnouncementReply sendResumeUploadMsg(TCPStream& stream, const NodeSet& nodes, bool stopAgents,
+                                      long fileSize, int mode, const std::string& localPath,
+                                      const std::string& remotePath);
 
 // Re-sends bytes [from, to) of the open file fd, read at those offsets (the
 // descriptor's own offset does not move). False when the file no longer

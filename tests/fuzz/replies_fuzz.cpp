@@ -111,9 +111,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::ostringstream err;
   try {
     if (data[0] & 1) {
-      long position = -1;
-      sendResumeUploadMsg(stream, nodes, false, 100, 0644, "/src/f", "/dst/f", position, err);
-      FUZZ_CHECK(stream.good());  // a return without failure is a RESUME_OK
+      const AnnouncementReply reply =
+          sendResumeUploadMsg(stream, nodes, false, 100, 0644, "/src/f", "/dst/f");
+      FUZZ_CHECK(reply.mStatus != RESUME_NO_SESSION);  // answered here, never passed up
     } else {
       BadNodeList bad;
       BusyNodeList busy;

@@ -128,13 +128,13 @@ class ChainTest : public ::testing::Test {
     BadNodeList bad;
     BusyNodeList busy;
     bool reconnect = false;
-    long position = -1;
     std::unique_ptr<TCPStream> stream = findGoodNode(nodes, bad, true);
     if (!stream) return stream;
     stream->socket().setReadTimeout(30000);
     EXPECT_EQ(sendBeginUploadMsg(*stream, nodes, false, bad, busy, err, reconnect), BEGIN_OK);
-    sendResumeUploadMsg(*stream, NodeSet(), false, size, 0644, "f", remote, position, err);
-    EXPECT_EQ(position, 0);
+    const AnnouncementReply reply = sendResumeUploadMsg(*stream, NodeSet(), false, size, 0644, "f", remote);
+    EXPECT_EQ(reply.mStatus, RESUME_OK);
+    EXPECT_EQ(reply.mPosition, 0);
     stream->write(bytes.data(), std::streamsize(bytes.size())).flush();
     return stream;
   }
