@@ -85,7 +85,7 @@ bool ClusterManagerConnection::connect(const std::string& host, int port,
     std::string address;
     try {
       address = TCPSocket::getHostIP(name);
-    } catch (const std::exception&) {
+    } catch (const TCPSocket::exception&) {  // the name does not resolve
       address.clear();
     }
     if (address.empty()) {

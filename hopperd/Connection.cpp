@@ -106,7 +106,7 @@ void Connection::run() {
     HC_LOG_INFO("Protocol error from " << mPeer << ": " << e.what() << "; connection closed");
   } catch (const std::ios_base::failure&) {
     HC_LOG_DEBUG("Connection from " << mPeer << " closed");
-  } catch (const std::exception& e) {
+  } catch (const std::runtime_error& e) {  // e.g. no thread for a relay link's replies
     HC_LOG_INFO("Connection from " << mPeer << " ended: " << e.what());
   }
   mTable.release(this);
