@@ -42,3 +42,15 @@ bool FileSystem::renameAt(int fromDirFd, const std::string& from, int toDirFd,
 bool FileSystem::removeFileAt(int dirFd, const std::string& name) {
   return System::removeFileAt(dirFd, name);
 }
+
+System::FileDescriptor FileSystem::openDirectoryAt(int dirFd, const std::string& name) {
+  return System::openDirectoryAt(dirFd, name);
+}
+
+bool FileSystem::makeDirectoryAt(int dirFd, const std::string& name, int mode) {
+  return System::makeDirectoryAt(dirFd, name, mode);
+}
+
+bool FileSystem::removeDirectoryAt(int dirFd, const std::string& name) {
+  return System::removeDirectoryAt(dirFd, name);
+}

@@ -1,6 +1,7 @@
-// The file operations that staging and commit make, behind one interface so
-// that tests can make a write, a flush or a rename fail (or corrupt what is
-// written) on one host without a real faulty disk. FileSystem::posix() is the
+// The file operations that staging and commit make, the walk to a target's
+// directory included, behind one interface so that tests can make a
+// directory, a write, a flush or a rename fail (or corrupt what is written)
+// on one host without a real faulty disk. FileSystem::posix() is the
 // real one; a test derives from FileSystem and overrides only the calls it
 // disturbs, the others falling through to the real ones. Every call reports
 // failure as the System function of the same name does (errno set).
@@ -37,6 +38,11 @@ class FileSystem {
   virtual bool renameAt(int fromDirFd, const std::string& from, int toDirFd,
                         const std::string& to);
   virtual bool removeFileAt(int dirFd, const std::string& name);
+  // The directory name in dirFd ("." for dirFd itself), never following a
+  // link.
+  virtual System::FileDescriptor openDirectoryAt(int dirFd, const std::string& name);
+  virtual bool makeDirectoryAt(int dirFd, const std::string& name, int mode);
+  virtual bool removeDirectoryAt(int dirFd, const std::string& name);
 };
 
 #endif  // HIVE_HOPPERD_FILESYSTEM_H_

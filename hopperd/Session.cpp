@@ -22,7 +22,7 @@ Session::Session(std::string id, std::vector<std::string> hosts, std::string cli
       mClientAddress(std::move(clientAddress)),
       mConfig(config),
       mHosts(std::move(hosts)),
-      mTargets(config.mRoot, config.mAllowedPaths),
+      mTargets(config.mRoot, config.mAllowedPaths, config.mFileSystem),
       mJournal(config.mStateDir, mId, config.mRoot),
       mDownstream(RelayIdentity{mClientAddress, mId, mSelf}, mSelf,
                   config.mIoTimeoutSeconds * 1000, config.mConnector) {}

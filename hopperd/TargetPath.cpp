@@ -29,8 +29,8 @@ bool validBaseName(const std::string& base) {
 
 }  // namespace
 
-TargetPath::TargetPath(std::string root, std::vector<std::string> allowed)
-    : mRoot(normalize(root).value_or("/")), mAllowed(std::move(allowed)) {
+TargetPath::TargetPath(std::string root, std::vector<std::string> allowed, FileSystem* fs)
+    : mFS(fs), mRoot(normalize(root).value_or("/")), mAllowed(std::move(allowed)) {
   if (mRoot == "/") mRoot.clear();
   // The root is the administrator's choice, so a link there is followed;
   // nothing below it ever is.
@@ -107,7 +107,7 @@ System::FileDescriptor TargetPath::walk(const std::string& dir, bool create,
     errno = mRootError;
     return System::FileDescriptor();
   }
-  System::FileDescriptor current = System::openDirectoryAt(mRootFd.get(), ".");
+  System::FileDescriptor current = mFS->openDirectoryAt(mRootFd.get(), ".");
   for (std::string::size_type pos = 1; current && pos < dir.size();) {
     std::string::size_type end = dir.find('/', pos);
     if (end == std::string::npos) end = dir.size();
@@ -119,17 +119,17 @@ System::FileDescriptor TargetPath::walk(const std::string& dir, bool create,
       reason = quoted(dir) + ": " + System::errorText(EINVAL);
       return System::FileDescriptor();
     }
-    System::FileDescriptor next = System::openDirectoryAt(current.get(), name);
+    System::FileDescriptor next = mFS->openDirectoryAt(current.get(), name);
     if (!next && errno == ENOENT && create) {
       if (beforeMake && !beforeMake(sofar, reason)) return System::FileDescriptor();
-      if (System::makeDirectoryAt(current.get(), name, 0755)) {
+      if (mFS->makeDirectoryAt(current.get(), name, 0755)) {
         created->push_back(sofar);
       } else if (errno != EEXIST) {  // EEXIST: made meanwhile, opened below like any other
         System::SaveError keep;
         reason = "Unable to create directory " + sofar + ": " + System::getErrorMessageStr();
         return System::FileDescriptor();
       }
-      next = System::openDirectoryAt(current.get(), name);
+      next = mFS->openDirectoryAt(current.get(), name);
     }
     if (!next) {
       System::SaveError keep;
@@ -146,13 +146,13 @@ System::FileDescriptor TargetPath::openParent(const std::string& remote,
 }
 
 bool TargetPath::statRemote(const std::string& remote, FileAttributes& attrs) const {
-  if (remote == "/") return attrs.statAt(mRootFd.get(), ".", DONT_FOLLOW_SYMLINK);
+  if (remote == "/") return mFS->statAt(mRootFd.get(), ".", attrs);
   std::string ignored;
   const bool cached = mCachedFd && directoryOf(remote) == mCachedDir;
   const System::FileDescriptor parent =
       cached ? System::FileDescriptor() : openParent(remote, ignored);
   const int dirFd = cached ? mCachedFd.get() : parent.get();
-  return dirFd >= 0 && attrs.statAt(dirFd, nameOf(remote), DONT_FOLLOW_SYMLINK);
+  return dirFd >= 0 && mFS->statAt(dirFd, nameOf(remote), attrs);
 }
 
 int TargetPath::stagingDirectory(const std::string& dir, const BeforeMakeDirectory& beforeMake,
@@ -168,7 +168,7 @@ int TargetPath::stagingDirectory(const std::string& dir, const BeforeMakeDirecto
 bool TargetPath::removeFile(const std::string& remote) const {
   std::string ignored;
   const System::FileDescriptor parent = openParent(remote, ignored);
-  return parent && System::removeFileAt(parent.get(), nameOf(remote));
+  return parent && mFS->removeFileAt(parent.get(), nameOf(remote));
 }
 
 bool TargetPath::removeDirectory(const std::string& remote) const {
@@ -176,7 +176,7 @@ bool TargetPath::removeDirectory(const std::string& remote) const {
   mCachedDir.clear();
   std::string ignored;
   const System::FileDescriptor parent = openParent(remote, ignored);
-  return parent && System::removeDirectoryAt(parent.get(), nameOf(remote));
+  return parent && mFS->removeDirectoryAt(parent.get(), nameOf(remote));
 }
 
 void TargetPath::removeDirectories(const std::vector<std::string>& dirs) const {
@@ -235,7 +235,7 @@ bool TargetPath::resolve(const std::string& remote, const std::string& baseName,
   }
   FileAttributes existing = atPath;
   if (!looked || intoDirectory) {
-    found = existing.statAt(out.mParentFd, nameOf(out.mTarget), DONT_FOLLOW_SYMLINK);
+    found = mFS->statAt(out.mParentFd, nameOf(out.mTarget), existing);
   }
   if (found) {
     if (existing.isDirectory()) {

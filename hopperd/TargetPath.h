@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "hopperd/FileSystem.h"
 #include "util/System.h"
 
 class TargetPath {
@@ -30,8 +31,10 @@ class TargetPath {
 
   // root: an existing directory ("/" means none), opened here once; when it
   // cannot be opened every walk fails naming it. allowed: normalised
-  // absolute prefixes that remote paths must lie under, empty for any.
-  TargetPath(std::string root, std::vector<std::string> allowed);
+  // absolute prefixes that remote paths must lie under, empty for any. fs
+  // makes the walks and removals; it must outlive this object.
+  TargetPath(std::string root, std::vector<std::string> allowed,
+             FileSystem* fs = FileSystem::posix());
   TargetPath(const TargetPath&) = delete;
   TargetPath& operator=(const TargetPath&) = delete;
 
@@ -108,6 +111,7 @@ class TargetPath {
   mutable std::string mCachedDir;
   mutable System::FileDescriptor mCachedFd;
 
+  FileSystem* const mFS;
   std::string mRoot;  // without a trailing '/', empty for "/"
   std::vector<std::string> mAllowed;
   System::FileDescriptor mRootFd;

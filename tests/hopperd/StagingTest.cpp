@@ -69,7 +69,7 @@ struct LocalSession {
 // `victim` (all calls for "").
 class FaultyFileSystem : public FileSystem {
  public:
-  enum Fault { NONE, DISK_FULL, SHORT_WRITE, FLIPPED_BYTE, FAILED_FLUSH, FAILED_RENAME };
+  enum Fault { NONE, DISK_FULL, SHORT_WRITE, FLIPPED_BYTE, FAILED_FLUSH, FAILED_RENAME, FAILED_MKDIR };
   Fault fault = NONE;
   std::string victim;
 
@@ -88,6 +88,13 @@ class FaultyFileSystem : public FileSystem {
   bool syncFileSystem(int fd) override {
     if (fault != FAILED_FLUSH) return FileSystem::syncFileSystem(fd);
     errno = EIO;
+    return false;
+  }
+  bool makeDirectoryAt(int dirFd, const std::string& name, int mode) override {
+    if (fault != FAILED_MKDIR || name.find(victim) == std::string::npos) {
+      return FileSystem::makeDirectoryAt(dirFd, name, mode);
+    }
+    errno = EDQUOT;
     return false;
   }
   bool renameAt(int fromDirFd, const std::string& from, int toDirFd,
@@ -306,5 +313,26 @@ TEST(StagingTest, DiskFaultsFailOnlyTheirFileAndLeaveNothingHalfDone) {
   EXPECT_EQ(local.session->commit(),
             "self: Error flushing staged files: " + System::errorText(EIO));
   EXPECT_FALSE(fs::exists(local.root + "/d/f"));
+  EXPECT_TRUE(filesUnder(local.root, true).empty());
+}
+
+// A directory that cannot be made refuses its file with the system's reason
+// and leaves none of the directories made on the way; the next file of the
+// upload lands.
+TEST(StagingTest, ADirectoryThatCannotBeMadeRefusesItsFileAndLeavesNothing) {
+  TempDir dir;
+  FaultyFileSystem files;
+  files.fault = FaultyFileSystem::FAILED_MKDIR;
+  files.victim = "sub";
+  LocalSession local(dir, &files);
+  int64_t start = -1;
+  std::string refusal;
+  EXPECT_FALSE(local.session->openFile(FileInfo{1, "f", "/top/sub/f", 0644}, start, refusal));
+  EXPECT_EQ(refusal, "self: /top/sub/f: Unable to create directory /top/sub: " +
+                         System::errorText(EDQUOT));
+  EXPECT_FALSE(fs::exists(local.root + "/top"));
+  EXPECT_EQ(local.send("/top/", "other", "x"), "");
+  EXPECT_EQ(local.session->commit(), "");
+  EXPECT_EQ(TempDir::read(local.root + "/top/other"), "x");
   EXPECT_TRUE(filesUnder(local.root, true).empty());
 }
