@@ -1,16 +1,12 @@
 // The daemon's connection handler (Connection::run) over one peer's whole
-// byte stream (any messages in any order), written into a socket pair whose
-// other end the daemon serves; its replies are read and dropped. The process
-// has a network namespace of its own with no interface up, so every host a
-// begin names is unreachable at once; without one it exits 77 (skipped).
-// Only targets under /in are allowed.
-//
-// After each input: the daemon closed the connection within the bound and
-// left no descriptor open; root and state directory hold only regular files
-// and directories, everything under the root lies under /in (but for the
-// staged copy of /in itself, beside it), and the state directory holds only
-// journals. Once the table reaps the orphaned session, another client's
-// begin gets a session, and then no staged file and no journal is left.
+// byte stream, written into a socket pair; its replies are dropped. In a
+// network namespace of its own with no interface up, every host a begin
+// names is unreachable at once; without one it exits 77 (skipped). Only /in
+// is allowed. After each input the connection closed within the bound with
+// no descriptor left open; root and state hold only files and directories,
+// the root only /in and the staged copy of /in beside it, the state only
+// journals. Once the orphan is reaped another client's begin gets a session,
+// and then nothing staged and no journal is left.
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
@@ -66,8 +62,7 @@ struct Sandbox {
   fs::path base;
 } sandbox;
 
-class ProbeOwner : public SessionOwner {
- public:
+struct ProbeOwner : SessionOwner {
   void interrupt() override {}
 };
 
@@ -104,9 +99,9 @@ bool endsWith(const std::string& s, const std::string& end) {
   return s.size() > end.size() && s.compare(s.size() - end.size(), end.size(), end) == 0;
 }
 
+// A staged file, unless the peer named a target so.
 bool stagedLeftover(const std::string& name, const std::string& input) {
-  return endsWith(name, ".staged") && name[0] == '.' &&
-         input.find(name) == std::string::npos;  // not a target the peer named so
+  return endsWith(name, ".staged") && name[0] == '.' && input.find(name) == std::string::npos;
 }
 
 void checkTree(const std::string& input, bool sessionsGone) {

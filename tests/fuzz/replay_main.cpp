@@ -14,21 +14,14 @@ int main(int argc, char** argv) {
   namespace fs = std::filesystem;
   std::vector<fs::path> files;
   for (int i = 1; i < argc; ++i) {
-    if (fs::is_directory(argv[i])) {
-      for (const auto& entry : fs::directory_iterator(argv[i])) {
-        if (entry.is_regular_file()) files.push_back(entry.path());
-      }
-    } else if (fs::is_regular_file(argv[i])) {
-      files.push_back(argv[i]);
-    } else {
-      std::fprintf(stderr, "no such corpus: %s\n", argv[i]);
-      return 2;
+    if (!fs::exists(argv[i])) return std::fprintf(stderr, "no such corpus: %s\n", argv[i]), 2;
+    if (fs::is_regular_file(argv[i])) files.push_back(argv[i]);
+    std::error_code notFolder;
+    for (fs::directory_iterator it(argv[i], notFolder), end; !notFolder && it != end; ++it) {
+      if (it->is_regular_file()) files.push_back(it->path());
     }
   }
-  if (files.empty()) {
-    std::fprintf(stderr, "empty corpus\n");
-    return 2;
-  }
+  if (files.empty()) return std::fprintf(stderr, "empty corpus\n"), 2;
   std::sort(files.begin(), files.end());
   for (const fs::path& file : files) {
     std::ifstream in(file, std::ios::binary);
