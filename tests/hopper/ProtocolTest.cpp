@@ -81,27 +81,23 @@ TEST(ProtocolTest, RepliesStayWithinTheirBounds) {
 // What the daemon answers to an announcement is what the client reads, for
 // each kind of answer, on the wire as the client's scripted fakes expect it.
 TEST(ProtocolTest, AnnouncementRepliesReadAsWritten) {
-  const AnnouncementReply replies[] = {{RESUME_OK, 300000, ""},
-                                       {RESUME_NO_SESSION, 0, ""},
-                                       {RESUME_REFUSED, 0, "h1: /x: refused"}};
-  const std::string wire[] = {WireBytes().i32(RESUME_OK).i64(300000),
-                              WireBytes().i32(RESUME_NO_SESSION),
-                              WireBytes().i32(RESUME_REFUSED).str("h1: /x: refused")};
-  for (size_t i = 0; i < 3; ++i) {
-    int fds[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-    TCPStream out(std::make_unique<TCPSocket>(fds[0]));
-    Protocol::writeAnnouncementReply(out, replies[i]);
-    out.flush();
-    std::string bytes(wire[i].size(), '\0');
-    ASSERT_EQ(::read(fds[1], &bytes[0], bytes.size()), ssize_t(bytes.size())) << i;
-    EXPECT_EQ(bytes, wire[i]) << i;
-    Peer in(bytes);
+  const AnnouncementReply replies[] = {
+      {RESUME_OK, 300000, ""}, {RESUME_NO_SESSION, 0, ""}, {RESUME_REFUSED, 0, "h1: /x: refused"}};
+  auto ends = TCPSocket::pair();
+  TCPStream out(std::make_unique<TCPSocket>(ends.first.release()));
+  for (const AnnouncementReply& reply : replies) Protocol::writeAnnouncementReply(out, reply);
+  out.flush();
+  const std::string wire = WireBytes().i32(RESUME_OK).i64(300000).i32(RESUME_NO_SESSION)
+                               .i32(RESUME_REFUSED).str("h1: /x: refused");
+  std::string bytes(wire.size(), '\0');
+  ASSERT_EQ(::read(ends.second.get(), &bytes[0], bytes.size()), ssize_t(bytes.size()));
+  EXPECT_EQ(bytes, wire);
+  Peer in(bytes);
+  for (const AnnouncementReply& reply : replies) {
     const AnnouncementReply read = Protocol::readAnnouncementReply(*in.stream);
-    EXPECT_EQ(read.mStatus, replies[i].mStatus) << i;
-    EXPECT_EQ(read.mPosition, replies[i].mPosition) << i;
-    EXPECT_EQ(read.mText, replies[i].mText) << i;
-    ::close(fds[1]);
+    EXPECT_EQ(read.mStatus, reply.mStatus);
+    EXPECT_EQ(read.mPosition, reply.mPosition);
+    EXPECT_EQ(read.mText, reply.mText);
   }
 }
 

@@ -1,23 +1,15 @@
 #!/usr/bin/env python3
-"""Fake cluster manager for tests.
+"""Fake cluster manager for tests: an HTTPS (--plain: HTTP) server on a
+loopback address that answers the handshake and agent-list requests under
+/quarry/service/, checks the built-in basic-auth account and logs each request
+as "<monotonic seconds> <METHOD> <path?query> <user:password or ->".
 
-A small HTTPS (or, with --plain, HTTP) server on a loopback address that
-answers the handshake and agent-list requests under /quarry/service/, checks
-the built-in basic-auth account and records every request with a monotonic
-timestamp. Its certificate is self-signed, made at start with openssl.
-
-Arguments (--name=value): --address (127.x.y.z), --port-file (written with
-the port once serving), --log, --control, --plain (alone: serve HTTP), and
-the answers: --mode for every request, --agent-mode for agent-list requests
-only (default: --mode), --agents=host=address,host=address,... and --body.
-Modes: normal (Status Success; the agent list holds the --agents entries),
-500 and 401 (that HTTP status), body (the --body text as it stands, 200).
-
---control FILE: when the file exists it is read at every request, one
-argument per line (for example "--mode=500"), on top of the arguments given
-at start. The server exits after five minutes at the latest.
-
-Log lines:   <monotonic seconds> <METHOD> <path?query> <user:password or ->
+Arguments (--name=value): --address, --port-file (written once serving),
+--log, --control, --plain, and the answers: --mode (normal: Status Success and
+the --agents=host=address,... list; 500 or 401: that HTTP status; body: the
+--body text, 200), --agent-mode (agent-list requests only; default --mode).
+The --control file, when present, is read at every request, one argument per
+line, on top of those given at start. Exits after five minutes at the latest.
 """
 
 import base64

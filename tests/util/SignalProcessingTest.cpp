@@ -1,3 +1,5 @@
+// The signal dispatcher: delivery on its own thread, failing callbacks,
+// stopping, reconfiguring and the misuse it refuses.
 #include "util/SignalProcessing.h"
 
 #include <signal.h>
@@ -63,22 +65,6 @@ class SignalProcessingTest : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(SignalProcessingTest, SignalReachesCallbackOnDispatcherThread) {
-  mSp.configureRange({SIGTERM, SIGUSR2}, recorder());
-  mSp.processSignals();
-  ASSERT_EQ(SignalProcessing::running, mSp.state());
-  const ThreadId dispatcher = mSp.dispatcherThread();
-  ASSERT_TRUE(sendAndAwait(SIGTERM, 1));
-  ASSERT_TRUE(sendAndAwait(SIGUSR2, 2));
-  mSp.stop();
-  EXPECT_EQ(std::vector<int>({SIGTERM, SIGUSR2}), mSeen);
-  for (ThreadId t : mThreads) {
-    EXPECT_TRUE(pthread_equal(t, dispatcher));
-    EXPECT_FALSE(pthread_equal(t, Thread::currentId()));
-  }
-  EXPECT_EQ(2, mFollowUps);
-}
-
 TEST_F(SignalProcessingTest, ThrowingCallbackIsReportedAndDispatchGoesOn) {
   SignalProcessing::Callback record = recorder();
   SignalProcessing::Configuration config;
@@ -96,7 +82,7 @@ TEST_F(SignalProcessingTest, ThrowingCallbackIsReportedAndDispatchGoesOn) {
   EXPECT_NE(std::string::npos, err.find("Unrecognized exception in signal processor\n")) << err;
 }
 
-TEST_F(SignalProcessingTest, StopAndReconfigure) {
+TEST_F(SignalProcessingTest, DispatchStopAndReconfigure) {
   // Stopping before the dispatcher starts finishes at once; starting after
   // that does nothing.
   mSp.configureRange({SIGTERM}, recorder());
@@ -118,12 +104,21 @@ TEST_F(SignalProcessingTest, StopAndReconfigure) {
   mSp.stop();
   foreground.join();
 
-  // And once more in the background with another signal set.
-  mSp.configureRange({SIGTERM}, recorder());
+  // And in the background with another signal set: each signal reaches its
+  // callback on the dispatcher thread, and each follow-up action runs.
+  mSp.configureRange({SIGTERM, SIGUSR2}, recorder());
   mSp.processSignals();
-  EXPECT_TRUE(sendAndAwait(SIGTERM, 2));
+  ASSERT_EQ(SignalProcessing::running, mSp.state());
+  const ThreadId dispatcher = mSp.dispatcherThread();
+  ASSERT_TRUE(sendAndAwait(SIGTERM, 2));
+  ASSERT_TRUE(sendAndAwait(SIGUSR2, 3));
   mSp.stop();
-  EXPECT_EQ(std::vector<int>({SIGUSR2, SIGTERM}), mSeen);
+  EXPECT_EQ(std::vector<int>({SIGUSR2, SIGTERM, SIGUSR2}), mSeen);
+  for (size_t i = 1; i < mThreads.size(); ++i) {
+    EXPECT_TRUE(pthread_equal(mThreads[i], dispatcher));
+    EXPECT_FALSE(pthread_equal(mThreads[i], Thread::currentId()));
+  }
+  EXPECT_EQ(3, mFollowUps);
 }
 
 TEST(SignalProcessingDeathTest, ReservedSignalAndStateMisuseAssert) {
