@@ -1,13 +1,8 @@
 // GetOpt over the upload command's option table, the arguments being the
-// input split at NUL bytes; then the file-list reader over the input as a
-// list file.
-//
-// GetOpt: the scan ends; each option it returns consumes at least one
-// character, so it returns no more options than there are characters; an
-// option of the table that requires a value comes with one; afterwards the
-// arguments are a permutation of the originals and optind lies within them.
-// File list: every pair has a non-empty source and target without
-// surrounding blanks, and there are no more pairs than lines.
+// input split at NUL bytes: the scan ends, returns no more options than there
+// are characters, gives each required value, and leaves a permutation of the
+// arguments with optind inside them. Then the file-list reader over the
+// input: every pair is non-blank and trimmed, and no more pairs than lines.
 #include <unistd.h>
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// The wire protocol unit: bounds checked before any length or size is used,
+// reply texts kept within their limits, and replies read back as written.
 #include "hopper/Protocol.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,6 @@
+// The client's upload engine against scripted fake daemons over socket
+// pairs: the bytes it sends, how it handles each begin and file status, lost
+// and stalled heads, signals, the time limit and files changing underneath.
 #include "hopper/UploadManager.h"
 
 #include <gtest/gtest.h>

@@ -1,11 +1,8 @@
-// FakeDaemon: a scripted stand-in for hopperd in tests of the client. It
-// listens on a loopback address and a chosen or ephemeral port, serves each
-// connection on its own thread as its Script says, and records per
-// connection every byte received, the message codes and the file data. A
-// paired fake has no listener: a PairConnector reaches it over local socket
-// pairs under its address and port 2411. Reads
-// time out after 10 s; the destructor stops every thread. A file announced
-// on a connection without a begin gets status 2, as from a real daemon.
+// FakeDaemon: a scripted stand-in for hopperd in tests of the client, on a
+// loopback address (or, paired, reached through a PairConnector as
+// address:2411). Each connection is served on its own thread as its Script
+// says and recorded: every byte, the message codes, the file data. Reads time
+// out after 10 s. A file announced without a begin gets status 2.
 #ifndef HIVE_TESTS_SUPPORT_FAKEDAEMON_H_
 #define HIVE_TESTS_SUPPORT_FAKEDAEMON_H_
 
