@@ -24,7 +24,6 @@ class DaemonProcess {
   // As RunProcess's; no-ops when the daemon never started.
   void signal(int sig) { if (mProcess) mProcess->signal(sig); }
   int waitExit(int timeoutMs) { return mProcess ? mProcess->waitExit(timeoutMs) : -1; }
-  pid_t pid() const { return mProcess ? mProcess->pid() : -1; }
   // SIGCONT and SIGTERM, then SIGKILL after 10 s.
   void stop() { if (mProcess) mProcess->stop(10000); }
 

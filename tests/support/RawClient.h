@@ -9,27 +9,24 @@
 
 class RawClient {
  public:
-  // Connects from source (a 127.x.y.z address) to address:port. Check
-  // connected() before use.
+  // Connects from source (a 127.x.y.z address) to address:port; every later
+  // call fails when that did not work.
   RawClient(const std::string& source, const std::string& address, int port, int timeoutMs = 10000);
   ~RawClient();
   RawClient(const RawClient&) = delete;
   RawClient& operator=(const RawClient&) = delete;
 
-  bool connected() const { return mFd >= 0; }
   // Sends all bytes; false when the daemon has closed the connection.
   bool send(const std::string& bytes);
-  // The next int32, or -1 with failed() set when none arrived in time.
+  // The next int32, int64 (a position) or length-prefixed text; -1 or ""
+  // when none arrived in time.
   int readInt32();
-  // The next int64 (a position), or -1 with failed() set.
   long readInt64();
-  // The next length-prefixed text ("" with failed() set on failure).
   std::string readString();
   // The version handshake as a client sends it; true on "OK".
   bool handshake();
   // True when the daemon closes the connection within timeoutMs.
   bool closedWithin(int timeoutMs);
-  bool failed() const { return mFailed; }
   void close();
 
  private:

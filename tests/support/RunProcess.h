@@ -37,8 +37,6 @@ class RunProcess {
   RunProcess(const RunProcess&) = delete;
   RunProcess& operator=(const RunProcess&) = delete;
 
-  // The child's process id (-1 once reaped).
-  pid_t pid() const { return mPid; }
   // Sends sig to the child while it runs (safe from any thread).
   void signal(int sig);
   // Waits up to timeoutMs for the child to end, without killing it. Its exit

@@ -1,3 +1,5 @@
+// TCPSocket on loopback: connecting, talking, time-outs, stalls, cancel
+// flags and deadlines, sendfile, and the ownership of its descriptor.
 #include "util/TCPSocket.h"
 
 #include <fcntl.h>
@@ -15,45 +17,15 @@
 #include "util/StringUtilities.h"
 #include "util/System.h"
 
-TEST(TCPSocketTest, ListenAcceptConnectAndTalk) {
-  TCPSocket listener;
-  listener.listen("127.0.0.3", 0);
-  EXPECT_EQ(listener.accept(20), nullptr);  // nobody is connecting yet
-  TCPSocket client;
-  client.connect("127.0.0.3", listener.getListenerPort(), 2000);
-  std::unique_ptr<TCPSocket> server = listener.accept(2000);
-  ASSERT_TRUE(server);
-  EXPECT_EQ(server->getRemoteHost(), "127.0.0.1");
-  EXPECT_EQ(server->getRemotePort(), client.getListenerPort());
-  EXPECT_EQ(client.getRemoteHost(), "127.0.0.3");
-  EXPECT_TRUE(server->setKeepAlive(true));
-  char buffer[8] = {0};
-  EXPECT_EQ(client.write("hello", 5), 5);
-  EXPECT_EQ(server->read(buffer, sizeof buffer), 5);
-  EXPECT_STREQ(buffer, "hello");
-  EXPECT_EQ(server->getReadBytes(), 5);
-  EXPECT_EQ(thrownMessage<TCPSocket::exception>([&] { client.connect("127.0.0.3", 1, 2000); }),
-            "socket already open");
-
-  client.setReadTimeout(50);
-  EXPECT_EQ(client.read(buffer, 1), -1);
-  EXPECT_EQ(client.getLastError(), ETIMEDOUT);
-  EXPECT_TRUE(client.isGood());
-  server->close();
-  EXPECT_FALSE(client.isGood());
-  EXPECT_TRUE(client.isConnected());
-  EXPECT_EQ(client.read(buffer, 1), 0);
-}
-
 namespace {
 
 // A connected loopback pair: client and the server end accepted for it.
 struct SocketPair {
   TCPSocket listener, client;
   std::unique_ptr<TCPSocket> server;
-  SocketPair() {
-    listener.listen("127.0.0.1", 0);
-    client.connect("127.0.0.1", listener.getListenerPort(), 2000);
+  explicit SocketPair(const std::string& address = "127.0.0.1") {
+    listener.listen(address, 0);
+    client.connect(address, listener.getListenerPort(), 2000);
     server = listener.accept(2000);
   }
 };
@@ -94,6 +66,35 @@ int openDescriptors() {
 }
 
 }  // namespace
+
+TEST(TCPSocketTest, ListenAcceptConnectAndTalk) {
+  SocketPair p("127.0.0.3");
+  TCPSocket& client = p.client;
+  std::unique_ptr<TCPSocket>& server = p.server;
+  ASSERT_TRUE(server);
+  EXPECT_EQ(p.listener.accept(20), nullptr);  // nobody else is connecting
+  EXPECT_EQ(server->getRemoteHost(), "127.0.0.1");
+  EXPECT_EQ(server->getRemotePort(), client.getListenerPort());
+  EXPECT_EQ(client.getRemoteHost(), "127.0.0.3");
+  EXPECT_TRUE(server->setKeepAlive(true));
+  char buffer[8] = {0};
+  EXPECT_EQ(client.write("hello", 5), 5);
+  EXPECT_EQ(server->read(buffer, sizeof buffer), 5);
+  EXPECT_STREQ(buffer, "hello");
+  EXPECT_EQ(server->getReadBytes(), 5);
+  EXPECT_EQ(thrownMessage<TCPSocket::exception>([&] { client.connect("127.0.0.3", 1, 2000); }),
+            "socket already open");
+
+  client.setReadTimeout(50);
+  EXPECT_EQ(client.read(buffer, 1), -1);
+  EXPECT_EQ(client.getLastError(), ETIMEDOUT);
+  EXPECT_TRUE(client.isGood());
+  server->close();
+  EXPECT_FALSE(client.isGood());
+  EXPECT_TRUE(client.isConnected());
+  EXPECT_EQ(client.read(buffer, 1), 0);
+}
+
 
 TEST(TCPSocketTest, WriteTimeoutCountsOnlyTimeWithoutProgress) {
   SocketPair stalled;
@@ -243,16 +244,13 @@ TEST(TCPSocketTest, SendFileContinuesShortTransfersUntilItsDeadline) {
 TEST(TCPSocketTest, DescriptorOwnership) {
   const int before = openDescriptors();
   {
-    TCPSocket listener;
-    listener.listen("127.0.0.1", 0);
-    TCPSocket taken, refused;
-    EXPECT_THROW(taken.listen("127.0.0.1", listener.getListenerPort()), TCPSocket::exception);
+    SocketPair p;
+    TCPSocket &client = p.client, taken, refused;
+    std::unique_ptr<TCPSocket>& server = p.server;
+    EXPECT_THROW(taken.listen("127.0.0.1", p.listener.getListenerPort()), TCPSocket::exception);
     EXPECT_FALSE(taken.isConnected());
     EXPECT_THROW(refused.connect("127.0.0.1", FakeDaemon::unusedPort(), 2000),
                  TCPSocket::exception);
-    TCPSocket client;
-    client.connect("127.0.0.1", listener.getListenerPort(), 2000);
-    std::unique_ptr<TCPSocket> server = listener.accept(2000);
     ASSERT_TRUE(server);
     std::unique_ptr<TCPSocket> copy = server->duplicate();
     ASSERT_TRUE(copy);
