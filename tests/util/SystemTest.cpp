@@ -1,3 +1,6 @@
+// System services: directories, attributes, retries, descriptors and the
+// no-follow calls relative to an open directory, shell commands, output
+// files and sleeps through signals.
 #include "util/System.h"
 
 #include <fcntl.h>
@@ -15,9 +18,13 @@
 
 #include "support/TempDir.h"
 
-TEST(SystemTest, ReadDirectoryListsEverythingIncludingDots) {
+class SystemTest : public ::testing::Test {
+ protected:
   TempDir dir;
-  const auto listing = [&dir] {
+};
+
+TEST_F(SystemTest, ReadDirectoryListsEverythingIncludingDots) {
+  const auto listing = [this] {
     std::vector<std::string> names;
     EXPECT_TRUE(System::readDirectory(dir.path(), names));
     std::sort(names.begin(), names.end());
@@ -34,8 +41,7 @@ TEST(SystemTest, ReadDirectoryListsEverythingIncludingDots) {
   EXPECT_EQ(expected, listing());
 }
 
-TEST(SystemTest, ExistenceAttributesAndRemoval) {
-  TempDir dir;
+TEST_F(SystemTest, ExistenceAttributesAndRemoval) {
   const std::string file = dir.file("f"), link = dir.file("dangling");
   TempDir::write(file, "12345");
   ASSERT_EQ(0, symlink(dir.file("nowhere").c_str(), link.c_str()));
@@ -58,7 +64,7 @@ TEST(SystemTest, ExistenceAttributesAndRemoval) {
   EXPECT_EQ(System::OS_INVALID, System::makeOSID("linux2"));
 }
 
-TEST(SystemTest, RetriesReportTheFirstErrorNumber) {
+TEST_F(SystemTest, RetriesReportTheFirstErrorNumber) {
   int calls = 0;
   const int errors[] = {EACCES, EBUSY, ENOENT};
   EXPECT_FALSE(System::retryOperation([&] { errno = errors[calls++ % 3]; return false; }, 3, 1));
@@ -68,7 +74,6 @@ TEST(SystemTest, RetriesReportTheFirstErrorNumber) {
   EXPECT_TRUE(System::retryOperation([&] { return ++calls == 2; }, 5, 1));
   EXPECT_EQ(2, calls);
 
-  TempDir dir;
   const std::string from = dir.file("from");
   TempDir::write(from, "data");
   errno = 0;
@@ -82,8 +87,7 @@ TEST(SystemTest, RetriesReportTheFirstErrorNumber) {
   EXPECT_EQ("data", TempDir::read(dir.file("to")));
 }
 
-TEST(SystemTest, DescriptorServices) {
-  TempDir dir;
+TEST_F(SystemTest, DescriptorServices) {
   const std::string path = dir.file("out");
   {
     System::FileDescriptor fd = System::openForWrite(path, 0600, O_TRUNC);
@@ -116,8 +120,8 @@ TEST(SystemTest, DescriptorServices) {
   EXPECT_TRUE(System::fileExists(path)) << "only the link is removed";
 }
 
-TEST(SystemTest, NamesInsideAnOpenDirectoryNeverFollowALink) {
-  TempDir dir, elsewhere;
+TEST_F(SystemTest, NamesInsideAnOpenDirectoryNeverFollowALink) {
+  TempDir elsewhere;
   TempDir::write(dir.file("file"), "12345");
   TempDir::write(elsewhere.file("precious"), "keep");
   ASSERT_EQ(0, symlink(elsewhere.path().c_str(), dir.file("dirlink").c_str()));
@@ -152,8 +156,7 @@ TEST(SystemTest, NamesInsideAnOpenDirectoryNeverFollowALink) {
   EXPECT_TRUE(attrs.isSymlink());
 }
 
-TEST(SystemTest, ShellCommandsStreamsAndSignals) {
-  TempDir dir;
+TEST_F(SystemTest, ShellCommandsStreamsAndSignals) {
   EXPECT_EQ(0, System::runShellCommand("true"));
   EXPECT_EQ(3, System::runShellCommand("exit 3"));
   EXPECT_EQ(128 + SIGTERM, System::runShellCommand("kill -TERM $$"));
@@ -183,8 +186,7 @@ TEST(SystemTest, ShellCommandsStreamsAndSignals) {
 // The stream writes through its own descriptor: truncating or appending,
 // with the position counting what is still buffered, and every byte out by
 // close or destruction.
-TEST(SystemTest, OutputFileModesPositionAndClose) {
-  TempDir dir;
+TEST_F(SystemTest, OutputFileModesPositionAndClose) {
   const std::string path = dir.file("f");
   const std::string bulk = TempDir::pattern(20000);  // more than the buffer
   TempDir::write(path, "old content");
@@ -215,7 +217,7 @@ TEST(SystemTest, OutputFileModesPositionAndClose) {
 }
 
 // Signals whose handler interrupts system calls do not cut the wait short.
-TEST(SystemTest, SleepLastsThroughInterruptingSignals) {
+TEST_F(SystemTest, SleepLastsThroughInterruptingSignals) {
   std::atomic<bool> ready{false}, done{false};
   std::chrono::steady_clock::duration slept{};
   std::thread sleeper([&] {
