@@ -9,26 +9,19 @@
 #include "hopper/hopperMisc.h"
 #include "support/FakeDaemon.h"
 
-namespace {
-
-bool fill(sockaddr_in& addr, const std::string& address, int port) {
-  addr = sockaddr_in{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(uint16_t(port));
-  return inet_pton(AF_INET, address.c_str(), &addr.sin_addr) == 1;
-}
-
-}  // namespace
-
 RawClient::RawClient(const std::string& source, const std::string& address, int port,
                      int timeoutMs)
     : mTimeoutMs(timeoutMs) {
-  sockaddr_in from, to;
-  if (!fill(from, source, 0) || !fill(to, address, port)) return;
+  sockaddr_in from{}, to{};
+  from.sin_family = to.sin_family = AF_INET;
+  to.sin_port = htons(uint16_t(port));
+  if (inet_pton(AF_INET, source.c_str(), &from.sin_addr) != 1 ||
+      inet_pton(AF_INET, address.c_str(), &to.sin_addr) != 1) {
+    return;
+  }
   mFd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (mFd < 0) return;
-  if (::bind(mFd, reinterpret_cast<sockaddr*>(&from), sizeof from) != 0 ||
-      ::connect(mFd, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0) {
+  if (mFd >= 0 && (::bind(mFd, reinterpret_cast<sockaddr*>(&from), sizeof from) != 0 ||
+                   ::connect(mFd, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0)) {
     close();
   }
 }
@@ -69,8 +62,7 @@ int RawClient::readInt32() {
 }
 
 long RawClient::readInt64() {
-  const long high = readInt32();
-  const long low = readInt32();
+  const long high = readInt32(), low = readInt32();
   return mFailed ? -1 : long(uint64_t(high) << 32 | uint32_t(low));
 }
 
