@@ -78,7 +78,7 @@ class Downstream {
   // file. It may wait in the link's buffer.
   void passCheck(const FileCheck& check);
   // Sends what waits in the link's buffer. Small files and checks collect
-  // there (up to kLinkBuffer bytes) until the caller is about to wait for
+  // there (up to 64 KiB) until the caller is about to wait for
   // more input, so that files arriving together leave in one send.
   void flush();
   // True when bytes wait in the link's buffer.
