@@ -111,7 +111,7 @@ void UploadManager::beginUpload() {
     try {
       status = sendBeginUploadMsg(*mPOutStream, mNodeIPSet, mStopAgents, bad, busy, text,
                                   reconnect);
-    } catch (const std::ios_base::failure&) {
+    } catch (const LinkLost&) {
       if (timeLimitPassed()) {
         mWire = Wire::Broken;
         return;
@@ -149,7 +149,7 @@ bool UploadManager::uploadFile(const std::string& localPath, const std::string& 
   for (;;) {
     try {
       return sendFile(file.get(), localPath, remotePath, size, mode, sent, dotBytes);
-    } catch (const std::ios_base::failure&) {  // the link to the head is lost
+    } catch (const LinkLost&) {  // the link to the head is lost
       if (aborted() || timeLimitPassed()) {
         mWire = Wire::Broken;
         return false;
@@ -331,7 +331,7 @@ bool UploadManager::commit() {
         mStderr << "Errors while committing uploaded file(s):" << std::endl << reply << std::endl;
       }
       return true;
-    } catch (const std::ios_base::failure&) {
+    } catch (const LinkLost&) {
       if (timeLimitPassed()) {
         mWire = Wire::Broken;
         return false;
@@ -376,7 +376,7 @@ void UploadManager::finishAborted() {
       mPOutStream->flush();
       Protocol::readAbortReply(*mPOutStream);
     }
-  } catch (const std::ios_base::failure&) {
+  } catch (const LinkLost&) {
     // The connection is being dropped anyway.
   }
   mPOutStream.reset();

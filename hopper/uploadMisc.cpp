@@ -102,7 +102,7 @@ AnnouncementReply sendResumeUploadMsg(TCPStream& stream, const NodeSet& nodes, b
     bool reconnect = false;
     sendBeginUploadMsg(stream, copy, stopAgents, bad, busy, ignored, reconnect);
     if (reconnect || restarts >= kMaxSessionRestarts) {
-      throw std::ios_base::failure("the head holds no session after a begin");
+      throw LinkLost("the head holds no session after a begin");
     }
   }
 }

@@ -4,8 +4,7 @@
 //
 // Host identifiers are "address" or "address:port" (default port 2411). The
 // node set is ordered; its first element is always the head. Every function
-// lets the stream's failure exception (std::ios_base::failure), which means
-// a lost link, propagate.
+// lets LinkLost, the stream's exception for a lost link, propagate.
 #ifndef HIVE_HOPPER_UPLOADMISC_H_
 #define HIVE_HOPPER_UPLOADMISC_H_
 

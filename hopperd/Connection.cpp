@@ -104,7 +104,7 @@ void Connection::run() {
     }
   } catch (const Wire::LimitError& e) {
     HC_LOG_INFO("Protocol error from " << mPeer << ": " << e.what() << "; connection closed");
-  } catch (const std::ios_base::failure&) {
+  } catch (const LinkLost&) {
     HC_LOG_DEBUG("Connection from " << mPeer << " closed");
   } catch (const std::runtime_error& e) {  // e.g. no thread for a relay link's replies
     HC_LOG_INFO("Connection from " << mPeer << " ended: " << e.what());
@@ -305,7 +305,7 @@ void Connection::readBlock(char* buffer, size_t n) {
   for (size_t have = 0; have < n;) {
     have += readSome(buffer + have, n - have);
     if (have < n && (mSocket->getReadTicks() - waitedBefore).nanos() / 1000000 > mIoTimeoutMs) {
-      throw std::ios_base::failure("file data slower than one block per time-out");
+      throw LinkLost("file data slower than one block per time-out");
     }
   }
 }
@@ -323,7 +323,7 @@ void Connection::receiveData(int64_t count) {
       sinceBlock = 0;
       waitedBefore = mSocket->getReadTicks();
     } else if ((mSocket->getReadTicks() - waitedBefore).nanos() / 1000000 > mIoTimeoutMs) {
-      throw std::ios_base::failure("file data slower than one block per time-out");
+      throw LinkLost("file data slower than one block per time-out");
     }
     if (mSession) mSession->fileData(mBuffer.data(), got);
     count -= static_cast<int64_t>(got);
@@ -340,7 +340,7 @@ size_t Connection::readSome(char* buffer, size_t max) {
   // Straight from the socket into the one buffer: what has arrived goes on
   // at once instead of waiting for a full block.
   const int got = mSocket->read(buffer, static_cast<int>(max));
-  if (got <= 0) throw std::ios_base::failure("connection lost during file data");
+  if (got <= 0) throw LinkLost("connection lost during file data");
   return static_cast<size_t>(got);
 }
 

@@ -19,12 +19,6 @@ const int kCommitStalls = 20;
 
 }  // namespace
 
-// The link broke (write failure, or the reader found it broken).
-class Downstream::LinkLost : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
-
 Downstream::Downstream(RelayIdentity identity, std::string self, int ioTimeoutMs,
                        Connector* connector)
     : mIdentity(std::move(identity)),
@@ -203,7 +197,7 @@ void Downstream::readReplies(TCPStream& replies) {
       }
       mChanged.broadcast();
     }
-  } catch (const std::ios_base::failure& e) {
+  } catch (const LinkLost& e) {
     HC_LOG_DEBUG("Replies of " << mHost << " ended: " << e.what());
   } catch (const Wire::LimitError& e) {
     HC_LOG_INFO("Protocol error from " << mHost << ": " << e.what());
@@ -278,7 +272,6 @@ bool Downstream::onLink(const Step& step) {
       step();
       return true;
     } catch (const LinkLost&) {
-    } catch (const std::ios_base::failure&) {
     }
     if (!reroute()) return false;
   }

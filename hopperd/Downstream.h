@@ -110,7 +110,6 @@ class Downstream {
     bool mChecked = false;     // mCheck holds the file's checksum
     FileCheck mCheck;
   };
-  class LinkLost;
 
   Outcome tryLink(size_t index, BeginResult& result);
   bool search(size_t from, BeginResult& result,

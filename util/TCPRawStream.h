@@ -1,8 +1,8 @@
 // TCPRawStream: a bidirectional standard stream over one TCP socket, which it
 // owns together with the stream buffer (TCPStreamBuf) between them.
 //
-// Failures show as stream states (end of file on a lost connection); the
-// derived TCPStream turns them into exceptions. Closing and connecting again
+// Failures show as stream states (badbit on a lost connection); the derived
+// TCPStream raises them as LinkLost. Closing and connecting again
 // on the same object resets the buffers and the stream state, so one object
 // can be reused for a fresh connection.
 #ifndef HIVE_UTIL_TCPRAWSTREAM_H_

@@ -84,8 +84,10 @@ bool TCPStreamBuf::flushOutput() {
   return written == total;
 }
 
+void TCPStreamBuf::lost(const char* what) { throw LinkLost(what); }
+
 TCPStreamBuf::int_type TCPStreamBuf::overflow(int_type c) {
-  if (!flushOutput()) return traits_type::eof();
+  if (!flushOutput()) lost("send failed");
   if (!traits_type::eq_int_type(c, traits_type::eof())) {
     *pptr() = traits_type::to_char_type(c);
     pbump(1);
@@ -93,7 +95,10 @@ TCPStreamBuf::int_type TCPStreamBuf::overflow(int_type c) {
   return traits_type::not_eof(c);
 }
 
-int TCPStreamBuf::sync() { return flushOutput() ? 0 : -1; }
+int TCPStreamBuf::sync() {
+  if (!flushOutput()) lost("send failed");
+  return 0;
+}
 
 std::streamsize TCPStreamBuf::xsputn(const char* s, std::streamsize n) {
   const bool bulk = !mUseCRC && n >= kOutBufSize;
@@ -112,15 +117,14 @@ std::streamsize TCPStreamBuf::xsputn(const char* s, std::streamsize n) {
     const int chunk = static_cast<int>(std::min<std::streamsize>(n, 1 << 30));
     const int written = mSocket->write(pbase(), queued, s, chunk);
     pbump(-queued);
-    if (written < queued) return 0;
-    done = written - queued;
-    if (done != chunk) return done;
+    if (written != queued + chunk) lost("send failed");
+    done = chunk;
   }
   while (done < n) {
     const int chunk = static_cast<int>(std::min<std::streamsize>(n - done, 1 << 30));
     const int written = mSocket->write(s + done, chunk);
-    done += std::max(written, 0);
-    if (written != chunk) break;
+    if (written != chunk) lost("send failed");
+    done += written;
   }
   return done;
 }
@@ -171,7 +175,7 @@ TCPStreamBuf::int_type TCPStreamBuf::underflow() {
   keepPutBack(gptr(), gptr() - eback());
   char* data = mBufferIn.data() + mPutBackSize;
   const int n = fillInput(data, mBufSize);
-  if (n <= 0) return traits_type::eof();
+  if (n <= 0) lost(n == 0 ? "connection closed by the peer" : "connection lost or timed out");
   setg(eback(), data, data + n);
   return traits_type::to_int_type(*gptr());
 }
@@ -187,11 +191,11 @@ std::streamsize TCPStreamBuf::xsgetn(char* s, std::streamsize n) {
   while (n - done >= mBufSize) {
     const int chunk = static_cast<int>(std::min<std::streamsize>(n - done, 1 << 30));
     const int got = mSocket->read(s + done, chunk);
-    if (got <= 0) break;
+    if (got <= 0) lost(got == 0 ? "connection closed by the peer" : "connection lost or timed out");
     done += got;
   }
   keepPutBack(s + done, done);
-  if (done < n && n - done < mBufSize) done += std::streambuf::xsgetn(s + done, n - done);
+  if (done < n) done += std::streambuf::xsgetn(s + done, n - done);
   return done;
 }
 
@@ -214,10 +218,12 @@ TCPStream::FileSend TCPStream::sendFile(int fd, int64_t offset, int64_t count, i
   if (s.sendFile(fd, offset, count, blockSize, afterBlock)) return FileSend::kDone;
   if (s.getLastError() == EOPNOTSUPP) return FileSend::kUnavailable;
   if (s.getLastError() == ENODATA) return FileSend::kFileEnded;
-  setstate(std::ios::badbit);
-  return FileSend::kDone;  // only when the failure exception was switched off
+  throw LinkLost("send failed");
 }
 
+// The stream buffer throws LinkLost; with badbit in the mask the stream
+// passes it on as it stands. A stream used again after its link was lost
+// raises the standard failure, which no caller takes for a lost link.
 void TCPStream::setExceptionMask() {
   exceptions(std::ios::badbit | std::ios::failbit | std::ios::eofbit);
 }

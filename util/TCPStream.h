@@ -1,7 +1,8 @@
 // TCPStreamBuf: the stream buffer between a standard stream and a TCPSocket.
 // TCPStream: the socket stream whose every failure (lost connection, short
-// write, end of file) raises std::ios_base::failure at once, so protocol code
-// reads and writes items without testing states.
+// write, end of file, time-out) raises LinkLost at once, so protocol code
+// reads and writes items without testing states, and callers tell a lost
+// link from every other error by its type.
 //
 // Input keeps up to 2920 bytes already read as put-back area and reads at
 // most 2920 new bytes per refill. Output is collected in a buffer and sent
@@ -17,12 +18,20 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <streambuf>
 #include <string>
 #include <vector>
 
 #include "util/TCPRawStream.h"
 #include "util/TCPSocket.h"
+
+// The connection is gone: closed or reset by the peer, timed out, or a send
+// failed. The only exception a TCPStream raises for its link.
+class LinkLost : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
 
 class TCPStreamBuf : public std::streambuf {
  public:
@@ -70,6 +79,9 @@ class TCPStreamBuf : public std::streambuf {
   int fillInput(char* dest, int maxLength);
   bool readBlockHeader();
   void keepPutBack(const char* end, std::streamsize count);
+  // The link failed. A stream whose exception mask holds badbit passes the
+  // LinkLost on; one without it takes it for badbit (TCPRawStream).
+  [[noreturn]] static void lost(const char* what);
 
   TCPSocket* mSocket;
   int mPutBackSize;
@@ -100,8 +112,7 @@ class TCPStream : public TCPRawStream {
   // Sends count bytes of the file fd from offset after the output queued so
   // far, straight from the file (see TCPSocket::sendFile for the blocks,
   // afterBlock and the limits). Checksummed mode needs the bytes here to sum
-  // them, so there it is kUnavailable. A failed send sets badbit, which
-  // raises failure as a failed write does.
+  // them, so there it is kUnavailable. A failed send throws LinkLost.
   FileSend sendFile(int fd, int64_t offset, int64_t count, int blockSize,
                     const TCPSocket::BlockSent& afterBlock);
 

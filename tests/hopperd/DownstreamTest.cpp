@@ -246,7 +246,7 @@ class EarlyCommitReplyHost : public Connector {
       mReplyTaken.set_value();
       EXPECT_EQ(Protocol::readCode(link), C2H_COMMIT_UPLOAD);
       Protocol::readCode(link);  // until the link closes
-    } catch (const std::ios_base::failure&) {
+    } catch (const LinkLost&) {
     }
   }
 

@@ -64,7 +64,7 @@ TEST(TCPStreamTest, BulkAndSmallWritesKeepOrderAndLossRaises) {
   writer.join();
 
   p.client->close();
-  EXPECT_THROW(p.server->get(), std::ios_base::failure);
+  EXPECT_THROW(p.server->get(), LinkLost);
 }
 
 TEST(TCPStreamTest, ChecksummedBlocks) {
@@ -96,7 +96,7 @@ TEST(TCPStreamTest, TimedOutReadRaisesAndSettingsSurviveReconnect) {
   stream.socket().setStallHandler([&] { return ++stalls < 0; });
   for (int round = 1; round <= 2; ++round) {  // connect() reuses the socket object
     stream.connect("127.0.0.1", listener.getListenerPort(), 2000);
-    EXPECT_THROW(stream.get(), std::ios_base::failure);
+    EXPECT_THROW(stream.get(), LinkLost);
     EXPECT_EQ(stream.socket().getLastError(), ETIMEDOUT);
     EXPECT_EQ(stalls, round);
   }
@@ -126,7 +126,7 @@ TEST(TCPStreamTest, SendFileAfterQueuedItems) {
   EXPECT_EQ(send(file.get(), 0, 9), TCPStream::FileSend::kUnavailable);
   p.client->setCRCMode(nullptr);
   p.client->socket().shutdown();
-  EXPECT_THROW(send(file.get(), 0, 9), std::ios_base::failure);
+  EXPECT_THROW(send(file.get(), 0, 9), LinkLost);
   sigset_t pending, mask;
   ASSERT_EQ(sigpending(&pending), 0);
   ASSERT_EQ(pthread_sigmask(SIG_BLOCK, nullptr, &mask), 0);
