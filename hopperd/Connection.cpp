@@ -6,6 +6,7 @@
 
 #include "util/CRC.h"
 #include "util/Logger.h"
+#include "util/System.h"
 
 namespace {
 
@@ -50,8 +51,11 @@ bool Connection::waitForMessage() {
       if (!holdSession(work)) return false;
       queued = mSession->downstreamQueued();
     }
-    if (queued && mSocket->isReadable(kGatherMs)) return true;
     if (queued) {
+      // A sleep, not a wait on the socket: an upstream that sends a file at
+      // a time (the head) then wakes this host once per pause, not per file.
+      System::sleep(kGatherMs);
+      if (mSocket->isReadable(0)) return true;
       std::optional<Mutex::Lock> work;
       if (!holdSession(work)) return false;
       mSession->flushDownstream();
