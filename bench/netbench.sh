@@ -22,7 +22,8 @@
 #
 # Before that, without namespaces: the tree to one local daemon on 127.0.0.2
 # whose root is on a disk-backed file system, against the same with its root
-# on a tmpfs.
+# on a tmpfs; then, as the floor each file system sets, the tree copied by
+# cp -r and made durable on each.
 #
 # Needs root for namespaces and mounts; without it (or when `ip netns add`
 # fails) the network part is skipped with one line.
@@ -95,7 +96,7 @@ trap 'exit 130' INT TERM
 # --- arithmetic and checks ---------------------------------------------------
 
 sub() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", b - a }'; }
-ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / (b > 0.01 ? b : 0.01) }'; }
 wire_seconds() { awk -v s="$1" -v b="$mbit" 'BEGIN { printf "%.2f", s / 1448 * 1514 * 8 / (b * 1e6) }'; }
 fs_type() { stat -f -c %T "$1"; }
 is_count() { [[ $1 =~ ^[0-9]+$ ]] && [ "$1" -ge 1 ] && [ "$1" -le 200 ]; }
@@ -151,6 +152,7 @@ local_tree() {
     fi
     sleep 0.1
   done
+  sync  # nothing left to write back from what ran before
   local t0=$EPOCHREALTIME
   timeout 300 "$hivecopy" --timeout=240 --hosts="127.0.0.2:$local_port" "$src/tree" /bench >"$out" 2>&1 ||
     { cat "$out" >&2; fail "hivecopy to the local daemon in $dir"; }
@@ -158,6 +160,17 @@ local_tree() {
   same "$src/tree" "$dir/root/bench/tree" || fail "the local daemon's copy in $dir differs from the source"
   kill -TERM "$pid"; wait "$pid" || true
   rm -rf "$dir/root/bench"
+}
+
+# cp_tree DIR: the tree copied into DIR by cp -r and made durable (syncfs),
+# in the same state of the file system: what creating its 10,000 files costs
+# there without any daemon.
+cp_tree() {
+  sync
+  local t0=$EPOCHREALTIME
+  cp -r "$src/tree" "$1/cp" && sync -f "$1/cp" || fail "cp -r into $1"
+  elapsed=$(sub "$t0" "$EPOCHREALTIME")
+  rm -rf "$1/cp"
 }
 
 disk_dir() {  # a fresh directory on a disk-backed file system, or nothing
@@ -174,14 +187,19 @@ disk_dir() {  # a fresh directory on a disk-backed file system, or nothing
 }
 
 local_case() {  # local_case MEMDIR
-  local disk mem=$1/local disk_s mem_s
+  local disk mem=$1/local disk_s mem_s cp_disk cp_mem
   disk=$(disk_dir)
   [ -n "$disk" ] || { echo "local: no disk-backed directory found; skipped"; return; }
   scratch+=("$disk")
+  mkdir -p "$mem"
   local_tree "$disk"; disk_s=$elapsed
   local_tree "$mem"; mem_s=$elapsed
+  cp_tree "$disk"; cp_disk=$elapsed
+  cp_tree "$mem"; cp_mem=$elapsed
   echo "local: 10,000 x 4 KiB to one daemon on 127.0.0.2: root on disk ($(fs_type "$disk"), $disk) ${disk_s}s," \
        "root on tmpfs ${mem_s}s; disk/tmpfs $(ratio "$disk_s" "$mem_s")"
+  echo "local: the same tree by cp -r and syncfs: disk ${cp_disk}s, tmpfs ${cp_mem}s; disk/tmpfs" \
+       "$(ratio "$cp_disk" "$cp_mem"); hivecopy/cp on disk $(ratio "$disk_s" "$cp_disk")"
   rm -rf "$disk" "$mem"
 }
 
