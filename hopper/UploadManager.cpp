@@ -63,7 +63,8 @@ UploadManager::~UploadManager() = default;
 
 void UploadManager::validatePaths(const FilePairs& pairs) const {
   for (const auto& pair : pairs) {
-    if (!System::fileExists(pair.first, DONT_FOLLOW_SYMLINK)) {
+    FileAttributes attributes;
+    if (!mFS->stat(pair.first, attributes, DONT_FOLLOW_SYMLINK)) {
       throw std::runtime_error("Source file/dir \"" + pair.first + "\" doesn't exist!");
     }
     checkAbsolutePath(pair.second);
@@ -134,11 +135,11 @@ void UploadManager::beginUpload() {
 bool UploadManager::uploadFile(const std::string& localPath, const std::string& remotePath,
                                long size, int mode) {
   FileAttributes attributes;
-  if (!attributes.stat(localPath, FOLLOW_SYMLINK) || !attributes.isRegularFile()) {
+  if (!mFS->stat(localPath, attributes, FOLLOW_SYMLINK) || !attributes.isRegularFile()) {
     mStdout << "WARNING: " << localPath << " is not a regular file, skipping..." << std::endl;
     return false;
   }
-  const System::FileDescriptor file = System::openForRead(localPath);
+  const System::FileDescriptor file = mFS->openForRead(localPath);
   if (!file) throw std::runtime_error("Error opening file: " + localPath);
   if (!mPOutStream) beginUpload();
   if (!mPOutStream || aborted()) return false;  // aborted while choosing a head
@@ -196,7 +197,7 @@ void UploadManager::resumeFrom(int file, const std::string& localPath, long posi
   if (position >= 0 && position < sent) {
     // The new head lost bytes that went to the old one: they go again, and
     // the data carries on from sent.
-    if (!catchupStream(position, sent, file, *mPOutStream)) {
+    if (!catchupStream(position, sent, file, *mFS, *mPOutStream)) {
       throw std::runtime_error("Error reading file: " + localPath);
     }
   } else if (position > sent) {
@@ -234,7 +235,7 @@ bool UploadManager::sendData(int file, const std::string& localPath, long size, 
   while (sent < size) {
     if (aborted()) return false;
     const long length = std::min<long>(kBlockSize, size - sent);
-    if (System::preadFull(file, mBlock.data(), static_cast<size_t>(length), sent) != length) {
+    if (mFS->preadFull(file, mBlock.data(), static_cast<size_t>(length), sent) != length) {
       throw std::runtime_error("Error reading file: " + localPath);
     }
     mPOutStream->write(mBlock.data(), length);
@@ -246,7 +247,7 @@ bool UploadManager::sendData(int file, const std::string& localPath, long size, 
 bool UploadManager::uploadEntry(const std::string& localPath, const std::string& fileTarget,
                                 const std::string& directoryTarget) {
   FileAttributes attributes;
-  if (!attributes.stat(localPath, DONT_FOLLOW_SYMLINK)) {
+  if (!mFS->stat(localPath, attributes, DONT_FOLLOW_SYMLINK)) {
     mStderr << "Error while reading " << localPath << ": " << System::getErrorMessageStr()
             << std::endl;
     return false;
@@ -273,7 +274,7 @@ bool UploadManager::uploadDirectory(const std::string& localDir, const std::stri
   if (!mPOutStream || aborted()) return false;
   const std::string target = targetDirectory(localDir, remoteDir);
   std::vector<std::string> names;
-  if (!System::readDirectory(localDir, names)) {
+  if (!mFS->readDirectory(localDir, names)) {
     mStderr << "Error while reading directory " << localDir << ": "
             << System::getErrorMessageStr() << std::endl;
     return false;

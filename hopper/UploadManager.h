@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "hopper/MoveManager.h"
+#include "util/FileSystem.h"
 #include "util/TCPStream.h"
 #include "util/Ticks.h"
 #include "util/Time.h"
@@ -45,6 +46,9 @@ class UploadManager : public MoveManager {
 
   // Where the connections to heads go (null, the default: TCP); not owned.
   void setConnector(Connector* connector) { mConnector = connector; }
+  // What the sources are read through (the real file system by default);
+  // not owned.
+  void setFileSystem(FileSystem* fs) { mFS = fs; }
 
   // Every local path must exist and every remote path be absolute; throws
   // std::runtime_error naming the first that is not.
@@ -119,6 +123,7 @@ class UploadManager : public MoveManager {
   Ticks mStreamDeadline;
   bool mCommitFailed = false;  // the commit reply named a file error
   Connector* mConnector = nullptr;
+  FileSystem* mFS = FileSystem::posix();
   std::unique_ptr<TCPStream> mPOutStream;
   std::vector<char> mBlock;
   Wire mWire = Wire::Idle;

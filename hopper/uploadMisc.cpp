@@ -107,14 +107,14 @@ AnnouncementReply sendResumeUploadMsg(TCPStream& stream, const NodeSet& nodes, b
   }
 }
 
-bool catchupStream(long from, long to, int fd, TCPStream& stream) {
+bool catchupStream(long from, long to, int fd, FileSystem& fs, TCPStream& stream) {
   // A single gap never exceeds the data in flight, so an int holds it.
   const int gap = static_cast<int>(to - from);
-  if (gap <= 0) return stream.good();
+  if (gap <= 0) return true;
   std::vector<char> buffer(static_cast<size_t>(gap));
-  if (System::preadFull(fd, buffer.data(), buffer.size(), from) != gap) return false;
+  if (fs.preadFull(fd, buffer.data(), buffer.size(), from) != gap) return false;
   stream.write(buffer.data(), gap);
-  return stream.good();
+  return true;
 }
 
 void genBadNodeErrMsg(std::ostream& out, const std::string& prefix,

@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "hopper/Protocol.h"
+#include "util/FileSystem.h"
 #include "util/NetEncoding.h"
 #include "util/TCPStream.h"
 
@@ -57,10 +58,10 @@ AnnouncementReply sendResumeUploadMsg(TCPStream& stream, const NodeSet& nodes, b
                                       long fileSize, int mode, const std::string& localPath,
                                       const std::string& remotePath);
 
-// Re-sends bytes [from, to) of the open file fd, read at those offsets (the
-// descriptor's own offset does not move). False when the file no longer
-// holds them or the stream is not good.
-bool catchupStream(long from, long to, int fd, TCPStream& stream);
+// Re-sends bytes [from, to) of the open file fd, read through fs at those
+// offsets (the descriptor's own offset does not move). False when the file
+// no longer holds them.
+bool catchupStream(long from, long to, int fd, FileSystem& fs, TCPStream& stream);
 
 // One report line: [prefix ": "] "Unable to connect or lost connection to "
 // host, or for a non-zero code "Protocol version mismatch communicating with "

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "hopperd/AllowList.h"
-#include "hopperd/FileSystem.h"
+#include "util/FileSystem.h"
 #include "util/Connector.h"
 
 struct DaemonConfig {

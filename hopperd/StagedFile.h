@@ -14,7 +14,7 @@
 #include <functional>
 #include <string>
 
-#include "hopperd/FileSystem.h"
+#include "util/FileSystem.h"
 #include "hopperd/TargetPath.h"
 #include "util/System.h"
 

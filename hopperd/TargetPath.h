@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "hopperd/FileSystem.h"
+#include "util/FileSystem.h"
 #include "util/System.h"
 
 class TargetPath {

@@ -247,6 +247,60 @@ TEST_F(UploadManagerTest, FileShrinkingWhileSentEndsTheRun) {
   EXPECT_TRUE(data == content.substr(0, data.size()));
 }
 
+// Sources that cannot be read: an entry whose attributes or a directory
+// whose names cannot be read is reported and skipped while the rest of the
+// tree still goes (and the run fails); a file whose bytes cannot be read
+// ends the run before anything is committed.
+TEST_F(UploadManagerTest, UnreadableSourcesAreReported) {
+  struct : FileSystem {
+    std::string badEntry, badDir, badFile;
+    int badFd = -1;
+    bool stat(const std::string& path, FileAttributes& attrs, SymLinkMode mode) override {
+      if (path != badEntry) return FileSystem::stat(path, attrs, mode);
+      errno = EACCES;
+      return false;
+    }
+    bool readDirectory(const std::string& path, std::vector<std::string>& names) override {
+      if (path != badDir) return FileSystem::readDirectory(path, names);
+      errno = EIO;
+      return false;
+    }
+    System::FileDescriptor openForRead(const std::string& path) override {
+      System::FileDescriptor fd = FileSystem::openForRead(path);
+      if (path == badFile) badFd = fd.get();
+      return fd;
+    }
+    ssize_t preadFull(int fd, char* buf, size_t n, int64_t offset) override {
+      if (fd != badFd) return FileSystem::preadFull(fd, buf, n, offset);
+      errno = EIO;
+      return -1;
+    }
+  } fs;
+  for (const char* name : {"a", "c", "d", "sub/b"}) file(std::string("tree/") + name, name);
+  fs.badEntry = dir.file("tree/c");
+  fs.badDir = dir.file("tree/sub");
+  FakeDaemon daemon(connector, "127.0.0.2");
+  auto m = manager({&daemon});
+  m->setFileSystem(&fs);
+  EXPECT_FALSE(m->upload(dir.file("tree"), "/dst"));
+  ASSERT_TRUE(daemon.waitForClosedConnections(1, 5000));
+  EXPECT_EQ(daemon.connection(0).data, "ad");
+  EXPECT_EQ(daemon.allCodes(), (std::vector<int>{kNew, kBegin, kFile, kFile, kCommit}));
+  EXPECT_EQ(err.str(), "Error while reading " + fs.badEntry + ": " + System::errorText(EACCES) +
+                           "\nError while reading directory " + fs.badDir + ": " +
+                           System::errorText(EIO) + "\n");
+
+  fs.badFile = dir.file("tree/a");
+  m = manager({&daemon});
+  m->setFileSystem(&fs);
+  EXPECT_EQ(thrownMessage<std::runtime_error>([&] { m->upload(fs.badFile, "/dst/a"); }),
+            "Error reading file: " + fs.badFile);
+  m.reset();
+  ASSERT_TRUE(daemon.waitForClosedConnections(2, 5000));
+  EXPECT_EQ(daemon.connection(1).data, "");
+  EXPECT_EQ(daemon.connection(1).received.find(WireBytes().i32(kCommit).bytes()), std::string::npos);
+}
+
 TEST_F(UploadManagerTest, VerboseDotsPerMillionBytes) {
   FakeDaemon daemon(connector, "127.0.0.2");
   EXPECT_TRUE(manager({&daemon}, true)->upload(file("f", TempDir::pattern(2500000)), "/d/f"));

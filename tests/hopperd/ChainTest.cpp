@@ -11,7 +11,7 @@
 
 #include "hopper/UploadManager.h"
 #include "hopper/hopperMisc.h"
-#include "hopperd/FileSystem.h"
+#include "util/FileSystem.h"
 #include "hopperd/Server.h"
 #include "support/CorruptingProxy.h"
 #include "support/DaemonProcess.h"

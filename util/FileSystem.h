@@ -1,17 +1,19 @@
-// The file operations that staging and commit make, the walk to a target's
-// directory included, behind one interface so that tests can make a
-// directory, a write, a flush or a rename fail (or corrupt what is written)
-// on one host without a real faulty disk. FileSystem::posix() is the
-// real one; a test derives from FileSystem and overrides only the calls it
-// disturbs, the others falling through to the real ones. Every call reports
-// failure as the System function of the same name does (errno set).
-#ifndef HIVE_HOPPERD_FILESYSTEM_H_
-#define HIVE_HOPPERD_FILESYSTEM_H_
+// The file operations that the client's reading of its sources and the
+// daemon's staging and commit make, the walk to a target's directory
+// included, behind one interface so that tests can make a directory, a read,
+// a write, a flush or a rename fail (or corrupt what is written) without a
+// real faulty disk. FileSystem::posix() is the real one; a test derives from
+// FileSystem and overrides only the calls it disturbs, the others falling
+// through to the real ones. Every call reports failure as the System function
+// of the same name does (errno set).
+#ifndef HIVE_UTIL_FILESYSTEM_H_
+#define HIVE_UTIL_FILESYSTEM_H_
 
 #include <sys/types.h>
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "util/System.h"
 
@@ -21,6 +23,14 @@ class FileSystem {
 
   // The real file system; lives as long as the process.
   static FileSystem* posix();
+
+  // The client's sources, by path.
+  virtual System::FileDescriptor openForRead(const std::string& path);
+  virtual bool stat(const std::string& path, FileAttributes& attrs, SymLinkMode mode);
+  // The names in a directory, "." and ".." included.
+  virtual bool readDirectory(const std::string& path, std::vector<std::string>& names);
+  // Reads until n bytes or the end of the file: the count, or -1.
+  virtual ssize_t preadFull(int fd, char* buf, size_t n, int64_t offset);
 
   // A new file name in dirFd, readable and writable, never following a link.
   virtual System::FileDescriptor createExclusiveAt(int dirFd, const std::string& name, int mode);
@@ -45,4 +55,4 @@ class FileSystem {
   virtual bool removeDirectoryAt(int dirFd, const std::string& name);
 };
 
-#endif  // HIVE_HOPPERD_FILESYSTEM_H_
+#endif  // HIVE_UTIL_FILESYSTEM_H_

@@ -1,10 +1,26 @@
-#include "hopperd/FileSystem.h"
+#include "util/FileSystem.h"
 
 FileSystem::~FileSystem() = default;
 
 FileSystem* FileSystem::posix() {
   static FileSystem real;
   return &real;
+}
+
+System::FileDescriptor FileSystem::openForRead(const std::string& path) {
+  return System::openForRead(path);
+}
+
+bool FileSystem::stat(const std::string& path, FileAttributes& attrs, SymLinkMode mode) {
+  return attrs.stat(path, mode);
+}
+
+bool FileSystem::readDirectory(const std::string& path, std::vector<std::string>& names) {
+  return System::readDirectory(path, names);
+}
+
+ssize_t FileSystem::preadFull(int fd, char* buf, size_t n, int64_t offset) {
+  return System::preadFull(fd, buf, n, offset);
 }
 
 System::FileDescriptor FileSystem::createExclusiveAt(int dirFd, const std::string& name,
