@@ -42,8 +42,7 @@ class GateFileSystem : public FileSystem {
  private:
   std::mutex mMutex;
   std::condition_variable mChanged;
-  bool mHeld = false;
-  bool mOpen = false;
+  bool mHeld = false, mOpen = false;
 };
 
 // One connection of the daemon, served on a thread of its own, and the
@@ -65,17 +64,30 @@ struct Upstream {
     Protocol::writeRelayIdentity(*link, RelayIdentity{"127.0.0.9", "upload1", sender});
     Protocol::writeBegin(*link, {"self"}, false);
   }
-  void sendFile(int64_t seq, const std::string& path, const std::string& data) {
+  void sendFile(int64_t seq, const std::string& path, const std::string& data,
+                const uint32_t* crc = nullptr) {
     FilePart part;
     part.mInfo = FileInfo{int64_t(data.size()), "f", path, 0644};
     part.mSeq = seq;
     part.mCount = int64_t(data.size());
     Protocol::writeFilePart(*link, part);
-    Protocol::writeBlock(*link, data.data(), data.size());
+    Protocol::writeBlock(*link, data.data(), data.size(), crc);
   }
 
   std::unique_ptr<TCPStream> link;
   std::thread served;
+};
+
+class ConnectionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    config.mRoot = dir.file("root");
+    config.mStateDir = dir.file("state");
+    std::filesystem::create_directories(config.mRoot);
+    std::filesystem::create_directories(config.mStateDir);
+  }
+  TempDir dir;
+  DaemonConfig config;
 };
 
 }  // namespace
@@ -84,17 +96,10 @@ struct Upstream {
 // old upstream connection still holds messages it has read but not acted
 // on. That connection lets the session go instead of applying them behind
 // the new owner's back, so the new upstream host hears the true last file.
-TEST(ConnectionTest, AnUploadTakenOverGetsNothingMoreFromItsOldUpstream) {
-  TempDir dir;
+TEST_F(ConnectionTest, AnUploadTakenOverGetsNothingMoreFromItsOldUpstream) {
   GateFileSystem disk;
-  DaemonConfig config;
-  config.mRoot = dir.file("root");
-  config.mStateDir = dir.file("state");
   config.mFileSystem = &disk;
-  std::filesystem::create_directories(config.mRoot);
-  std::filesystem::create_directories(config.mStateDir);
   SessionTable table(config);
-
   Upstream old(table);
   old.begin("old");
   old.sendFile(1, "/a", "first");
@@ -118,4 +123,39 @@ TEST(ConnectionTest, AnUploadTakenOverGetsNothingMoreFromItsOldUpstream) {
   EXPECT_EQ(last.mSeq, 1);
   EXPECT_EQ(last.mBytes, 5);
   EXPECT_EQ(stagedBytes(config.mRoot, "b"), -1);
+}
+
+// Relayed bytes that fail their checksum are never committed: a damaged
+// block ends the link at once (its upstream then routes around this host)
+// and drops the file; a whole-file check the staged copy fails is reported
+// back on the link.
+TEST_F(ConnectionTest, RelayedBytesFailingTheirChecksumAreNeverCommitted) {
+  SessionTable table(config);
+  {
+    Upstream up(table);
+    up.begin("up");
+    const uint32_t wrong = 0;
+    up.sendFile(1, "/a", "damaged", &wrong);
+    up.link->flush();
+    ASSERT_EQ(Protocol::readBeginReply(*up.link).mStatus, BEGIN_OK);
+    char byte;
+    ASSERT_TRUE(up.link->socket().isReadable(10000));
+    EXPECT_EQ(up.link->socket().read(&byte, 1), 0);
+    EXPECT_EQ(stagedBytes(config.mRoot, "a"), -1);
+  }
+  Upstream next(table);  // the upload goes on along another path
+  next.begin("next");
+  next.sendFile(2, "/b", "second");
+  Protocol::writeFileCheck(*next.link, FileCheck{2, 6, 12345});
+  Protocol::writeCommit(*next.link);
+  next.link->flush();
+  ASSERT_EQ(Protocol::readBeginReply(*next.link).mStatus, BEGIN_OK);
+  const RelayMessage errors = Protocol::readRelayReply(*next.link, "self");
+  EXPECT_EQ(errors.mTag, RELAY_FILE_ERRORS);
+  EXPECT_EQ(errors.mText, "self: /b: the staged copy differs from the bytes the head received "
+                          "(checksum mismatch)");
+  EXPECT_EQ(Protocol::readRelayReply(*next.link, "self").mTag, RELAY_COMMITTED);
+  EXPECT_FALSE(std::filesystem::exists(config.mRoot + "/a"));
+  EXPECT_FALSE(std::filesystem::exists(config.mRoot + "/b"));
+  EXPECT_TRUE(filesUnder(config.mRoot, true).empty());
 }
