@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <functional>
 #include <memory>
 
 #include "hopperd/Journal.h"
@@ -125,22 +124,31 @@ TEST(StagingTest, NamesSharingALongPrefixOrAHashKeepTheirOwnBytes) {
   EXPECT_LE(StagedFile::nameFor(shared, std::string(64, 'f'), 999).size(), 255u);
 }
 
-TEST(StagingTest, AStagedCopyLostOrCutShortFailsItsFileAndLeavesTheTarget) {
+// What changes under a staged copy before commit fails its file alone,
+// leaving the target as it was: the copy lost, cut short, or its directory
+// swapped for a link to elsewhere (the commit walks to it afresh).
+TEST(StagingTest, AStagedCopyLostCutShortOrMovedFailsItsFileAlone) {
   TempDir dir;
   LocalSession local(dir);
   for (const char* name : {"lost", "cut", "fine"}) {
     TempDir::write(local.root + "/d/" + name, "old");
     EXPECT_EQ(local.send(std::string("/d/") + name, name, "new!"), "");
   }
+  EXPECT_EQ(local.send("/race/sub/", "f", "hello"), "");
   ASSERT_TRUE(fs::remove(stagedPathOf(local.root, "lost")));
   fs::resize_file(stagedPathOf(local.root, "cut"), 2);
+  fs::rename(local.root + "/race/sub", local.root + "/race/moved");
+  fs::create_directories(dir.file("outside"));
+  fs::create_directory_symlink(dir.file("outside"), local.root + "/race/sub");
   EXPECT_EQ(local.session->commit(),
             "self: /d/lost: the staged copy is lost: " + System::errorText(ENOENT) +
-                "\nself: /d/cut: the staged copy holds 2 of 4 bytes");
-  EXPECT_EQ(TempDir::read(local.root + "/d/lost"), "old");
-  EXPECT_EQ(TempDir::read(local.root + "/d/cut"), "old");
+                "\nself: /d/cut: the staged copy holds 2 of 4 bytes"
+                "\nself: /race/sub/f: /race/sub: " + System::errorText(ELOOP));
+  EXPECT_EQ(TempDir::read(local.root + "/d/lost") + TempDir::read(local.root + "/d/cut"), "oldold");
   EXPECT_EQ(TempDir::read(local.root + "/d/fine"), "new!");
-  EXPECT_TRUE(filesUnder(local.root, true).empty());
+  EXPECT_TRUE(filesUnder(local.root + "/d", true).empty());
+  EXPECT_TRUE(fs::is_empty(dir.file("outside")));
+  EXPECT_FALSE(fs::exists(local.root + "/race/moved/f"));
 }
 
 // A file size limit stands in for a full disk under the journal: a
@@ -271,18 +279,4 @@ TEST(StagingTest, DiskFaultsFailOnlyTheirFileAndLeaveNothingHalfDone) {
     EXPECT_TRUE(filesUnder(local.root, true).empty()) << c.fault;
     EXPECT_FALSE(fs::exists(local.root + "/e")) << c.fault;
   }
-}
-
-// A directory swapped for a link to elsewhere between staging and commit:
-// the commit walks to it afresh and refuses, changing nothing outside.
-TEST(StagingTest, ADirectorySwappedForALinkBeforeCommitChangesNothingOutside) {
-  TempDir dir;
-  LocalSession local(dir);
-  EXPECT_EQ(local.send("/race/sub/", "f", "hello"), "");
-  fs::rename(local.root + "/race/sub", local.root + "/race/moved");
-  fs::create_directories(dir.file("outside"));
-  fs::create_directory_symlink(dir.file("outside"), local.root + "/race/sub");
-  EXPECT_EQ(local.session->commit(), "self: /race/sub/f: /race/sub: " + System::errorText(ELOOP));
-  EXPECT_TRUE(fs::is_empty(dir.file("outside")));
-  EXPECT_FALSE(fs::exists(local.root + "/race/moved/f"));
 }
