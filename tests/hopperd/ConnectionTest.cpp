@@ -4,9 +4,9 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
+#include <atomic>
 #include <filesystem>
-#include <mutex>
+#include <future>
 #include <thread>
 
 #include "hopper/Protocol.h"
@@ -16,33 +16,20 @@
 
 namespace {
 
-// A disk whose first write waits (at most 20 s) until open() is called.
-class GateFileSystem : public FileSystem {
- public:
+// A disk whose first write waits (at most 20 s) until open is set.
+struct GateFileSystem : FileSystem {
   bool writeAll(int fd, const char* data, size_t n) override {
-    std::unique_lock<std::mutex> lock(mMutex);
-    if (!mHeld) {
-      mHeld = true;
-      mChanged.notify_all();
-      mChanged.wait_for(lock, std::chrono::seconds(20), [this] { return mOpen; });
+    if (!mFirstDone.exchange(true)) {
+      held.set_value();
+      mOpened.wait_for(std::chrono::seconds(20));
     }
-    lock.unlock();
     return FileSystem::writeAll(fd, data, n);
   }
-  bool waitUntilHeld() {
-    std::unique_lock<std::mutex> lock(mMutex);
-    return mChanged.wait_for(lock, std::chrono::seconds(10), [this] { return mHeld; });
-  }
-  void open() {
-    std::lock_guard<std::mutex> lock(mMutex);
-    mOpen = true;
-    mChanged.notify_all();
-  }
+  std::promise<void> held, open;
 
  private:
-  std::mutex mMutex;
-  std::condition_variable mChanged;
-  bool mHeld = false, mOpen = false;
+  std::atomic<bool> mFirstDone{false};
+  std::future<void> mOpened = open.get_future();
 };
 
 // One connection of the daemon, served on a thread of its own, and the
@@ -106,14 +93,15 @@ TEST_F(ConnectionTest, AnUploadTakenOverGetsNothingMoreFromItsOldUpstream) {
   old.sendFile(2, "/b", "second");  // read with the first, acted on after it
   old.link->flush();
   ASSERT_EQ(Protocol::readBeginReply(*old.link).mStatus, BEGIN_OK);
-  ASSERT_TRUE(disk.waitUntilHeld());  // writing the first file
+  // Writing the first file.
+  ASSERT_EQ(disk.held.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
 
   Upstream fresh(table);
   fresh.begin("new");
   fresh.link->flush();
   // Taking the session over ends the old connection's link.
   ASSERT_TRUE(old.link->socket().isReadable(10000));
-  disk.open();
+  disk.open.set_value();
   ASSERT_EQ(Protocol::readBeginReply(*fresh.link).mStatus, BEGIN_OK);
   old.served.join();
 
