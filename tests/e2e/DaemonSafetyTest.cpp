@@ -115,10 +115,7 @@ TEST_F(DaemonSafetyTest, IdleAndDribblingPeersHoldNothing) {
   RawClient slow("127.0.0.9", "127.0.0.2", chain->port());
   ASSERT_TRUE(startFile(slow, {daemon(0).id()}, 100000, "g", "/data/g"));
   bool closed = false;
-  for (int i = 0; i < 100 && !closed; ++i) {
-    slow.send("x");
-    closed = slow.closedWithin(200);
-  }
+  for (int i = 0; i < 100 && !closed; ++i) closed = !slow.send("x") || slow.closedWithin(200);
   EXPECT_TRUE(closed);
   r = run(dir.file("src/f"), "/data/");
   EXPECT_EQ(r.status, 0) << r.err;
