@@ -79,24 +79,6 @@ class DaemonSafetyTest : public ::testing::Test {
   std::unique_ptr<DaemonChain> chain;
 };
 
-TEST_F(DaemonSafetyTest, StoppedMiddleHostIsRoutedAroundAndTheOthersComplete) {
-  start(4, {"--io-timeout=2"});
-  TempDir::write(dir.file("src/big"), 32 << 20, 1, fs::perms(0644));
-  std::unique_ptr<RunProcess> copying = copy(dir.file("src/big"), "/data/");
-  ASSERT_TRUE(waitFor([&] { return stagedBytes(root(3), "big") > 1 << 20; }));
-  daemon(1).signal(SIGSTOP);
-  const RunProcess::Result r = copying->wait(kRunLimitMs);
-  daemon(1).signal(SIGCONT);
-  EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_TRUE(contains(r.err, "Unable to connect or lost connection to " + daemon(1).id() + "."))
-      << r.err;
-  for (size_t i : {0, 2, 3}) {
-    EXPECT_TRUE(holds(i, "big")) << i;
-    EXPECT_TRUE(filesUnder(root(i), true).empty()) << i;
-  }
-  EXPECT_FALSE(fs::exists(root(1) + "/data/big"));
-}
-
 TEST_F(DaemonSafetyTest, IdleAndDribblingPeersHoldNothing) {
   start(2, {"--io-timeout=1", "--resume-window=1"});
   // One address opens many idle connections: past its cap they are closed at

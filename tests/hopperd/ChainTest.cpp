@@ -60,9 +60,10 @@ class ChainTest : public ::testing::Test {
   }
   // Four daemons take a small file, then 64 MB. Daemon victim is stopped in
   // the middle of the big one, when nothing may be visible anywhere, then
-  // killed. The others must hold both files at the end.
-  bool killInTheMiddle(size_t victim) {
-    start(4);
+  // killed, or left stopped until the link's time-out gives it up. The
+  // others must hold both files at the end.
+  bool pauseInTheMiddle(size_t victim, bool kill) {
+    start(4, {"--io-timeout=" + std::string(kill ? "30" : "2")});
     TempDir::write(dir.file("src/first"), 1000, 1, fs::perms(0644));
     TempDir::write(dir.file("src/big"), 64 << 20, 9, fs::perms(0640));
     startUpload({{dir.file("src/first"), "/data/first"}, {dir.file("src/big"), "/data/big"}});
@@ -70,12 +71,16 @@ class ChainTest : public ::testing::Test {
     daemon(victim).signal(SIGSTOP);
     EXPECT_LT(stagedBytes(root(victim), "big"), 64 << 20);
     for (size_t i = 0; i < 4; ++i) EXPECT_TRUE(filesUnder(root(i), false).empty()) << i;
-    daemon(victim).signal(SIGKILL);
-    EXPECT_EQ(daemon(victim).waitExit(10000), 128 + SIGKILL);
+    if (kill) daemon(victim).signal(SIGKILL);
+    EXPECT_EQ(daemon(victim).waitExit(kill ? 10000 : 0), kill ? 128 + SIGKILL : -1);
     const bool ok = finish();
+    daemon(victim).signal(SIGCONT);
     for (size_t i = 0; i < 4; ++i) {
       if (i != victim) expectCopied({i});
     }
+    EXPECT_PRED_FORMAT2(testing::IsSubstring,
+                        "Unable to connect or lost connection to " + name(victim) + ".\n",
+                        err.str());
     return ok;
   }
 
@@ -130,9 +135,7 @@ TEST_F(ChainTest, AgentCommandsRunAroundTheRenamesWhenAsked) {
 }
 
 TEST_F(ChainTest, HeadKilledInALargeFileResumesOnTheNextHost) {
-  EXPECT_TRUE(killInTheMiddle(0)) << err.str();
-  EXPECT_PRED_FORMAT2(testing::IsSubstring,
-                      "Unable to connect or lost connection to " + name(0) + ".\n", err.str());
+  EXPECT_TRUE(pauseInTheMiddle(0, true)) << err.str();
   // Restarted, the head finds its journal and removes what it had staged.
   EXPECT_FALSE(filesUnder(root(0), true).empty());
   ASSERT_TRUE(daemon(0).start());
@@ -142,9 +145,14 @@ TEST_F(ChainTest, HeadKilledInALargeFileResumesOnTheNextHost) {
 }
 
 TEST_F(ChainTest, MiddleHostKilledInAFileIsRoutedAround) {
-  killInTheMiddle(1);
+  pauseInTheMiddle(1, true);
   EXPECT_PRED_FORMAT2(testing::IsSubstring, "Errors while committing uploaded file(s):\n" + name(0) +
                       ": Unable to connect or lost connection to " + name(1) + ".", err.str());
+}
+
+TEST_F(ChainTest, MiddleHostStoppedInAFileIsDroppedAfterTheTimeOut) {
+  EXPECT_TRUE(pauseInTheMiddle(1, false)) << err.str();
+  EXPECT_FALSE(fs::exists(root(1) / "data/big"));
 }
 
 // Small files stream through the chain without waiting for it. A middle host
