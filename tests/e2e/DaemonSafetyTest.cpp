@@ -4,7 +4,6 @@
 // nothing half-copied becomes visible.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
@@ -16,7 +15,6 @@
 #include "support/RawClient.h"
 #include "support/RunProcess.h"
 #include "support/TempDir.h"
-#include "util/System.h"
 #include "util/TCPSocket.h"
 
 namespace fs = std::filesystem;
