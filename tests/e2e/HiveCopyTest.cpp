@@ -50,22 +50,18 @@ bool sawCode(const FakeDaemon& daemon, int code) {
   return std::find(codes.begin(), codes.end(), code) != codes.end();
 }
 
+// Help and version win over missing hosts and a bad time limit.
 TEST(HiveCopyTest, HelpAndVersion) {
-  for (const char* help : {"--help", "-h"}) {
-    const RunProcess::Result r = hivecopy({help, "--timeout=0", "src"});
-    EXPECT_EQ(r.status, 0) << help;
-    EXPECT_EQ(r.out, helpText()) << help;
-    EXPECT_EQ(r.err, "");
-  }
-  // The version wins over the missing hosts and arguments.
-  for (const char* version : {"--version", "-v"}) {
-    const RunProcess::Result r = hivecopy({version, "src"});
-    EXPECT_EQ(r.status, 0) << version;
-    EXPECT_TRUE(std::regex_search(r.out, std::regex("^Hopper hivecopy \\d+\\.\\d+\\.\\d+\\.\\d+, build build_"
-                                                    "\\d+\\.\\d+_\\d+_OPT_\\d{4}\\.\\d\\d\\.\\d\\d_"
-                                                    "\\d\\d:\\d\\d:\\d\\d, protocol 5\n.")))
-        << r.out;
-    EXPECT_EQ(r.err, "");
+  for (const std::string option : {"--help", "-h", "--version", "-v"}) {
+    const RunProcess::Result r = hivecopy({option, "--timeout=0", "src"});
+    EXPECT_EQ(r.status, 0) << option;
+    EXPECT_EQ(r.err, "") << option;
+    if (option.find('h') != std::string::npos) {
+      EXPECT_EQ(r.out, helpText()) << option;
+    } else {
+      EXPECT_TRUE(std::regex_search(r.out, std::regex("^Hopper hivecopy [0-9.]+, build \\S+, protocol 5\n")))
+          << r.out;
+    }
   }
 }
 

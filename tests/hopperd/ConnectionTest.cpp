@@ -4,9 +4,9 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
+#include <atomic>
 #include <filesystem>
-#include <mutex>
+#include <future>
 #include <thread>
 
 #include "hopper/Protocol.h"
@@ -16,34 +16,20 @@
 
 namespace {
 
-// A disk whose first write waits (at most 20 s) until open() is called.
-class GateFileSystem : public FileSystem {
- public:
+// A disk whose first write waits (at most 20 s) until open is set.
+struct GateFileSystem : FileSystem {
   bool writeAll(int fd, const char* data, size_t n) override {
-    std::unique_lock<std::mutex> lock(mMutex);
-    if (!mHeld) {
-      mHeld = true;
-      mChanged.notify_all();
-      mChanged.wait_for(lock, std::chrono::seconds(20), [this] { return mOpen; });
+    if (!mFirstDone.exchange(true)) {
+      held.set_value();
+      mOpened.wait_for(std::chrono::seconds(20));
     }
-    lock.unlock();
     return FileSystem::writeAll(fd, data, n);
   }
-  bool waitUntilHeld() {
-    std::unique_lock<std::mutex> lock(mMutex);
-    return mChanged.wait_for(lock, std::chrono::seconds(10), [this] { return mHeld; });
-  }
-  void open() {
-    std::lock_guard<std::mutex> lock(mMutex);
-    mOpen = true;
-    mChanged.notify_all();
-  }
+  std::promise<void> held, open;
 
  private:
-  std::mutex mMutex;
-  std::condition_variable mChanged;
-  bool mHeld = false;
-  bool mOpen = false;
+  std::atomic<bool> mFirstDone{false};
+  std::future<void> mOpened = open.get_future();
 };
 
 // One connection of the daemon, served on a thread of its own, and the
@@ -65,17 +51,30 @@ struct Upstream {
     Protocol::writeRelayIdentity(*link, RelayIdentity{"127.0.0.9", "upload1", sender});
     Protocol::writeBegin(*link, {"self"}, false);
   }
-  void sendFile(int64_t seq, const std::string& path, const std::string& data) {
+  void sendFile(int64_t seq, const std::string& path, const std::string& data,
+                const uint32_t* crc = nullptr) {
     FilePart part;
     part.mInfo = FileInfo{int64_t(data.size()), "f", path, 0644};
     part.mSeq = seq;
     part.mCount = int64_t(data.size());
     Protocol::writeFilePart(*link, part);
-    Protocol::writeBlock(*link, data.data(), data.size());
+    Protocol::writeBlock(*link, data.data(), data.size(), crc);
   }
 
   std::unique_ptr<TCPStream> link;
   std::thread served;
+};
+
+class ConnectionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    config.mRoot = dir.file("root");
+    config.mStateDir = dir.file("state");
+    std::filesystem::create_directories(config.mRoot);
+    std::filesystem::create_directories(config.mStateDir);
+  }
+  TempDir dir;
+  DaemonConfig config;
 };
 
 }  // namespace
@@ -84,31 +83,25 @@ struct Upstream {
 // old upstream connection still holds messages it has read but not acted
 // on. That connection lets the session go instead of applying them behind
 // the new owner's back, so the new upstream host hears the true last file.
-TEST(ConnectionTest, AnUploadTakenOverGetsNothingMoreFromItsOldUpstream) {
-  TempDir dir;
+TEST_F(ConnectionTest, AnUploadTakenOverGetsNothingMoreFromItsOldUpstream) {
   GateFileSystem disk;
-  DaemonConfig config;
-  config.mRoot = dir.file("root");
-  config.mStateDir = dir.file("state");
   config.mFileSystem = &disk;
-  std::filesystem::create_directories(config.mRoot);
-  std::filesystem::create_directories(config.mStateDir);
   SessionTable table(config);
-
   Upstream old(table);
   old.begin("old");
   old.sendFile(1, "/a", "first");
   old.sendFile(2, "/b", "second");  // read with the first, acted on after it
   old.link->flush();
   ASSERT_EQ(Protocol::readBeginReply(*old.link).mStatus, BEGIN_OK);
-  ASSERT_TRUE(disk.waitUntilHeld());  // writing the first file
+  // Writing the first file.
+  ASSERT_EQ(disk.held.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
 
   Upstream fresh(table);
   fresh.begin("new");
   fresh.link->flush();
   // Taking the session over ends the old connection's link.
   ASSERT_TRUE(old.link->socket().isReadable(10000));
-  disk.open();
+  disk.open.set_value();
   ASSERT_EQ(Protocol::readBeginReply(*fresh.link).mStatus, BEGIN_OK);
   old.served.join();
 
@@ -118,4 +111,39 @@ TEST(ConnectionTest, AnUploadTakenOverGetsNothingMoreFromItsOldUpstream) {
   EXPECT_EQ(last.mSeq, 1);
   EXPECT_EQ(last.mBytes, 5);
   EXPECT_EQ(stagedBytes(config.mRoot, "b"), -1);
+}
+
+// Relayed bytes that fail their checksum are never committed: a damaged
+// block ends the link at once (its upstream then routes around this host)
+// and drops the file; a whole-file check the staged copy fails is reported
+// back on the link.
+TEST_F(ConnectionTest, RelayedBytesFailingTheirChecksumAreNeverCommitted) {
+  SessionTable table(config);
+  {
+    Upstream up(table);
+    up.begin("up");
+    const uint32_t wrong = 0;
+    up.sendFile(1, "/a", "damaged", &wrong);
+    up.link->flush();
+    ASSERT_EQ(Protocol::readBeginReply(*up.link).mStatus, BEGIN_OK);
+    char byte;
+    ASSERT_TRUE(up.link->socket().isReadable(10000));
+    EXPECT_EQ(up.link->socket().read(&byte, 1), 0);
+    EXPECT_EQ(stagedBytes(config.mRoot, "a"), -1);
+  }
+  Upstream next(table);  // the upload goes on along another path
+  next.begin("next");
+  next.sendFile(2, "/b", "second");
+  Protocol::writeFileCheck(*next.link, FileCheck{2, 6, 12345});
+  Protocol::writeCommit(*next.link);
+  next.link->flush();
+  ASSERT_EQ(Protocol::readBeginReply(*next.link).mStatus, BEGIN_OK);
+  const RelayMessage errors = Protocol::readRelayReply(*next.link, "self");
+  EXPECT_EQ(errors.mTag, RELAY_FILE_ERRORS);
+  EXPECT_EQ(errors.mText, "self: /b: the staged copy differs from the bytes the head received "
+                          "(checksum mismatch)");
+  EXPECT_EQ(Protocol::readRelayReply(*next.link, "self").mTag, RELAY_COMMITTED);
+  EXPECT_FALSE(std::filesystem::exists(config.mRoot + "/a"));
+  EXPECT_FALSE(std::filesystem::exists(config.mRoot + "/b"));
+  EXPECT_TRUE(filesUnder(config.mRoot, true).empty());
 }

@@ -6,6 +6,25 @@
 
 #include "util/TCPSocket.h"
 
+namespace {
+
+// A port that is free on every address given (127.x.y.z).
+int freePort(const std::vector<std::string>& addresses) {
+  for (int attempt = 0; attempt < 50; ++attempt) {
+    TCPSocket first;
+    first.listen(addresses.at(0), 0);
+    const int port = first.getListenerPort();
+    try {
+      for (size_t i = 1; i < addresses.size(); ++i) TCPSocket().listen(addresses[i], port);
+      return port;
+    } catch (const TCPSocket::exception&) {  // taken there: try another
+    }
+  }
+  return -1;
+}
+
+}  // namespace
+
 DaemonProcess::DaemonProcess(std::string binary, std::string address, int port,
                              const std::string& folder, std::vector<std::string> extraArgs)
     : mBinary(std::move(binary)),
@@ -37,30 +56,11 @@ bool DaemonProcess::start(int timeoutMs) {
   return false;
 }
 
-int DaemonProcess::freePort(const std::vector<std::string>& addresses) {
-  for (int attempt = 0; attempt < 50; ++attempt) {
-    TCPSocket first;
-    first.listen(addresses.at(0), 0);
-    const int port = first.getListenerPort();
-    bool freeEverywhere = true;
-    for (size_t i = 1; i < addresses.size() && freeEverywhere; ++i) {
-      TCPSocket other;
-      try {
-        other.listen(addresses[i], port);
-      } catch (const TCPSocket::exception&) {
-        freeEverywhere = false;
-      }
-    }
-    if (freeEverywhere) return port;
-  }
-  return -1;
-}
-
 DaemonChain::DaemonChain(const std::string& binary, const std::string& folder, size_t n,
                          const std::vector<std::string>& extraArgs) {
   std::vector<std::string> addresses;
   for (size_t i = 0; i < n; ++i) addresses.push_back("127.0.0." + std::to_string(i + 2));
-  mPort = DaemonProcess::freePort(addresses);
+  mPort = freePort(addresses);
   for (size_t i = 0; i < n; ++i) {
     mDaemons.push_back(std::make_unique<DaemonProcess>(
         binary, addresses[i], mPort, folder + "/d" + std::to_string(i), extraArgs));

@@ -33,9 +33,6 @@ class DaemonProcess {
   const std::string& stateDir() const { return mStateDir; }
   const std::string& logFile() const { return mLogFile; }
 
-  // A port that is free on every address given (127.x.y.z).
-  static int freePort(const std::vector<std::string>& addresses);
-
  private:
   std::string mBinary, mAddress;
   int mPort;

@@ -223,31 +223,6 @@ void FakeDaemon::serve(int index, std::shared_ptr<TCPSocket> socket) {
   mClosedCond.notify_all();
 }
 
-void FakeDaemon::setScript(const Script& script) {
-  std::lock_guard<std::mutex> lock(mMutex);
-  mDefault = script;
-}
-
-void FakeDaemon::setScriptFor(int index, const Script& script) {
-  std::lock_guard<std::mutex> lock(mMutex);
-  mScripts[index] = script;
-}
-
-void FakeDaemon::setOnMessage(std::function<void(int code)> hook) {
-  std::lock_guard<std::mutex> lock(mMutex);
-  mOnMessage = std::move(hook);
-}
-
-int FakeDaemon::connectionCount() const {
-  std::lock_guard<std::mutex> lock(mMutex);
-  return int(mConnections.size());
-}
-
-FakeDaemon::Connection FakeDaemon::connection(int index) const {
-  std::lock_guard<std::mutex> lock(mMutex);
-  return index < int(mConnections.size()) ? mConnections[index] : Connection();
-}
-
 std::vector<int> FakeDaemon::allCodes() const {
   std::lock_guard<std::mutex> lock(mMutex);
   std::vector<int> codes;

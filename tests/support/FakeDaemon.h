@@ -41,6 +41,8 @@ class WireBytes {
 };
 
 class FakeDaemon {
+  using Lock = std::lock_guard<std::mutex>;
+
  public:
   // How to answer on one connection.
   struct Script {
@@ -91,22 +93,25 @@ class FakeDaemon {
   FakeDaemon(const FakeDaemon&) = delete;
   FakeDaemon& operator=(const FakeDaemon&) = delete;
 
-  // The script for every connection without one of its own.
-  void setScript(const Script& script);
-  // The script for the index-th connection (0-based, in accept order).
-  void setScriptFor(int index, const Script& script);
+  // The script for every connection without one of its own, and for the
+  // index-th connection (0-based, in accept order).
+  void setScript(const Script& s) { Lock lock(mMutex); mDefault = s; }
+  void setScriptFor(int index, const Script& s) { Lock lock(mMutex); mScripts[index] = s; }
   // Called on the connection's thread with each message code (kDataReceived
   // after a file's data) before the reply goes out.
-  void setOnMessage(std::function<void(int code)> hook);
+  void setOnMessage(std::function<void(int)> hook) { Lock lock(mMutex); mOnMessage = hook; }
 
   const std::string& address() const { return mAddress; }
   int port() const { return mPort; }
   // "address:port", a host identifier for the client.
   std::string hostId() const { return mAddress + ":" + std::to_string(mPort); }
 
-  int connectionCount() const;
+  int connectionCount() const { Lock lock(mMutex); return int(mConnections.size()); }
   // Snapshot of the index-th connection's records.
-  Connection connection(int index) const;
+  Connection connection(int index) const {
+    Lock lock(mMutex);
+    return index < int(mConnections.size()) ? mConnections[index] : Connection();
+  }
   // Message codes of all connections, connection by connection.
   std::vector<int> allCodes() const;
   // Waits up to timeoutMs until n connections have ended; true when they did.
