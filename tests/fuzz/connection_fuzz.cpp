@@ -10,7 +10,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
-#include <stdlib.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -20,7 +19,6 @@
 #include <cstring>
 #include <filesystem>
 #include <iterator>
-#include <memory>
 #include <string>
 #include <thread>
 
@@ -32,7 +30,6 @@ namespace fs = std::filesystem;
 namespace {
 
 const int kIoTimeoutMs = 1000;
-const auto kBound = std::chrono::seconds(8);  // the daemon must have closed by then
 
 struct Sandbox {
   Sandbox() {
@@ -54,11 +51,6 @@ struct Sandbox {
     std::error_code ignored;
     fs::remove_all(base, ignored);
   }
-  void empty() {
-    for (const char* dir : {"root", "state"}) {
-      for (const auto& entry : fs::directory_iterator(base / dir)) fs::remove_all(entry.path());
-    }
-  }
   fs::path base;
 } sandbox;
 
@@ -71,10 +63,10 @@ long openDescriptors() {
 }
 
 // Writes the input, shuts the sending side down and reads until the daemon
-// closes; false when that takes longer than the bound.
+// closes; false when that takes longer than 8 s.
 bool exchange(int fd, const uint8_t* data, size_t size) {
   FUZZ_CHECK(::fcntl(fd, F_SETFL, O_NONBLOCK) == 0);
-  const auto until = std::chrono::steady_clock::now() + kBound;
+  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(8);
   size_t sent = 0;
   if (size == 0) ::shutdown(fd, SHUT_WR);
   char sink[65536];
@@ -95,38 +87,31 @@ bool exchange(int fd, const uint8_t* data, size_t size) {
   return false;
 }
 
-bool endsWith(const std::string& s, const std::string& end) {
-  return s.size() > end.size() && s.compare(s.size() - end.size(), end.size(), end) == 0;
-}
-
-// A staged file, unless the peer named a target so.
+// A staged file (".<name>...staged"), unless the peer named a target so.
 bool stagedLeftover(const std::string& name, const std::string& input) {
-  return endsWith(name, ".staged") && name[0] == '.' && input.find(name) == std::string::npos;
+  const std::string end = ".staged";
+  return name.size() > end.size() && name.compare(name.size() - end.size(), end.size(), end) == 0 &&
+         name[0] == '.' && input.find(name) == std::string::npos;
 }
 
 void checkTree(const std::string& input, bool sessionsGone) {
-  for (auto it = fs::recursive_directory_iterator(sandbox.base);
-       it != fs::recursive_directory_iterator(); ++it) {
+  for (auto it = fs::recursive_directory_iterator(sandbox.base); it != fs::recursive_directory_iterator(); ++it) {
     const fs::file_status status = it->symlink_status();
     FUZZ_CHECK(fs::is_directory(status) || fs::is_regular_file(status));
     const fs::path rel = it->path().lexically_relative(sandbox.base);
-    auto part = rel.begin();
-    const std::string top = (part++)->string();
-    const std::string name = it->path().filename().string();
+    const std::string top = rel.begin()->string(), name = it->path().filename().string();
+    FUZZ_CHECK(top == "root" || top == "state");
+    if (it.depth() == 0) continue;
     if (top == "state") {
-      if (part == rel.end()) continue;
-      FUZZ_CHECK(!sessionsGone);
-      FUZZ_CHECK(it.depth() == 1 && fs::is_regular_file(status));
-      FUZZ_CHECK(endsWith(name, ".journal"));
-    } else {
-      FUZZ_CHECK(top == "root");
-      if (part == rel.end()) continue;
-      if (sessionsGone) FUZZ_CHECK(!stagedLeftover(name, input));
-      if (part->string() == "in") continue;
-      // Else the staged copy of the target /in itself, which lies beside it.
-      FUZZ_CHECK(it.depth() == 1 && fs::is_regular_file(status));
-      FUZZ_CHECK(name.compare(0, 4, ".in.") == 0 && stagedLeftover(name, input));
+      FUZZ_CHECK(!sessionsGone && it.depth() == 1 && fs::is_regular_file(status));
+      FUZZ_CHECK(name.size() > 8 && name.compare(name.size() - 8, 8, ".journal") == 0);
+      continue;
     }
+    if (sessionsGone) FUZZ_CHECK(!stagedLeftover(name, input));
+    if (std::next(rel.begin())->string() == "in") continue;
+    // Else the staged copy of the target /in itself, which lies beside it.
+    FUZZ_CHECK(it.depth() == 1 && fs::is_regular_file(status));
+    FUZZ_CHECK(name.compare(0, 4, ".in.") == 0 && stagedLeftover(name, input));
   }
 }
 
@@ -144,13 +129,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     config.mResumeWindowSeconds = 0;  // an orphan may be reaped at once
     config.mIoTimeoutSeconds = kIoTimeoutMs / 1000;
     SessionTable table(config);
-
     int fds[2];
     FUZZ_CHECK(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) == 0);
-    auto connection = std::make_shared<Connection>(std::make_unique<TCPSocket>(fds[0]), table,
-                                                   kIoTimeoutMs);
+    auto connection = std::make_shared<Connection>(std::make_unique<TCPSocket>(fds[0]), table, kIoTimeoutMs);
     std::thread worker([connection] { connection->run(); });
-    FUZZ_CHECK(exchange(fds[1], data, size));  // the daemon closed within the bound
+    FUZZ_CHECK(exchange(fds[1], data, size));
     worker.join();
     ::close(fds[1]);
     checkTree(input, false);
@@ -166,6 +149,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   checkTree(input, true);
   FUZZ_CHECK(openDescriptors() == descriptors);
-  sandbox.empty();
+  for (const char* dir : {"root", "state"}) {
+    for (const auto& entry : fs::directory_iterator(sandbox.base / dir)) fs::remove_all(entry.path());
+  }
   return 0;
 }

@@ -23,8 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   const std::string text = input.substr(begin);
 
-  bool mentioned = false;
-  bool onlySelf = true;
+  bool mentioned = false, onlySelf = true;
   for (const auto& [id, name] : hosts) {
     if (id.empty() || id == name) continue;
     onlySelf = false;

@@ -16,12 +16,6 @@
 
 namespace {
 
-const GetOpt::Option* rowFor(int value) {
-  const GetOpt::Option* row = gOptions;
-  while (row->name != nullptr && row->val != value) ++row;
-  return row->name != nullptr ? row : nullptr;
-}
-
 void scanOptions(const std::vector<std::string>& texts, const char* shortOpts, bool stop) {
   std::vector<const char*> args;
   size_t characters = 0;
@@ -35,9 +29,10 @@ void scanOptions(const std::vector<std::string>& texts, const char* shortOpts, b
   for (int c = scanner.next(stop); c != -1; c = scanner.next(stop)) {
     FUZZ_CHECK(++returned <= characters);
     if (c == '?' || c == ':') continue;
-    const GetOpt::Option* row = rowFor(c);
-    if (scanner.optlong) FUZZ_CHECK(row != nullptr);
-    if (row != nullptr && row->has_arg == GetOpt::REQ_ARG) FUZZ_CHECK(scanner.optarg != nullptr);
+    const GetOpt::Option* row = gOptions;
+    while (row->name != nullptr && row->val != c) ++row;
+    if (scanner.optlong) FUZZ_CHECK(row->name != nullptr);
+    if (row->name != nullptr && row->has_arg == GetOpt::REQ_ARG) FUZZ_CHECK(scanner.optarg != nullptr);
   }
   FUZZ_CHECK(scanner.optind >= 0 && scanner.optind <= static_cast<int>(args.size()));
   FUZZ_CHECK(std::is_permutation(args.begin(), args.end(), original.begin(), original.end()));
@@ -56,16 +51,12 @@ void readList(const std::string& text) {
   FilePairs pairs;
   std::string errors;
   app->processFileListFile(path.c_str(), pairs, errors);
-  const size_t lines = std::count(text.begin(), text.end(), '\n') + 1;
-  FUZZ_CHECK(pairs.size() <= lines);
-  auto trimmed = [](const std::string& s) {
-    auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; };
+  FUZZ_CHECK(pairs.size() <= size_t(std::count(text.begin(), text.end(), '\n') + 1));
+  const auto trimmed = [](const std::string& s) {
+    const auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; };
     return !s.empty() && !blank(s.front()) && !blank(s.back());
   };
-  for (const auto& pair : pairs) {
-    FUZZ_CHECK(trimmed(pair.first));
-    FUZZ_CHECK(trimmed(pair.second));
-  }
+  for (const auto& pair : pairs) FUZZ_CHECK(trimmed(pair.first) && trimmed(pair.second));
 }
 
 }  // namespace

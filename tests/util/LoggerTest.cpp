@@ -21,12 +21,6 @@ class LoggerTest : public ::testing::Test {
     mLog.setMaxFileSize(100);
   }
   std::string backlog(int n) const { return mPath + "." + std::to_string(n); }
-  // Backlogs "<n>-old" for the given numbers and a current file of size bytes.
-  void prepare(std::initializer_list<int> backlogs, size_t size) {
-    for (int n : backlogs) TempDir::write(backlog(n), std::to_string(n) + "-old");
-    TempDir::write(mPath, std::string(size, 'c'));
-    mLog.setLogFile(mPath);
-  }
   std::string read(int n) const { return TempDir::read(n == 0 ? mPath : backlog(n)); }
 
   TempDir mDir;
@@ -36,39 +30,25 @@ class LoggerTest : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(LoggerTest, OffByDefaultThenTimeStampedRecords) {
-  Logger fresh;
-  fresh.setLogFile(mPath);
-  fresh.log(LOG_INFO, "Logging enabled for tool");
-  EXPECT_EQ("", read(0));
-
-  fresh.setGlobalMask(LOG_INFO);
-  fresh.log(LOG_INFO, "Logging enabled for tool");
-  fresh.log(LOG_DEBUG, "not at info level");
-  fresh.setGlobalMask(3);
-  fresh.log(LOG_DEBUG, "debug 1");
-  // The buffered record stream composes a record and hands it over whole.
-  LogStream stream;
-  stream.start(fresh, LOG_INFO);
-  stream << "value " << 42;
-  stream.finish();
-  const std::regex records(
-      "\\[\\d{4}/\\d\\d/\\d\\d \\d\\d:\\d\\d:\\d\\d\\] 0x[0-9a-f]+: Logging enabled for tool\n"
-      "\\[[^\\]]+\\] 0x[0-9a-f]+: debug 1\n"
-      "\\[[^\\]]+\\] 0x[0-9a-f]+: value 42\n");
-  EXPECT_TRUE(std::regex_match(read(0), records)) << read(0);
-
-  // The process logger behind the record macro.
+TEST_F(LoggerTest, OffByDefaultThenRecordsOfTheEnabledLevels) {
   Logger& process = Logger::getInstance();
-  process.setLogFile(mDir.file("process.log"));
+  process.setLogFile(mPath);
   HC_LOG_INFO("suppressed " << 1);
   process.setGlobalMask(LOG_INFO);
   HC_LOG_INFO("count " << 2);
   HC_LOG_DEBUG("suppressed " << 3);
+  process.setGlobalMask(3);
+  HC_LOG_DEBUG("debug " << 4);
+  // The buffered record stream composes a record and hands it over whole.
+  LogStream stream;
+  stream.start(process, LOG_INFO);
+  stream << "value " << 42;
+  stream.finish();
   process.setGlobalMask(0);
   process.setLogFile("");
-  const std::string text = TempDir::read(mDir.file("process.log"));
-  EXPECT_TRUE(std::regex_match(text, std::regex("\\[[^\\]]+\\] 0x[0-9a-f]+: count 2\n"))) << text;
+  const std::string h = "\\[[^\\]]+\\] 0x[0-9a-f]+: ";  // time and thread
+  EXPECT_TRUE(std::regex_match(read(0), std::regex(h + "count 2\n" + h + "debug 4\n" + h + "value 42\n")))
+      << read(0);
 }
 
 // A file below the size limit is appended to; one at the limit is rolled
@@ -90,8 +70,10 @@ TEST_F(LoggerTest, RollOverKeepsTheRetentionLimitAndStopsAtAGap) {
   int round = 0;
   for (const auto& c : cases) {
     mPath = mDir.file("case" + std::to_string(++round) + ".log");
+    for (int n : c.backlogs) TempDir::write(backlog(n), std::to_string(n) + "-old");
+    TempDir::write(mPath, std::string(c.size, 'c'));
     mLog.setFilesToRetain(c.retain);
-    prepare(c.backlogs, c.size);
+    mLog.setLogFile(mPath);
     mLog.log(LOG_INFO, "x");
     for (int n = 0; n < int(c.files.size()); ++n) {
       if (c.files[n].empty()) EXPECT_FALSE(System::fileExists(backlog(n))) << backlog(n);
@@ -104,10 +86,8 @@ TEST_F(LoggerTest, UnopenableFileFallsBackToStandardLog) {
   std::ostringstream captured;
   std::streambuf* saved = std::clog.rdbuf(captured.rdbuf());
   mLog.setLogFile(mDir.file("no/such/dir/log"));
-  const bool onClog = mLog.getStream() == &std::clog;
   mLog.log(LOG_INFO, "still logged");
   std::clog.rdbuf(saved);
-  EXPECT_TRUE(onClog);
   EXPECT_EQ("Unable to open log file: " + mDir.file("no/such/dir/log") + "\nH: still logged\n",
             captured.str());
 }
@@ -130,12 +110,11 @@ TEST_F(LoggerTest, ConcurrentRecordsStayWholeAcrossRollOvers) {
     });
   }
   for (auto& w : writers) w.join();
-  const std::regex line("H: writer [0-3] record [0-9]+");
   int records = 0;
   for (int n = 0; n <= 50; ++n) {
     std::istringstream in(read(n));
     for (std::string l; std::getline(in, l); ++records) {
-      ASSERT_TRUE(std::regex_match(l, line)) << "file " << n << ": " << l;
+      ASSERT_TRUE(std::regex_match(l, std::regex("H: writer [0-3] record [0-9]+"))) << n << ": " << l;
     }
   }
   EXPECT_EQ(400, records);
