@@ -1,6 +1,6 @@
 // System services: directories, attributes, retries, descriptors and the
-// no-follow calls relative to an open directory, shell commands and output
-// files.
+// no-follow calls relative to an open directory, shell commands, output
+// files and sleeps through signals.
 #include "util/System.h"
 
 #include <fcntl.h>
@@ -11,7 +11,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <thread>
 
 #include "support/TempDir.h"
 
@@ -174,4 +177,25 @@ TEST_F(SystemTest, OutputFileModesPositionAndClose) {
   appending->close();
   EXPECT_TRUE(appending->fail());
   EXPECT_FALSE(System::make_ofstream(dir.file("no/such/folder"))->good());
+}
+
+// Signals whose handler interrupts system calls do not cut the wait short.
+TEST_F(SystemTest, SleepLastsThroughInterruptingSignals) {
+  std::atomic<bool> ready{false}, done{false};
+  std::chrono::steady_clock::duration slept{};
+  std::thread sleeper([&] {
+    ASSERT_TRUE(System::trapUSR1ButDoNothing());
+    ready = true;
+    const auto start = std::chrono::steady_clock::now();
+    System::sleep(300);
+    slept = std::chrono::steady_clock::now() - start;
+    done = true;
+  });
+  for (int i = 0; i < 1000 && !ready; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  for (int i = 0; i < 2000 && !done; ++i) {
+    if (ready) pthread_kill(sleeper.native_handle(), SIGUSR1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  sleeper.join();
+  EXPECT_GE(slept, std::chrono::milliseconds(300));
 }
