@@ -5,19 +5,12 @@
 #   unit_security.sh UNIT_FILE [LIMIT]
 unit=$1
 limit=${2:-5.0}
-if ! command -v systemd-analyze >/dev/null 2>&1; then
-  echo "skipped: systemd-analyze is not installed"
-  exit 77
-fi
+command -v systemd-analyze >/dev/null 2>&1 || { echo "skipped: systemd-analyze is not installed"; exit 77; }
 [ -f "$unit" ] || { echo "no unit file at $unit"; exit 1; }
 out=$(systemd-analyze security --offline=yes --no-pager "$unit" 2>&1)
 echo "$out" | grep -E '^✗|Overall'
 score=$(echo "$out" | sed -n 's/.*Overall exposure level for [^:]*: \([0-9.]*\).*/\1/p')
-if [ -z "$score" ]; then
-  echo "systemd-analyze gave no exposure level:"
-  echo "$out"
-  exit 1
-fi
+[ -n "$score" ] || { printf 'systemd-analyze gave no exposure level:\n%s\n' "$out"; exit 1; }
 if awk -v s="$score" -v l="$limit" 'BEGIN { exit !(s > l) }'; then
   echo "exposure $score is above $limit"
   exit 1
