@@ -25,3 +25,27 @@ TEST(NetEncodingTest, LongValuesAndShortReads) {
   std::istringstream negative(WireBytes().i32(-1).bytes());
   EXPECT_THROW(readSmallBuf(negative, text), std::length_error);
 }
+
+TEST(NetEncodingTest, BoundedReadersRefuseBeforeAllocating) {
+  std::string text = "kept";
+  std::istringstream tooLong(WireBytes().i32(Wire::kMaxStringLength + 1).bytes());
+  EXPECT_THROW(Wire::getString(tooLong, text), Wire::LimitError);
+  EXPECT_EQ(text, "kept");
+  const std::string longest(Wire::kMaxStringLength, 'x');  // the bound itself is allowed
+  std::istringstream atTheBound(WireBytes().str(longest).bytes());
+  Wire::getString(atTheBound, text);
+  EXPECT_EQ(text, longest);
+  StringList names = {"kept"};
+  std::istringstream hugeCount(WireBytes().i32(0x7fffffff).bytes());
+  EXPECT_THROW(Wire::getStringList(hugeCount, names), Wire::LimitError);
+  EXPECT_EQ(names, StringList{"kept"});
+  std::istringstream longName(WireBytes().i32(1).i32(10).raw("0123456789").bytes());
+  EXPECT_THROW(Wire::getStringList(longName, names, 10, 9), Wire::LimitError);
+  std::istringstream good(WireBytes().i32(2).str("b").str("a").i32(1).str("h").i32(1).bytes());
+  std::set<std::string> set;
+  StringIntPairList pairs;
+  Wire::getStringSet(good, set);
+  Wire::getPairList(good, pairs);
+  EXPECT_EQ(set, (std::set<std::string>{"a", "b"}));
+  EXPECT_EQ(pairs, (StringIntPairList{{"h", 1}}));
+}
