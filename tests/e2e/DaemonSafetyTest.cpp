@@ -25,10 +25,6 @@ const int kRunLimitMs = 120000;
 const int kRelayIdentity = 0x55333040;
 const int kRelayCommitted = 2;  // how a daemon hears a commit reply
 
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
 // A begin for hosts (as a set: sorted) asking not to stop the agents.
 std::string begin(std::vector<std::string> hosts) {
   std::sort(hosts.begin(), hosts.end());
@@ -52,29 +48,24 @@ bool startFile(RawClient& c, const std::vector<std::string>& hosts, long size,
 
 }  // namespace
 
-class DaemonSafetyTest : public ::testing::Test {
+class DaemonSafetyTest : public DaemonChainTest {
  protected:
-  void start(size_t n, const std::vector<std::string>& extra = {}) {
-    chain = std::make_unique<DaemonChain>(HIVE_BINARY_DIR "/hopperd", dir.path(), n, extra);
-    ASSERT_TRUE(chain->started());
-  }
-  DaemonProcess& daemon(size_t i) { return (*chain)[i]; }
-  std::string root(size_t i) { return daemon(i).root(); }
   // hivecopy of source to target on every host of the chain.
   std::unique_ptr<RunProcess> copy(const std::string& source, const std::string& target) {
+    std::string hosts = "--hosts=";
+    for (const auto& d : daemons) hosts += (d == daemons[0] ? "" : " ") + d->id;
     return std::make_unique<RunProcess>(HIVE_BINARY_DIR "/hivecopy",
-                                        std::vector<std::string>{chain->hostsArg(), source, target});
+                                        std::vector<std::string>{hosts, source, target});
   }
-  RunProcess::Result run(const std::string& source, const std::string& target) {
-    return copy(source, target)->wait(kRunLimitMs);
+  // Copies a new dir/src/name of size bytes to /data/ on every host.
+  RunProcess::Result run(const std::string& name, size_t size, unsigned seed) {
+    TempDir::write(dir.file("src/" + name), size, seed, fs::perms(0644));
+    return copy(dir.file("src/" + name), "/data/")->wait(kRunLimitMs);
   }
   // Host i holds src/name as /data/name.
   bool holds(size_t i, const std::string& name) {
     return TempDir::read(root(i) + "/data/" + name) == TempDir::read(dir.file("src/" + name));
   }
-
-  TempDir dir;
-  std::unique_ptr<DaemonChain> chain;
 };
 
 TEST_F(DaemonSafetyTest, IdleAndDribblingPeersHoldNothing) {
@@ -83,21 +74,20 @@ TEST_F(DaemonSafetyTest, IdleAndDribblingPeersHoldNothing) {
   // once, and the rest after the time-out; another client is served.
   std::vector<std::unique_ptr<RawClient>> idle;
   for (int i = 0; i < 64; ++i) {
-    idle.push_back(std::make_unique<RawClient>("127.0.0.9", "127.0.0.2", chain->port()));
+    idle.push_back(std::make_unique<RawClient>("127.0.0.9", "127.0.0.2", port));
   }
   EXPECT_TRUE(idle.back()->closedWithin(5000));
-  TempDir::write(dir.file("src/f"), 5000, 2, fs::perms(0644));
-  RunProcess::Result r = run(dir.file("src/f"), "/data/");
+  RunProcess::Result r = run("f", 5000, 2);
   EXPECT_EQ(r.status, 0) << r.err;
   for (const auto& connection : idle) EXPECT_TRUE(connection->closedWithin(10000));
 
   // A sender of a byte now and then is closed, and its session given up.
-  RawClient slow("127.0.0.9", "127.0.0.2", chain->port());
-  ASSERT_TRUE(startFile(slow, {daemon(0).id()}, 100000, "g", "/data/g"));
+  RawClient slow("127.0.0.9", "127.0.0.2", port);
+  ASSERT_TRUE(startFile(slow, {daemon(0).id}, 100000, "g", "/data/g"));
   bool closed = false;
   for (int i = 0; i < 100 && !closed; ++i) closed = !slow.send("x") || slow.closedWithin(200);
   EXPECT_TRUE(closed);
-  r = run(dir.file("src/f"), "/data/");
+  r = run("f", 5000, 2);
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_FALSE(fs::exists(root(0) + "/data/g"));
   EXPECT_TRUE(waitFor([&] { return filesUnder(root(0), true).empty(); }));
@@ -109,7 +99,7 @@ TEST_F(DaemonSafetyTest, ForeignServiceInTheHostSetIsDroppedAtOnce) {
   start(3);
   daemon(1).stop();
   TCPSocket banner;
-  banner.listen("127.0.0.3", chain->port());
+  banner.listen("127.0.0.3", port);
   std::atomic<bool> done{false};
   std::thread service([&] {
     std::vector<std::unique_ptr<TCPSocket>> open;
@@ -120,12 +110,11 @@ TEST_F(DaemonSafetyTest, ForeignServiceInTheHostSetIsDroppedAtOnce) {
       }
     }
   });
-  TempDir::write(dir.file("src/f"), 5000, 3, fs::perms(0644));
-  const RunProcess::Result r = run(dir.file("src/f"), "/data/");
+  const RunProcess::Result r = run("f", 5000, 3);
   done = true;
   service.join();
   EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_TRUE(contains(r.err, daemon(1).id())) << r.err;
+  EXPECT_HAS(r.err, daemon(1).id);
   EXPECT_TRUE(holds(0, "f") && holds(2, "f"));
 }
 
@@ -133,22 +122,21 @@ TEST_F(DaemonSafetyTest, HostSearchStopsWhenItsClientLeaves) {
   start(1);
   // Eight services that accept connections and never say a word.
   std::vector<std::unique_ptr<TCPSocket>> silent;
-  std::vector<std::string> hosts{daemon(0).id()};
+  std::vector<std::string> hosts{daemon(0).id};
   for (int i = 0; i < 8; ++i) {
     silent.push_back(std::make_unique<TCPSocket>());
     silent.back()->listen("127.0.0.3", 0);
     hosts.push_back("127.0.0.3:" + std::to_string(silent.back()->getListenerPort()));
   }
   {
-    RawClient client("127.0.0.1", "127.0.0.2", chain->port());
+    RawClient client("127.0.0.1", "127.0.0.2", port);
     ASSERT_TRUE(client.handshake());
     client.send(begin(hosts));
   }  // gone while the head waits on the first silent service
   EXPECT_TRUE(waitFor([&] {
-    return contains(TempDir::read(daemon(0).logFile()), "Host search for upload");
+    return TempDir::read(daemon(0).logFile).find("Host search for upload") != std::string::npos;
   }, 20000));
-  TempDir::write(dir.file("src/f"), 100, 9, fs::perms(0644));
-  const RunProcess::Result r = run(dir.file("src/f"), "/data/");
+  const RunProcess::Result r = run("f", 100, 9);
   EXPECT_EQ(r.status, 0) << r.err;
 }
 
@@ -174,7 +162,7 @@ TEST_F(DaemonSafetyTest, TermEndsADaemonBlockedOnItsRelayLink) {
   daemon(1).signal(SIGCONT);
   const RunProcess::Result r = copying->wait(kRunLimitMs);
   EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_TRUE(contains(r.err, "Unable to connect or lost connection to " + daemon(0).id())) << r.err;
+  EXPECT_HAS(r.err, "Unable to connect or lost connection to " + daemon(0).id);
   EXPECT_TRUE(holds(1, "big"));
 }
 
@@ -190,9 +178,9 @@ TEST_F(DaemonSafetyTest, ReRunAfterAKilledClientNeverMixesTwoUploads) {
   // changed but of the same size.
   fs::remove(dir.file("src/a-small"));
   TempDir::write(dir.file("src/big"), 48 << 20, 3, fs::perms(0644));
-  const RunProcess::Result second = run(dir.file("src/"), "/data");
+  const RunProcess::Result second = copy(dir.file("src/"), "/data")->wait(kRunLimitMs);
   EXPECT_EQ(second.status, 0) << second.err;
-  for (size_t i = 0; i < chain->size(); ++i) {
+  for (size_t i = 0; i < daemons.size(); ++i) {
     EXPECT_TRUE(holds(i, "big")) << i;
     EXPECT_FALSE(fs::exists(root(i) + "/data/a-small")) << i;
     EXPECT_TRUE(waitFor([&] { return filesUnder(root(i), true).empty(); })) << i;
@@ -204,23 +192,22 @@ TEST_F(DaemonSafetyTest, ReRunAfterAKilledClientNeverMixesTwoUploads) {
 // can still abort it, which removes it everywhere.
 TEST_F(DaemonSafetyTest, ClaimedClientAddressGrantsNothing) {
   start(2);
-  const std::vector<std::string> hosts{daemon(0).id(), daemon(1).id()};
+  const std::vector<std::string> hosts{daemon(0).id, daemon(1).id};
   {  // The victim stages half a file from 127.0.0.1, then vanishes.
-    RawClient victim("127.0.0.1", "127.0.0.2", chain->port());
+    RawClient victim("127.0.0.1", "127.0.0.2", port);
     ASSERT_TRUE(startFile(victim, hosts, 10, "f", "/v/f"));
     victim.send("hello");
     ASSERT_TRUE(waitFor([&] { return stagedBytes(root(1), "f") == 5; }));
   }
   const std::string identity = WireBytes().i32(kRelayIdentity).str("127.0.0.1")
                                    .str("0123456789abcdef0123456789abcdef").str("x");
-  for (size_t i = 0; i < chain->size(); ++i) {
-    const std::string address = "127.0.0." + std::to_string(i + 2);
-    RawClient claimer("127.0.0.9", address, chain->port());
+  for (size_t i = 0; i < daemons.size(); ++i) {
+    RawClient claimer("127.0.0.9", daemon(i).address, port);
     ASSERT_TRUE(claimer.handshake());
     claimer.send(identity + WireBytes().i32(C2H_COMMIT_UPLOAD).bytes());
     EXPECT_EQ(claimer.readInt32(), kRelayCommitted);  // answered as a daemon...
     EXPECT_EQ(claimer.readString(), "");              // ...with nothing committed
-    RawClient plain("127.0.0.9", address, chain->port());
+    RawClient plain("127.0.0.9", daemon(i).address, port);
     ASSERT_TRUE(plain.handshake());
     plain.send(WireBytes().i32(C2H_COMMIT_UPLOAD));
     EXPECT_EQ(plain.readString(), "");
@@ -231,11 +218,11 @@ TEST_F(DaemonSafetyTest, ClaimedClientAddressGrantsNothing) {
     EXPECT_FALSE(fs::exists(root(i) + "/v/f")) << i;
     EXPECT_EQ(stagedBytes(root(i), "f"), 5) << i;  // still the victim's, untouched
   }
-  RawClient owner("127.0.0.1", "127.0.0.2", chain->port());
+  RawClient owner("127.0.0.1", "127.0.0.2", port);
   ASSERT_TRUE(owner.handshake());
   owner.send(WireBytes().i32(C2H_ABORT_UPLOAD));
   EXPECT_EQ(owner.readInt32(), 0);
-  for (size_t i = 0; i < chain->size(); ++i) {
+  for (size_t i = 0; i < daemons.size(); ++i) {
     EXPECT_FALSE(fs::exists(root(i) + "/v")) << i;
     EXPECT_TRUE(filesUnder(root(i), true).empty()) << i;
   }
@@ -246,16 +233,35 @@ TEST_F(DaemonSafetyTest, OversizedErrorTextsDropNoHealthyHost) {
   // A 22 KB target under a regular file: every host refuses it, naming it.
   std::string target = "/blocker";
   while (target.size() < 22000) target += "/" + std::string(200, 'p');
-  for (size_t i = 0; i < chain->size(); ++i) TempDir::write(root(i) + "/blocker", "x");
-  TempDir::write(dir.file("src/f"), 10, 8, fs::perms(0644));
-  const RunProcess::Result r = run(dir.file("src/f"), target + "/f");
+  for (size_t i = 0; i < daemons.size(); ++i) TempDir::write(root(i) + "/blocker", "x");
+  TempDir::write(dir.file("src/f"), "0123456789");
+  const RunProcess::Result r = copy(dir.file("src/f"), target + "/f")->wait(kRunLimitMs);
   EXPECT_EQ(r.status, 1);
-  EXPECT_FALSE(contains(r.err, "lost connection")) << r.err.substr(0, 2000);
-  EXPECT_TRUE(contains(r.err, "[cut]")) << r.err.substr(0, 2000);
-  for (size_t i = 0; i < chain->size(); ++i) {
-    EXPECT_TRUE(contains(r.err, daemon(i).id() + ": ")) << i;
+  EXPECT_EQ(r.err.find("lost connection"), std::string::npos) << r.err.substr(0, 2000);
+  EXPECT_NE(r.err.find("[cut]"), std::string::npos) << r.err.substr(0, 2000);
+  for (size_t i = 0; i < daemons.size(); ++i) {
+    EXPECT_HAS(r.err, daemon(i).id + ": ");
     EXPECT_EQ(TempDir::read(root(i) + "/blocker"), "x");
   }
+}
+
+// A hang-up reopens the log file after rotation; a peer's hostile length
+// closes only its own connection; SIGTERM ends the daemon cleanly.
+TEST_F(DaemonSafetyTest, HangUpReopensTheLogFileAndHostileLengthsCloseOnlyTheirConnection) {
+  start(1);
+  const std::string log = daemon(0).logFile;
+  fs::rename(log, log + ".1");
+  daemon(0).signal(SIGHUP);
+  EXPECT_TRUE(waitFor([&] {
+    return TempDir::read(log).find("Log file reopened") != std::string::npos;
+  }));
+  RawClient hostile("127.0.0.1", "127.0.0.2", port);
+  hostile.send(WireBytes().i32(C2H_NEW_GET_VERSION).i32(5).i32(0x7fffffff));
+  EXPECT_TRUE(hostile.closedWithin(10000));  // not waiting for 2 GiB for 30 s
+  EXPECT_TRUE(RawClient("127.0.0.1", "127.0.0.2", port).handshake());
+  daemon(0).signal(SIGTERM);
+  EXPECT_EQ(daemon(0).waitExit(10000), 0);
+  EXPECT_HAS(TempDir::read(log), "Signal received");
 }
 
 // Stray arguments are refused with the usage; under systemd, records go to
@@ -266,30 +272,11 @@ TEST(DaemonCommandLineTest, StrayArgumentsAndLoggingUnderSystemd) {
                                     {"--root=" + dir.path(), "--state-dir=" + dir.path(), "stray"})
                              .wait(10000);
   EXPECT_EQ(r.status, 1);
-  EXPECT_TRUE(contains(r.out, "Usage: hopperd [switches]"));
-  EXPECT_TRUE(contains(r.err, "Unexpected argument \"stray\"")) << r.err;
+  EXPECT_HAS(r.out, "Usage: hopperd [switches]");
+  EXPECT_HAS(r.err, "Unexpected argument \"stray\"");
   r = RunProcess(HIVE_BINARY_DIR "/hopperd", {"--log-level=info", "--version"},
                  {{"JOURNAL_STREAM", std::string("8:12345")}})
           .wait(10000);
   EXPECT_EQ(r.status, 0);
-  EXPECT_TRUE(contains(r.err, "Logging enabled for hopperd")) << r.err;
-}
-
-// A hang-up reopens the log file after rotation; a peer's hostile length
-// closes only its own connection; SIGTERM ends the daemon cleanly.
-TEST(DaemonCommandLineTest, HangUpReopensTheLogFileAndHostileLengthsCloseOnlyTheirConnection) {
-  TempDir dir;
-  DaemonChain chain(HIVE_BINARY_DIR "/hopperd", dir.path(), 1);
-  ASSERT_TRUE(chain.started());
-  const std::string log = chain[0].logFile();
-  fs::rename(log, log + ".1");
-  chain[0].signal(SIGHUP);
-  EXPECT_TRUE(waitFor([&] { return contains(TempDir::read(log), "Log file reopened"); }));
-  RawClient hostile("127.0.0.1", "127.0.0.2", chain.port());
-  hostile.send(WireBytes().i32(C2H_NEW_GET_VERSION).i32(5).i32(0x7fffffff));
-  EXPECT_TRUE(hostile.closedWithin(10000));  // not waiting for 2 GiB for 30 s
-  EXPECT_TRUE(RawClient("127.0.0.1", "127.0.0.2", chain.port()).handshake());
-  chain[0].signal(SIGTERM);
-  EXPECT_EQ(chain[0].waitExit(10000), 0);
-  EXPECT_TRUE(contains(TempDir::read(log), "Signal received"));
+  EXPECT_HAS(r.err, "Logging enabled for hopperd");
 }

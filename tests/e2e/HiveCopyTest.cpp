@@ -37,10 +37,6 @@ const std::string& helpText() {
   return text;
 }
 
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
 bool hasUploadTime(const std::string& out) {
   return std::regex_search(out, std::regex("Upload time: [0-9.e+-]+ secs\n"));
 }
@@ -136,8 +132,8 @@ TEST_F(HiveCopyUploadTest, UploadsPairsFromStandardInputAndFromSeveralSources) {
   EXPECT_TRUE(hasUploadTime(r.out)) << r.out;
   EXPECT_EQ(r.err, "");
   std::string received = mDaemon.connection(0).received;
-  EXPECT_TRUE(contains(received, WireBytes().str("/opt/t/a1"))) << received;
-  EXPECT_TRUE(contains(received, WireBytes().str("/opt/t/f1"))) << received;
+  EXPECT_HAS(received, WireBytes().str("/opt/t/a1"));
+  EXPECT_HAS(received, WireBytes().str("/opt/t/f1"));
   EXPECT_EQ(mDaemon.connection(0).data, "alphainner");
   EXPECT_TRUE(sawCode(mDaemon, kCommit));
 
@@ -146,8 +142,8 @@ TEST_F(HiveCopyUploadTest, UploadsPairsFromStandardInputAndFromSeveralSources) {
   r = hivecopy({hosts(), path("a"), path("d") + "/", "/opt/t"});
   EXPECT_EQ(r.status, 0) << r.err;
   received = mDaemon.connection(1).received;
-  EXPECT_TRUE(contains(received, WireBytes().str("/opt/t/a"))) << received;
-  EXPECT_TRUE(contains(received, WireBytes().str("/opt/t/d/f"))) << received;
+  EXPECT_HAS(received, WireBytes().str("/opt/t/a"));
+  EXPECT_HAS(received, WireBytes().str("/opt/t/d/f"));
 
   // A host that does not resolve is reported and skipped; a file the
   // daemon fails makes the run fail, with the time still printed.
@@ -157,9 +153,8 @@ TEST_F(HiveCopyUploadTest, UploadsPairsFromStandardInputAndFromSeveralSources) {
   r = hivecopy({"--hosts=" HC_UNRESOLVABLE_HOST " " + mDaemon.hostId(), path("a"), "/opt/a"});
   EXPECT_EQ(r.status, 1);
   // The resolver message keeps the first 60 characters of the name.
-  EXPECT_TRUE(contains(r.err, "couldn't find host \"" + std::string(HC_UNRESOLVABLE_HOST, 60) + "\": "))
-      << r.err;
-  EXPECT_TRUE(contains(r.err, "disk full\n")) << r.err;
+  EXPECT_HAS(r.err, "couldn't find host \"" + std::string(HC_UNRESOLVABLE_HOST, 60) + "\": ");
+  EXPECT_HAS(r.err, "disk full\n");
   EXPECT_TRUE(hasUploadTime(r.out)) << r.out;
 }
 
@@ -180,15 +175,14 @@ TEST_F(HiveCopyUploadTest, InterruptOrTimeLimitAbortsTheUpload) {
   RunProcess::Result r = process.wait(kRunLimitMs);
   running = nullptr;
   EXPECT_EQ(r.status, 1);
-  EXPECT_TRUE(contains(r.err, std::string("User signal received: ") + strsignal(SIGINT) + ".\n"))
-      << r.err;
-  EXPECT_TRUE(contains(r.err, "\nAborting upload...\n")) << r.err;
+  EXPECT_HAS(r.err, std::string("User signal received: ") + strsignal(SIGINT) + ".\n");
+  EXPECT_HAS(r.err, "\nAborting upload...\n");
   EXPECT_TRUE(sawCode(mDaemon, kAbort));
   EXPECT_FALSE(sawCode(mDaemon, kCommit));
 
   r = hivecopy({hosts(), "--timeout=1", path("a"), "/opt/a"});
   EXPECT_EQ(r.status, 1);
-  EXPECT_TRUE(contains(r.err, "Aborting upload due to timeout...\n")) << r.err;
+  EXPECT_HAS(r.err, "Aborting upload due to timeout...\n");
   EXPECT_FALSE(sawCode(mDaemon, kCommit));
 }
 
@@ -202,21 +196,18 @@ TEST_F(HiveCopyUploadTest, HostsComeFromTheClusterManager) {
   // From BRISK_CM: the head is told the whole host set.
   RunProcess::Result r = hivecopy({path("a"), "/opt/a"}, "", {{"BRISK_CM", cm.hostPort()}});
   EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_TRUE(contains(mDaemon.connection(0).received,
-                       WireBytes().i32(kBeginUpload).i32(2).str(mDaemon.hostId())
-                           .str(second.hostId()).flag(true)));
+  EXPECT_HAS(mDaemon.connection(0).received, WireBytes().i32(kBeginUpload).i32(2)
+                .str(mDaemon.hostId()).str(second.hostId()).flag(true));
   ASSERT_EQ(cm.requests().size(), 2u);
-  EXPECT_TRUE(contains(cm.requests()[1].path, "agentOSID=3")) << cm.requests()[1].path;
+  EXPECT_HAS(cm.requests()[1].path, "agentOSID=3");
 
   // --cm wins over BRISK_CM; platform and good-hosts filter reach the query.
   const std::string dead = "127.0.0.4:" + std::to_string(FakeDaemon::unusedPort("127.0.0.4"));
   r = hivecopy({"--cm=" + cm.hostPort(), "--platform=WINDOWS", "--good-hosts-only", "--stop-agents",
                 path("a"), "/opt/a"}, "", {{"BRISK_CM", dead}});
   EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_TRUE(contains(cm.requests().back().path,
-                       "agentOSID=1%20and%20agentEnabled=1%20and%20agentStatus=1"));
-  EXPECT_TRUE(contains(mDaemon.connection(1).received,
-                       WireBytes().str(second.hostId()).flag(false)));
+  EXPECT_HAS(cm.requests().back().path, "agentOSID=1%20and%20agentEnabled=1%20and%20agentStatus=1");
+  EXPECT_HAS(mDaemon.connection(1).received, WireBytes().str(second.hostId()).flag(false));
 
   // --hosts wins over the cluster manager, which is then not asked.
   const size_t asked = cm.requests().size();

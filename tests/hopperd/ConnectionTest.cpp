@@ -53,11 +53,8 @@ struct Upstream {
   }
   void sendFile(int64_t seq, const std::string& path, const std::string& data,
                 const uint32_t* crc = nullptr) {
-    FilePart part;
-    part.mInfo = FileInfo{int64_t(data.size()), "f", path, 0644};
-    part.mSeq = seq;
-    part.mCount = int64_t(data.size());
-    Protocol::writeFilePart(*link, part);
+    const int64_t size = int64_t(data.size());
+    Protocol::writeFilePart(*link, FilePart{FileInfo{size, "f", path, 0644}, seq, 0, size});
     Protocol::writeBlock(*link, data.data(), data.size(), crc);
   }
 

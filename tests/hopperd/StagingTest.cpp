@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 #include <memory>
@@ -16,19 +15,6 @@ namespace fs = std::filesystem;
 namespace {
 
 const std::string kSession = "0123456789abcdef0123456789abcdef";
-
-int modeOf(const std::string& path) {
-  struct stat st;
-  return ::stat(path.c_str(), &st) == 0 ? int(st.st_mode & 07777) : -1;
-}
-
-// The staged file of the target called name under root ("" when none).
-std::string stagedPathOf(const std::string& root, const std::string& name) {
-  for (const std::string& path : filesUnder(root, true)) {
-    if (fs::path(path).filename().string().rfind("." + name + ".", 0) == 0) return path;
-  }
-  return "";
-}
 
 // A session of this host alone under dir/root, journaling in dir/state.
 struct LocalSession {
@@ -135,8 +121,8 @@ TEST(StagingTest, AStagedCopyLostCutShortOrMovedFailsItsFileAlone) {
     EXPECT_EQ(local.send(std::string("/d/") + name, name, "new!"), "");
   }
   EXPECT_EQ(local.send("/race/sub/", "f", "hello"), "");
-  ASSERT_TRUE(fs::remove(stagedPathOf(local.root, "lost")));
-  fs::resize_file(stagedPathOf(local.root, "cut"), 2);
+  ASSERT_TRUE(fs::remove(stagedPath(local.root, "lost")));
+  fs::resize_file(stagedPath(local.root, "cut"), 2);
   fs::rename(local.root + "/race/sub", local.root + "/race/moved");
   fs::create_directories(dir.file("outside"));
   fs::create_directory_symlink(dir.file("outside"), local.root + "/race/sub");
@@ -189,14 +175,15 @@ TEST(StagingTest, AResumedFileContinuesOnlyWhenAnnouncedExactlyAsBefore) {
   }
   ASSERT_EQ(local.open("/r/", "f", 8, 0640), 0);
   local.session->fileData("0123", 4);
-  EXPECT_EQ(modeOf(stagedPathOf(local.root, "f")), 0600);  // nobody reads it before commit
+  // Nobody reads it before commit.
+  EXPECT_EQ(fs::status(stagedPath(local.root, "f")).permissions(), fs::perms(0600));
   local.reconnect();
   ASSERT_EQ(local.open("/r/", "f", 8, 0640), 4);
   local.session->fileData("4567", 4);
   EXPECT_EQ(local.session->closeFile(), "");
   EXPECT_EQ(local.session->commit(), "");
   EXPECT_EQ(TempDir::read(local.root + "/r/f"), "01234567");
-  EXPECT_EQ(modeOf(local.root + "/r/f"), 0640);
+  EXPECT_EQ(fs::status(local.root + "/r/f").permissions(), fs::perms(0640));
 }
 
 TEST(StagingTest, CleanUpRemovesWhatAnUnfinishedSessionLeftAndNothingElse) {

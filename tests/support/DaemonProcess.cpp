@@ -6,48 +6,26 @@
 
 #include "util/TCPSocket.h"
 
-namespace {
-
-// A port that is free on every address given (127.x.y.z).
-int freePort(const std::vector<std::string>& addresses) {
-  for (int attempt = 0; attempt < 50; ++attempt) {
-    TCPSocket first;
-    first.listen(addresses.at(0), 0);
-    const int port = first.getListenerPort();
-    try {
-      for (size_t i = 1; i < addresses.size(); ++i) TCPSocket().listen(addresses[i], port);
-      return port;
-    } catch (const TCPSocket::exception&) {  // taken there: try another
-    }
-  }
-  return -1;
-}
-
-}  // namespace
-
-DaemonProcess::DaemonProcess(std::string binary, std::string address, int port,
-                             const std::string& folder, std::vector<std::string> extraArgs)
-    : mBinary(std::move(binary)),
-      mAddress(std::move(address)),
+DaemonProcess::DaemonProcess(const std::string& address, int port, const std::string& folder,
+                             const std::vector<std::string>& extraArgs)
+    : address(address),
+      id(address + ":" + std::to_string(port)),
+      root(folder + "/root"),
+      stateDir(folder + "/state"),
+      logFile(folder + "/log"),
       mPort(port),
-      mRoot(folder + "/root"),
-      mStateDir(folder + "/state"),
-      mLogFile(folder + "/log"),
-      mExtraArgs(std::move(extraArgs)) {
-  std::filesystem::create_directories(mRoot);
+      mArgs{"--bind=" + address, "--port=" + std::to_string(port), "--root=" + root,
+            "--state-dir=" + stateDir, "--log-level=debug", "--logfile=" + logFile} {
+  mArgs.insert(mArgs.end(), extraArgs.begin(), extraArgs.end());
+  std::filesystem::create_directories(root);
 }
 
-bool DaemonProcess::start(int timeoutMs) {
-  std::vector<std::string> args{"--bind=" + mAddress, "--port=" + std::to_string(mPort),
-                                "--root=" + mRoot, "--state-dir=" + mStateDir,
-                                "--log-level=debug", "--logfile=" + mLogFile};
-  args.insert(args.end(), mExtraArgs.begin(), mExtraArgs.end());
+bool DaemonProcess::start() {
   mProcess.reset();
-  mProcess = std::make_unique<RunProcess>(mBinary, args);
-  for (int waited = 0; waited < timeoutMs && mProcess->waitExit(0) == -1; waited += 20) {
-    TCPSocket probe;
+  mProcess = std::make_unique<RunProcess>(HIVE_BINARY_DIR "/hopperd", mArgs);
+  for (int waited = 0; waited < 10000 && mProcess->waitExit(0) == -1; waited += 20) {
     try {
-      probe.connect(mAddress, mPort, 200);
+      TCPSocket().connect(address, mPort, 200);
       return true;
     } catch (const TCPSocket::exception&) {
     }
@@ -56,20 +34,22 @@ bool DaemonProcess::start(int timeoutMs) {
   return false;
 }
 
-DaemonChain::DaemonChain(const std::string& binary, const std::string& folder, size_t n,
-                         const std::vector<std::string>& extraArgs) {
-  std::vector<std::string> addresses;
-  for (size_t i = 0; i < n; ++i) addresses.push_back("127.0.0." + std::to_string(i + 2));
-  mPort = freePort(addresses);
-  for (size_t i = 0; i < n; ++i) {
-    mDaemons.push_back(std::make_unique<DaemonProcess>(
-        binary, addresses[i], mPort, folder + "/d" + std::to_string(i), extraArgs));
-    mStarted = mDaemons.back()->start() && mStarted;
+void DaemonChainTest::start(size_t n, const std::vector<std::string>& extraArgs) {
+  // A port free on every address: taken on one of them, try another.
+  for (int attempt = 0; attempt < 50 && port == -1; ++attempt) {
+    TCPSocket first;
+    first.listen("127.0.0.2", 0);
+    port = first.getListenerPort();
+    try {
+      for (size_t i = 1; i < n; ++i) TCPSocket().listen("127.0.0." + std::to_string(i + 2), port);
+    } catch (const TCPSocket::exception&) {
+      port = -1;
+    }
   }
-}
-
-std::string DaemonChain::hostsArg() const {
-  std::string arg = "--hosts=";
-  for (size_t i = 0; i < mDaemons.size(); ++i) arg += (i ? " " : "") + mDaemons[i]->id();
-  return arg;
+  for (size_t i = 0; i < n; ++i) {
+    const std::string address = "127.0.0." + std::to_string(i + 2);
+    daemons.push_back(std::make_unique<DaemonProcess>(address, port, dir.file("d" + std::to_string(i)),
+                                                      extraArgs));
+    ASSERT_TRUE(daemons.back()->start()) << i;
+  }
 }

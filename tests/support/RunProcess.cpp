@@ -11,40 +11,21 @@
 
 extern char** environ;
 
-namespace {
-
-const int kPollMs = 10;
-
-// This process's environment with the changes applied, as "NAME=value".
-std::vector<std::string> childEnvironment(const RunProcess::Environment& changes) {
-  std::vector<std::string> result;
-  for (char** entry = environ; *entry != nullptr; ++entry) {
-    const std::string text = *entry;
-    if (changes.count(text.substr(0, text.find('='))) == 0) result.push_back(text);
-  }
-  for (const auto& [name, value] : changes) {
-    if (value) result.push_back(name + "=" + *value);
-  }
-  return result;
-}
-
-std::vector<char*> pointers(std::vector<std::string>& texts) {
-  std::vector<char*> result;
-  for (std::string& text : texts) result.push_back(text.data());
-  result.push_back(nullptr);
-  return result;
-}
-
-}  // namespace
-
 RunProcess::RunProcess(const std::string& program, const std::vector<std::string>& args,
                        const Environment& env, const std::string& input) {
   TempDir::write(mDir.file("in"), input);
-  std::vector<std::string> argTexts{program};
+  std::vector<std::string> argTexts{program}, envTexts;
   argTexts.insert(argTexts.end(), args.begin(), args.end());
-  std::vector<std::string> envTexts = childEnvironment(env);
-  std::vector<char*> argv = pointers(argTexts);
-  std::vector<char*> envp = pointers(envTexts);
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    const std::string text = *entry;
+    if (env.count(text.substr(0, text.find('='))) == 0) envTexts.push_back(text);
+  }
+  for (const auto& [name, value] : env) {
+    if (value) envTexts.push_back(name + "=" + *value);
+  }
+  std::vector<char*> argv{nullptr}, envp{nullptr};
+  for (std::string& text : argTexts) argv.insert(argv.end() - 1, text.data());
+  for (std::string& text : envTexts) envp.insert(envp.end() - 1, text.data());
 
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
@@ -68,17 +49,12 @@ RunProcess::RunProcess(const std::string& program, const std::vector<std::string
   mPid = pid;
 }
 
-RunProcess::~RunProcess() {
-  signal(SIGKILL);
-  waitExit(10000);
-}
-
 void RunProcess::signal(int sig) {
   if (mPid > 0) ::kill(mPid, sig);
 }
 
 int RunProcess::waitExit(int timeoutMs) {
-  for (int waited = 0; mPid > 0; waited += kPollMs) {
+  for (int waited = 0; mPid > 0; waited += 10) {
     int status = 0;
     if (::waitpid(mPid, &status, WNOHANG) == mPid) {
       mStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
@@ -86,27 +62,25 @@ int RunProcess::waitExit(int timeoutMs) {
     } else if (waited >= timeoutMs) {
       return -1;
     } else {
-      std::this_thread::sleep_for(std::chrono::milliseconds(kPollMs));
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
   }
   return mStatus;
 }
 
-int RunProcess::stop(int graceMs) {
-  signal(SIGCONT);
-  signal(SIGTERM);
-  if (waitExit(graceMs) == -1) signal(SIGKILL);
+int RunProcess::kill() {
+  signal(SIGKILL);
   return waitExit(10000);
 }
 
+int RunProcess::stop(int graceMs) {
+  signal(SIGCONT);
+  signal(SIGTERM);
+  return waitExit(graceMs) == -1 ? kill() : mStatus;
+}
+
 RunProcess::Result RunProcess::wait(int timeoutMs) {
-  Result result;
-  result.status = waitExit(timeoutMs);
-  if (result.status == -1) {
-    signal(SIGKILL);
-    waitExit(10000);
-  }
-  result.out = out();
-  result.err = err();
-  return result;
+  const int status = waitExit(timeoutMs);
+  if (status == -1) kill();
+  return {status, out(), err()};
 }

@@ -1,8 +1,7 @@
-// RunProcess: a child process for a test (a program of ours, a daemon, a
-// helper script), with chosen arguments, environment changes and standard
-// input. Its standard output and error go to files in a private folder, so a
-// chatty child never blocks on a pipe. Every wait is bounded; the destructor
-// kills and reaps a child still running.
+// A child process for a test, with chosen arguments, environment changes and
+// standard input. Its standard output and error go to files in a private
+// folder, so a chatty child never blocks on a pipe. Every wait is bounded;
+// the destructor kills and reaps a child still running.
 #ifndef HIVE_TESTS_SUPPORT_RUNPROCESS_H_
 #define HIVE_TESTS_SUPPORT_RUNPROCESS_H_
 
@@ -23,17 +22,16 @@ class RunProcess {
   using Environment = std::map<std::string, std::optional<std::string>>;
 
   struct Result {
-    int status = -1;  // as from waitExit(); -1 when killed at the time-out
-    std::string out;
-    std::string err;
+    int status;  // as from waitExit(); -1 when killed at the time-out
+    std::string out, err;
   };
 
-  // Starts program (looked up in PATH when it holds no '/') with args and
-  // input as its standard input. The child starts with no blocked signals
-  // and default dispositions. Throws std::runtime_error when it cannot start.
+  // Starts program (looked up in PATH when it holds no '/') with no blocked
+  // signals and default dispositions. Throws std::runtime_error when it
+  // cannot start.
   RunProcess(const std::string& program, const std::vector<std::string>& args,
              const Environment& env = {}, const std::string& input = "");
-  ~RunProcess();
+  ~RunProcess() { kill(); }
   RunProcess(const RunProcess&) = delete;
   RunProcess& operator=(const RunProcess&) = delete;
 
@@ -44,15 +42,15 @@ class RunProcess {
   int waitExit(int timeoutMs);
   // SIGCONT and SIGTERM, then SIGKILL when it is still there after graceMs.
   int stop(int graceMs);
-  // Waits up to timeoutMs (killing the child after that) and returns its
-  // status and everything it wrote.
+  // Waits up to timeoutMs (killing the child after that); all it wrote.
   Result wait(int timeoutMs);
 
-  // What the child has written so far.
   std::string out() const { return TempDir::read(mDir.file("out")); }
   std::string err() const { return TempDir::read(mDir.file("err")); }
 
  private:
+  int kill();
+
   TempDir mDir;
   std::atomic<pid_t> mPid{-1};  // signal() may come from another thread
   int mStatus = -1;

@@ -74,14 +74,17 @@ std::vector<std::string> filesUnder(const fs::path& root, bool staged) {
   return found;
 }
 
-int64_t stagedBytes(const fs::path& root, const std::string& name) {
+std::string stagedPath(const fs::path& root, const std::string& name) {
   for (const std::string& path : filesUnder(root, true)) {
-    std::error_code ec;
-    if (fs::path(path).filename().string().rfind("." + name + ".", 0) == 0) {
-      return int64_t(fs::file_size(path, ec));
-    }
+    if (fs::path(path).filename().string().rfind("." + name + ".", 0) == 0) return path;
   }
-  return -1;
+  return "";
+}
+
+int64_t stagedBytes(const fs::path& root, const std::string& name) {
+  std::error_code ec;
+  const std::string path = stagedPath(root, name);
+  return path.empty() ? -1 : int64_t(fs::file_size(path, ec));
 }
 
 bool waitFor(const std::function<bool()>& done, int timeoutMs) {

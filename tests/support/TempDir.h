@@ -41,10 +41,13 @@ class TempDir {
 void expectSameTree(const std::filesystem::path& from, const std::filesystem::path& to);
 // Regular files under root: the staged ones, or all the others.
 std::vector<std::string> filesUnder(const std::filesystem::path& root, bool staged);
-// Bytes staged so far for a file called name anywhere under root; -1 when
-// there is no such staged file.
+// The staged file of a target called name anywhere under root ("" when
+// none), and the bytes staged so far in it (-1 when none).
+std::string stagedPath(const std::filesystem::path& root, const std::string& name);
 int64_t stagedBytes(const std::filesystem::path& root, const std::string& name);
 // Polls done every 10 ms for up to timeoutMs; its last value.
 bool waitFor(const std::function<bool()>& done, int timeoutMs = 30000);
+// A gtest check that text holds part (both printed when it does not).
+#define EXPECT_HAS(text, part) EXPECT_PRED_FORMAT2(testing::IsSubstring, part, text)
 
 #endif  // HIVE_TESTS_SUPPORT_TEMPDIR_H_
