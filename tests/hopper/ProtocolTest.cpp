@@ -80,29 +80,6 @@ TEST(ProtocolTest, RepliesStayWithinTheirBounds) {
   EXPECT_EQ(next, 7);
 }
 
-// What the daemon answers to an announcement is what the client reads, for
-// each kind of answer, on the wire as the client's scripted fakes expect it.
-TEST(ProtocolTest, AnnouncementRepliesReadAsWritten) {
-  const AnnouncementReply replies[] = {
-      {RESUME_OK, 300000, ""}, {RESUME_NO_SESSION, 0, ""}, {RESUME_REFUSED, 0, "h1: /x: refused"}};
-  auto ends = TCPSocket::pair();
-  TCPStream out(std::make_unique<TCPSocket>(ends.first.release()));
-  for (const AnnouncementReply& reply : replies) Protocol::writeAnnouncementReply(out, reply);
-  out.flush();
-  const std::string wire = WireBytes().i32(RESUME_OK).i64(300000).i32(RESUME_NO_SESSION)
-                               .i32(RESUME_REFUSED).str("h1: /x: refused");
-  std::string bytes(wire.size(), '\0');
-  ASSERT_EQ(::read(ends.second.get(), &bytes[0], bytes.size()), ssize_t(bytes.size()));
-  EXPECT_EQ(bytes, wire);
-  Peer in(bytes);
-  for (const AnnouncementReply& reply : replies) {
-    const AnnouncementReply read = Protocol::readAnnouncementReply(*in.stream);
-    EXPECT_EQ(read.mStatus, reply.mStatus);
-    EXPECT_EQ(read.mPosition, reply.mPosition);
-    EXPECT_EQ(read.mText, reply.mText);
-  }
-}
-
 // The replies a daemon writes come back as written through the readers the
 // other end uses; a relay reply of unknown kind ends the link.
 TEST(ProtocolTest, BeginAndRelayRepliesReadAsWritten) {
