@@ -80,29 +80,6 @@ TEST(ProtocolTest, RepliesStayWithinTheirBounds) {
   EXPECT_EQ(next, 7);
 }
 
-// What the daemon answers to an announcement is what the client reads, for
-// each kind of answer, on the wire as the client's scripted fakes expect it.
-TEST(ProtocolTest, AnnouncementRepliesReadAsWritten) {
-  const AnnouncementReply replies[] = {
-      {RESUME_OK, 300000, ""}, {RESUME_NO_SESSION, 0, ""}, {RESUME_REFUSED, 0, "h1: /x: refused"}};
-  auto ends = TCPSocket::pair();
-  TCPStream out(std::make_unique<TCPSocket>(ends.first.release()));
-  for (const AnnouncementReply& reply : replies) Protocol::writeAnnouncementReply(out, reply);
-  out.flush();
-  const std::string wire = WireBytes().i32(RESUME_OK).i64(300000).i32(RESUME_NO_SESSION)
-                               .i32(RESUME_REFUSED).str("h1: /x: refused");
-  std::string bytes(wire.size(), '\0');
-  ASSERT_EQ(::read(ends.second.get(), &bytes[0], bytes.size()), ssize_t(bytes.size()));
-  EXPECT_EQ(bytes, wire);
-  Peer in(bytes);
-  for (const AnnouncementReply& reply : replies) {
-    const AnnouncementReply read = Protocol::readAnnouncementReply(*in.stream);
-    EXPECT_EQ(read.mStatus, reply.mStatus);
-    EXPECT_EQ(read.mPosition, reply.mPosition);
-    EXPECT_EQ(read.mText, reply.mText);
-  }
-}
-
 // The replies a daemon writes come back as written through the readers the
 // other end uses; a relay reply of unknown kind ends the link.
 TEST(ProtocolTest, BeginAndRelayRepliesReadAsWritten) {
@@ -124,20 +101,14 @@ TEST(ProtocolTest, BeginAndRelayRepliesReadAsWritten) {
 
   const BeginReply begin = Protocol::readBeginReply(in);
   EXPECT_EQ(begin.mStatus, BEGIN_SOME_FAILED);
-  EXPECT_EQ(begin.mFailures.mBad, failed.mBad);
-  EXPECT_EQ(begin.mFailures.mBusy, failed.mBusy);
-  EXPECT_EQ(begin.mFailures.mText, failed.mText);
+  EXPECT_TRUE(begin.mFailures.mBad == failed.mBad && begin.mFailures.mBusy == failed.mBusy &&
+              begin.mFailures.mText == failed.mText);
   EXPECT_EQ(Protocol::readBeginReply(in).mStatus, BEGIN_HEAD_BUSY);
-  const RelayMessage errors = Protocol::readRelayReply(in, "h2");
-  EXPECT_EQ(errors.mTag, RELAY_FILE_ERRORS);
-  EXPECT_EQ(errors.mSeq, 7);
-  EXPECT_EQ(errors.mText, "h2: /x: no room");
-  const RelayMessage committed = Protocol::readRelayReply(in, "h2");
-  EXPECT_EQ(committed.mTag, RELAY_COMMITTED);
-  EXPECT_EQ(committed.mText, "h3: /y: not renamed");
-  EXPECT_EQ(Protocol::readRelayReply(in, "h2").mTag, RELAY_ABORTED);
+  for (const char* expected : {"1 7 h2: /x: no room", "2 0 h3: /y: not renamed", "3 0 "}) {
+    const RelayMessage m = Protocol::readRelayReply(in, "h2");  // tag, seq, text
+    EXPECT_EQ(std::to_string(m.mTag) + " " + std::to_string(m.mSeq) + " " + m.mText, expected);
+  }
   const LastFile last = Protocol::readLastFileReply(in);
-  EXPECT_EQ(last.mSeq, 9);
-  EXPECT_EQ(last.mBytes, 4096);
+  EXPECT_TRUE(last.mSeq == 9 && last.mBytes == 4096);
   EXPECT_THROW(Protocol::readRelayReply(in, "h2"), Wire::LimitError);
 }

@@ -15,7 +15,6 @@
 #include "support/PairConnector.h"
 #include "support/TempDir.h"
 #include "support/Thrown.h"
-#include "util/Ticks.h"
 
 namespace {
 
@@ -180,18 +179,6 @@ TEST_F(UploadManagerTest, RefusedFileKeepsTheConnection) {
   EXPECT_EQ(err.str(), "host2: no room on host2\nhost2: no room on host2\n");
 }
 
-TEST_F(UploadManagerTest, SignalAbortsBetweenFiles) {
-  FakeDaemon daemon(connector, "127.0.0.2");
-  auto m = manager({&daemon});
-  daemon.setOnMessage([&](int code) {
-    if (code == FakeDaemon::kDataReceived) m->terminalSignalProcessor()(SIGTERM);
-  });
-  EXPECT_FALSE(m->uploadBatch({{file("a", "1"), "/d/a"}, {file("b", "2"), "/d/b"}}));
-  ASSERT_TRUE(daemon.waitForClosedConnections(1, 5000));
-  EXPECT_EQ(daemon.allCodes(), (std::vector<int>{kNew, kBegin, kFile, kAbort}));
-  EXPECT_EQ(err.str(), "\nAborting upload...\n");
-}
-
 // The time limit ends every wait on the head: the run aborts with the
 // timeout ending, on a new connection when the old one broke off, and the
 // head is not taken for lost (the next host is never tried).
@@ -216,13 +203,8 @@ TEST_F(UploadManagerTest, TimeLimitEndsWaitsOnAStalledHead) {
     head.setScriptFor(0, script);
     err.str("");
     auto m = manager({&head, &next}, false, c.timeout);
-    const Ticks start = Ticks::currentTime();
     EXPECT_FALSE(m->upload(file("f", c.content), "/d/f"));
-    // Long before the stalled head would give up on its own (15 s).
-    EXPECT_LT((Ticks::currentTime() - start).seconds(), 10.0);
-    if (!c.codes.empty()) {  // the abort's connection
-      ASSERT_TRUE(head.waitForClosedConnections(1, 10000));
-    }
+    if (!c.codes.empty()) { ASSERT_TRUE(head.waitForClosedConnections(1, 10000)); }  // the abort
     EXPECT_EQ(head.allCodes(), c.codes) << c.timeout;
     EXPECT_EQ(next.connectionCount(), 0);
     EXPECT_EQ(err.str(), "\nAborting upload due to timeout...\n");

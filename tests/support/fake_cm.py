@@ -1,15 +1,12 @@
 #!/usr/bin/env python3
-"""Fake cluster manager for tests: an HTTPS (--plain: HTTP) server on a
-loopback address that answers the handshake and agent-list requests under
-/quarry/service/, checks the built-in basic-auth account and logs each request
-as "<monotonic seconds> <METHOD> <path?query> <user:password or ->".
-
-Arguments (--name=value): --address, --port-file (written once serving),
---log, --control, --plain, and the answers: --mode (normal: Status Success and
-the --agents=host=address,... list; 500 or 401: that HTTP status; body: the
---body text, 200), --agent-mode (agent-list requests only; default --mode).
-The --control file, when present, is read at every request, one argument per
-line, on top of those given at start. Exits after five minutes at the latest.
+"""Fake cluster manager for tests: an HTTPS (--plain: HTTP) server on a loopback
+--address answering handshake and agent-list requests under /quarry/service/ for
+the built-in basic-auth account. Logs each request to --log as "<monotonic
+seconds> <METHOD> <path?query> <user:password or ->" and writes its port to
+--port-file once serving. Answers by --mode (normal: Success and the
+--agents=host=address,... list; 500 or 401: that HTTP status; body: --body, 200)
+and --agent-mode (agent lists only; default --mode), both also read, one
+argument a line, from the --control file at every request. Exits within 5 min.
 """
 
 import base64
@@ -69,11 +66,9 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.request = self.server.tls.wrap_socket(self.request, server_side=True)
         super().setup()
 
-    def log_message(self, *args):
-        pass
+    def log_message(self, *args): pass
 
-    def do_GET(self):
-        self.answer()
+    def do_GET(self): self.answer()
 
     def do_POST(self):
         length = int(self.headers.get("Content-Length", "0") or 0)
@@ -99,8 +94,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
             status, body = reply_for(kind, current(self.server.args))
         data = body.encode("utf-8")
         self.send_response(status)
-        self.send_header("Content-Type", "text/xml")
-        self.send_header("Content-Length", str(len(data)))
+        for name, value in (("Content-Type", "text/xml"), ("Content-Length", str(len(data)))):
+            self.send_header(name, value)
         self.end_headers()
         self.wfile.write(data)
 
@@ -108,8 +103,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
 class Server(http.server.ThreadingHTTPServer):
     daemon_threads = True
 
-    def handle_error(self, request, client_address):
-        pass  # clients that hang up or fail the handshake are expected here
+    def handle_error(self, request, client_address): pass  # clients hanging up or failing TLS
 
 
 def make_tls_context(address):
@@ -130,8 +124,7 @@ def make_tls_context(address):
 def main():
     args = parse(sys.argv[1:])
     address = args.get("address", "127.0.0.1")
-    if not address.startswith("127."):
-        sys.exit("fake_cm: only loopback addresses are served")
+    address.startswith("127.") or sys.exit("fake_cm: only loopback addresses are served")
     signal.signal(signal.SIGTERM, lambda *_: os._exit(0))
     limit = threading.Timer(MAX_SECONDS, lambda: os._exit(0))
     limit.daemon = True
