@@ -223,24 +223,6 @@ bool StagedFile::moveInto(int parentFd, std::string& error) {
   return true;
 }
 
-bool StagedFile::commit(int64_t expectedSize, int mode, std::string& error) {
-  // A fresh walk: the directories may have been swapped since staging.
-  std::string reason;
-  const System::FileDescriptor parent = mPaths.openParent(mRemoteTarget, reason);
-  if (!parent) {
-    error = mRemoteTarget + ": " + reason;
-    return false;
-  }
-  FileAttributes attrs;
-  if (!prepare(parent.get(), expectedSize, mode, error, attrs)) return false;
-  const System::FileDescriptor fd = openStaged(parent.get());
-  if (!fd || !mFS->syncFile(fd.get())) {
-    error = "Error flushing " + mRemoteTarget + ": " + System::getErrorMessageStr();
-    return false;
-  }
-  return moveInto(parent.get(), error);
-}
-
 void StagedFile::discard() {
   close();
   if (!mExists) return;

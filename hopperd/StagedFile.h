@@ -92,8 +92,6 @@ class StagedFile {
   // its target in parentFd, the target's directory reached by a fresh walk
   // (TargetPath::openParent). False with the error text on failure.
   bool moveInto(int parentFd, std::string& error);
-  // Both steps with a flush of this file alone (tests, single files).
-  bool commit(int64_t expectedSize, int mode, std::string& error);
   // Removes the staged file this object made; a missing one is fine.
   void discard();
 
