@@ -23,7 +23,9 @@
 # Before that, without namespaces: the tree to one local daemon on 127.0.0.2
 # whose root is on a disk-backed file system, against the same with its root
 # on a tmpfs; then, as the floor each file system sets, the tree copied by
-# cp -r and made durable on each.
+# cp -r and made durable on each; last, the tree to a chain of 8 local
+# daemons (127.0.0.2-9, tmpfs) against one: the chain's own cost per host,
+# without the simulated links and bridge.
 #
 # Needs root for namespaces and mounts; without it (or when `ip netns add`
 # fails) the network part is skipped with one line.
@@ -137,29 +139,38 @@ data_bytes() { find "$1" -type f -printf '%s\n' | awk '{ s += $1 } END { print s
 
 listening() { (exec 3<>"/dev/tcp/$1/$2") 2>/dev/null; }
 
-# local_tree DIR: uploads the tree to one daemon rooted in DIR; sets elapsed.
+# local_tree DIR [N]: uploads the tree to N daemons (default 1) on 127.0.0.2
+# and up, host K rooted in DIR/hK; sets elapsed.
 local_tree() {
-  local dir=$1 pid tries=0 out=$base/local.out
-  mkdir -p "$dir/root" "$dir/state"
-  ! listening 127.0.0.2 "$local_port" || fail "127.0.0.2:$local_port is already taken"
-  "$hopperd" --bind=127.0.0.2 --port="$local_port" --root="$dir/root" \
-    --state-dir="$dir/state" >"$dir/hopperd.out" 2>&1 &
-  pid=$!; pids+=("$pid")
-  until listening 127.0.0.2 "$local_port"; do
-    tries=$((tries + 1))
-    if [ $tries -ge 100 ] || ! kill -0 "$pid" 2>/dev/null; then
-      fail "the local daemon did not start: $(cat "$dir/hopperd.out")"
-    fi
-    sleep 0.1
+  local dir=$1 n=${2:-1} k ip tries out=$base/local.out started=()
+  for ((k = 1; k <= n; k++)); do
+    ip=127.0.0.$((k + 1))
+    mkdir -p "$dir/h$k/root" "$dir/h$k/state"
+    ! listening "$ip" "$local_port" || fail "$ip:$local_port is already taken"
+    "$hopperd" --bind="$ip" --port="$local_port" --root="$dir/h$k/root" \
+      --state-dir="$dir/h$k/state" >"$dir/h$k/hopperd.out" 2>&1 &
+    started+=($!); pids+=($!)
+  done
+  for ((k = 1; k <= n; k++)); do
+    tries=0
+    until listening "127.0.0.$((k + 1))" "$local_port"; do
+      tries=$((tries + 1))
+      if [ $tries -ge 100 ] || ! kill -0 "${started[k - 1]}" 2>/dev/null; then
+        fail "local daemon $k did not start: $(cat "$dir/h$k/hopperd.out")"
+      fi
+      sleep 0.1
+    done
   done
   sync  # nothing left to write back from what ran before
   local t0=$EPOCHREALTIME
-  timeout 300 "$hivecopy" --timeout=240 --hosts="127.0.0.2:$local_port" "$src/tree" /bench >"$out" 2>&1 ||
-    { cat "$out" >&2; fail "hivecopy to the local daemon in $dir"; }
+  timeout 300 "$hivecopy" --timeout=240 --hosts="127.0.0.{2-$((n + 1))}:$local_port" "$src/tree" /bench \
+    >"$out" 2>&1 || { cat "$out" >&2; fail "hivecopy to $n local daemon(s) in $dir"; }
   elapsed=$(sub "$t0" "$EPOCHREALTIME")
-  same "$src/tree" "$dir/root/bench/tree" || fail "the local daemon's copy in $dir differs from the source"
-  kill -TERM "$pid"; wait "$pid" || true
-  rm -rf "$dir/root/bench"
+  for ((k = 1; k <= n; k++)); do
+    same "$src/tree" "$dir/h$k/root/bench/tree" || fail "local daemon $k's copy in $dir differs from the source"
+  done
+  kill -TERM "${started[@]}"; wait "${started[@]}" || true
+  rm -rf "${dir:?}"/h*
 }
 
 # cp_tree DIR: the tree copied into DIR by cp -r and made durable (syncfs),
@@ -200,6 +211,11 @@ local_case() {  # local_case MEMDIR
        "root on tmpfs ${mem_s}s; disk/tmpfs $(ratio "$disk_s" "$mem_s")"
   echo "local: the same tree by cp -r and syncfs: disk ${cp_disk}s, tmpfs ${cp_mem}s; disk/tmpfs" \
        "$(ratio "$cp_disk" "$cp_mem"); hivecopy/cp on disk $(ratio "$disk_s" "$cp_disk")"
+  # The chain's own cost, without the simulated network: every host is a
+  # process of this machine, so eight of them share its cores.
+  local_tree "$mem" 8
+  echo "local: the same tree to 8 daemons on 127.0.0.2-9, roots on tmpfs, no rate limit: ${elapsed}s," \
+       "to one ${mem_s}s; 8/1 $(ratio "$elapsed" "$mem_s")"
   rm -rf "$disk" "$mem"
 }
 
