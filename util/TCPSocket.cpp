@@ -41,14 +41,19 @@ Mutex& secureLayerMutex() {
 }
 
 // printf-style message in a fixed buffer, as every socket error is built.
+std::string formatList(const char* fmt, va_list args) {
+  char buffer[512];
+  std::vsnprintf(buffer, sizeof buffer, fmt, args);
+  return buffer;
+}
+
 std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 std::string format(const char* fmt, ...) {
-  char buffer[512];
   va_list args;
   va_start(args, fmt);
-  std::vsnprintf(buffer, sizeof buffer, fmt, args);
+  std::string text = formatList(fmt, args);
   va_end(args);
-  return buffer;
+  return text;
 }
 
 std::string errnoText(int code) { return System::errorText(code); }
@@ -63,23 +68,31 @@ std::string dotted(const in_addr& addr) {
   return text;
 }
 
-// Resolves host to its IPv4 addresses; returns the resolver's error text on
-// failure (empty on success).
-std::string resolve(const std::string& host, std::vector<in_addr>& out) {
+[[noreturn]] void hostNotFound(const std::string& host, const std::string& why) {
+  throw TCPSocket::exception(
+      format("couldn't find host \"%.60s\": %.150s", host.c_str(), why.c_str()));
+}
+
+// The IPv4 addresses of host, a dotted address (returned as it is) or a name
+// to resolve. Throws TCPSocket::exception with the resolver's text when there
+// are none.
+std::vector<in_addr> addressesOf(const std::string& host) {
+  in_addr address{};
+  if (parseDotted(host, address)) return {address};
   addrinfo hints{};
   hints.ai_family = AF_INET;
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* result = nullptr;
   Mutex::Lock lock(resolverMutex());
   const int rc = getaddrinfo(host.c_str(), nullptr, &hints, &result);
-  if (rc != 0) {
-    return rc == EAI_SYSTEM ? errnoText(errno) : std::string(gai_strerror(rc));
-  }
+  if (rc != 0) hostNotFound(host, rc == EAI_SYSTEM ? errnoText(errno) : gai_strerror(rc));
+  std::vector<in_addr> found;
   for (addrinfo* p = result; p; p = p->ai_next) {
-    out.push_back(reinterpret_cast<sockaddr_in*>(p->ai_addr)->sin_addr);
+    found.push_back(reinterpret_cast<sockaddr_in*>(p->ai_addr)->sin_addr);
   }
   freeaddrinfo(result);
-  return out.empty() ? std::string("no IPv4 address") : std::string();
+  if (found.empty()) hostNotFound(host, "no IPv4 address");
+  return found;
 }
 
 const int64_t kNanosPerMs = 1000000;
@@ -195,6 +208,15 @@ void TCPSocket::failAndClose(const std::string& message) {
   throw exception(message);
 }
 
+void TCPSocket::failAndClose(int error, const char* fmt, ...) {
+  mLastError = error;  // before anything here can change errno
+  va_list args;
+  va_start(args, fmt);
+  const std::string prefix = formatList(fmt, args);
+  va_end(args);
+  failAndClose(prefix + errnoText(error));
+}
+
 bool TCPSocket::fail(int error) {
   mLastError = error;
   return false;
@@ -244,26 +266,16 @@ void TCPSocket::connect(const std::string& host, int port, long timeoutMs) {
     mFd = mConnector->connect(host, port, timeoutMs);
     return;
   }
-  // Close-on-exec from birth: set later, a fork in another thread could
-  // inherit the descriptor. Non-blocking until connected, so that the wait
-  // happens in poll where its limits apply.
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (fd < 0) {
-    mLastError = errno;
-    throw exception(format("couldn't create client socket: %.100s", errnoText(errno).c_str()));
-  }
-  mFd = System::FileDescriptor(fd);
+  // Resolved first, so that a name that does not resolve leaves nothing to close.
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_port = htons(static_cast<uint16_t>(port));
-  if (!parseDotted(host, addr.sin_addr)) {
-    std::vector<in_addr> found;
-    const std::string error = resolve(host, found);
-    if (!error.empty()) {
-      failAndClose(format("couldn't find host \"%.60s\": %.150s", host.c_str(), error.c_str()));
-    }
-    addr.sin_addr = found.front();
-  }
+  addr.sin_addr = addressesOf(host).front();
+  // Close-on-exec from birth: set later, a fork in another thread could
+  // inherit the descriptor. Non-blocking until connected, so that the wait
+  // happens in poll where its limits apply.
+  mFd = System::FileDescriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!mFd.valid()) failAndClose(errno, "couldn't create client socket: ");
   if (::connect(mFd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0 &&
       !System::errorMeansInProgress()) {
     mLastError = errno;
@@ -274,22 +286,16 @@ void TCPSocket::connect(const std::string& host, int port, long timeoutMs) {
     if (mLastError == ETIMEDOUT || mLastError == EINTR) {
       failAndClose("couldn't connect to server: timed out");
     }
-    failAndClose(format("select failed: %.150s", errnoText(mLastError).c_str()));
+    failAndClose(mLastError, "select failed: ");
   }
   int pending = 0;
   socklen_t len = sizeof pending;
   if (::getsockopt(mFd.get(), SOL_SOCKET, SO_ERROR, &pending, &len) < 0) {
-    mLastError = errno;
-    failAndClose(format("Internal socket error: %s", errnoText(errno).c_str()));
+    failAndClose(errno, "Internal socket error: ");
   }
-  if (pending != 0) {
-    mLastError = pending;
-    failAndClose(format("couldn't connect to server:  %s", errnoText(pending).c_str()));
-  }
+  if (pending != 0) failAndClose(pending, "couldn't connect to server:  ");
   if (System::setNonBlocking(mFd.get(), 0) < 0) {
-    mLastError = errno;
-    failAndClose(format("couldn't reset socket to Blocking \"%.60s\": %.150s", host.c_str(),
-                        errnoText(errno).c_str()));
+    failAndClose(errno, "couldn't reset socket to Blocking \"%.60s\": ", host.c_str());
   }
 }
 
@@ -302,23 +308,15 @@ void TCPSocket::listen(const std::string& address, int port, int backlog) {
   if (!address.empty() && !parseDotted(address, addr.sin_addr)) {
     throw exception(format("invalid listen address \"%.60s\"", address.c_str()));
   }
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) {
-    mLastError = errno;
-    throw exception(format("couldn't create server socket: %.150s", errnoText(errno).c_str()));
-  }
-  mFd = System::FileDescriptor(fd);
+  mFd = System::FileDescriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!mFd.valid()) failAndClose(errno, "couldn't create server socket: ");
   const int on = 1;
   if (::setsockopt(mFd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0 ||
       ::bind(mFd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0) {
-    mLastError = errno;
-    failAndClose(format("couldn't bind to %.60s:%d: %.150s", address.c_str(), port,
-                        errnoText(errno).c_str()));
+    failAndClose(errno, "couldn't bind to %.60s:%d: ", address.c_str(), port);
   }
   if (::listen(mFd.get(), backlog) < 0) {
-    mLastError = errno;
-    failAndClose(format("couldn't listen on %.60s:%d: %.150s", address.c_str(), port,
-                        errnoText(errno).c_str()));
+    failAndClose(errno, "couldn't listen on %.60s:%d: ", address.c_str(), port);
   }
 }
 
@@ -548,17 +546,7 @@ std::string TCPSocket::getHostIP(const std::string& host) { return getHostIPList
 
 std::vector<std::string> TCPSocket::getHostIPList(const std::string& host) {
   std::vector<std::string> result;
-  in_addr addr{};
-  if (parseDotted(host, addr)) {
-    result.push_back(dotted(addr));
-    return result;
-  }
-  std::vector<in_addr> found;
-  const std::string error = resolve(host, found);
-  if (!error.empty()) {
-    throw exception(format("couldn't find host \"%.60s\": %.150s", host.c_str(), error.c_str()));
-  }
-  for (const in_addr& a : found) result.push_back(dotted(a));
+  for (const in_addr& a : addressesOf(host)) result.push_back(dotted(a));
   return result;
 }
 

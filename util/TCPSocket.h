@@ -199,6 +199,10 @@ class TCPSocket {
  private:
   bool secureHasBufferedData();
   [[noreturn]] void failAndClose(const std::string& message);
+  // The same after recording error, the message being the printf-style
+  // prefix followed by the error's text.
+  [[noreturn]] void failAndClose(int error, const char* fmt, ...)
+      __attribute__((format(printf, 3, 4)));
   // True when writes must not block inside send() because some limit or the
   // cancel flag has to be able to end them.
   bool writesBounded() const;
