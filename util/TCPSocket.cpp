@@ -183,16 +183,6 @@ bool addressOf(const System::FileDescriptor& fd, bool local, sockaddr_in& addr) 
 
 }  // namespace
 
-TCPSocket::TCPSocket()
-    : mReadTimeout(-1),
-      mWriteTimeout(-1),
-      mCancelFlag(nullptr),
-      mLastError(0),
-      mReadBytes(0),
-      mWriteBytes(0) {}
-
-TCPSocket::TCPSocket(int fd) : TCPSocket() { mFd = System::FileDescriptor(fd); }
-
 TCPSocket::~TCPSocket() { close(); }
 
 std::pair<System::FileDescriptor, System::FileDescriptor> TCPSocket::pair() {
@@ -528,12 +518,10 @@ bool TCPSocket::sendFile(int fd, int64_t offset, int64_t count, int blockSize,
 }
 
 bool TCPSocket::setKeepAlive(bool on) {
+  if (!mFd.valid()) return fail(EBADF);
   const int value = on ? 1 : 0;
-  if (!mFd.valid() || ::setsockopt(mFd.get(), SOL_SOCKET, SO_KEEPALIVE, &value, sizeof value) < 0) {
-    mLastError = !mFd.valid() ? EBADF : errno;
-    return false;
-  }
-  return true;
+  return ::setsockopt(mFd.get(), SOL_SOCKET, SO_KEEPALIVE, &value, sizeof value) == 0 ||
+         fail(errno);
 }
 
 std::string TCPSocket::getHostName() {

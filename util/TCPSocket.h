@@ -57,9 +57,9 @@ class TCPSocket {
         : std::runtime_error(message) {}
   };
 
-  TCPSocket();
+  TCPSocket() = default;
   // Adopts an already connected descriptor (the socket now owns it).
-  explicit TCPSocket(int fd);
+  explicit TCPSocket(int fd) : mFd(fd) {}
   // Two connected local stream descriptors (close-on-exec), for a peer
   // inside this process. Throws exception when there are none left.
   static std::pair<System::FileDescriptor, System::FileDescriptor> pair();
@@ -219,19 +219,19 @@ class TCPSocket {
 
   System::FileDescriptor mFd;  // invalid while closed
   std::unique_ptr<TCPSecureLayer> mSecureSocket;
-  int mReadTimeout;
-  int mWriteTimeout;
+  int mReadTimeout = -1;
+  int mWriteTimeout = -1;
   Ticks mDeadline;
-  const std::atomic<bool>* mCancelFlag;
+  const std::atomic<bool>* mCancelFlag = nullptr;
   Connector* mConnector = nullptr;
   std::function<bool()> mStallHandler;
-  int mLastError;
+  int mLastError = 0;
   std::shared_ptr<TCPSpy> mSpy;
   Ticks mReadTicks;
   Ticks mWriteTicks;
   bool mDrained = false;  // the last read left nothing behind
-  int64_t mReadBytes;
-  int64_t mWriteBytes;
+  int64_t mReadBytes = 0;
+  int64_t mWriteBytes = 0;
 };
 
 #endif  // HIVE_UTIL_TCPSOCKET_H_
