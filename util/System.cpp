@@ -14,8 +14,6 @@
 #include <ctime>
 #include <utility>
 
-#include "util/Assert.h"
-
 extern char** environ;
 
 namespace System {
@@ -35,16 +33,9 @@ OSID makeOSID(const char* name) {
 }
 
 bool fileExists(const std::string& path, SymLinkMode mode) {
-  switch (mode) {
-    case FOLLOW_SYMLINK:
-      return ::access(path.c_str(), F_OK) == 0;
-    case DONT_FOLLOW_SYMLINK: {
-      FileAttributes attrs;
-      return attrs.stat(path, DONT_FOLLOW_SYMLINK);
-    }
-  }
-  HC_ASSERT(false);
-  return false;
+  if (mode == FOLLOW_SYMLINK) return ::access(path.c_str(), F_OK) == 0;
+  FileAttributes attrs;
+  return attrs.stat(path, DONT_FOLLOW_SYMLINK);
 }
 
 int remove(const std::string& path, bool) {
@@ -236,39 +227,38 @@ int runShellCommand(const std::string& command) {
   return -1;
 }
 
-bool disableSIGPIPE() {
+namespace {
+
+void doNothing(int) {}
+
+// pthread_sigmask(how) for the one signal sig; errno set on failure.
+bool changeThreadMask(int how, int sig) {
   sigset_t set;
   sigemptyset(&set);
-  sigaddset(&set, SIGPIPE);
-  const int rc = pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  sigaddset(&set, sig);
+  const int rc = pthread_sigmask(how, &set, nullptr);
   if (rc != 0) errno = rc;
   return rc == 0;
 }
 
-bool ignoreSIGPIPE() {
+// The process-wide disposition of sig, with no flags and an empty mask.
+bool setDisposition(int sig, void (*handler)(int)) {
   struct sigaction action;
   std::memset(&action, 0, sizeof action);
-  action.sa_handler = SIG_IGN;
+  action.sa_handler = handler;
   sigemptyset(&action.sa_mask);
-  return ::sigaction(SIGPIPE, &action, nullptr) == 0;
+  return ::sigaction(sig, &action, nullptr) == 0;
 }
 
-namespace {
-void doNothing(int) {}
 }  // namespace
 
+bool disableSIGPIPE() { return changeThreadMask(SIG_BLOCK, SIGPIPE); }
+
+bool ignoreSIGPIPE() { return setDisposition(SIGPIPE, SIG_IGN); }
+
 bool trapUSR1ButDoNothing() {
-  struct sigaction action;
-  std::memset(&action, 0, sizeof action);
-  action.sa_handler = doNothing;  // no SA_RESTART: blocking calls return EINTR
-  sigemptyset(&action.sa_mask);
-  if (::sigaction(SIGUSR1, &action, nullptr) != 0) return false;
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGUSR1);
-  const int rc = pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
-  if (rc != 0) errno = rc;
-  return rc == 0;
+  // No SA_RESTART: blocking calls return EINTR.
+  return setDisposition(SIGUSR1, doNothing) && changeThreadMask(SIG_UNBLOCK, SIGUSR1);
 }
 
 std::string signalName(int sig) {

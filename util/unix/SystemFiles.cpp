@@ -13,6 +13,16 @@
 
 namespace {
 
+// Repeats call while it fails with EINTR and returns its last result.
+template <typename Call>
+auto retryOnInterrupt(Call call) {
+  decltype(call()) rc;
+  do {
+    rc = call();
+  } while (rc < 0 && errno == EINTR);
+  return rc;
+}
+
 void fillFrom(FileAttributes& a, const struct stat& st) {
   a.mFSID.mDevice = static_cast<int64_t>(st.st_dev);
   a.mFSID.mIndex = static_cast<int64_t>(st.st_ino);
@@ -30,14 +40,7 @@ void fillFrom(FileAttributes& a, const struct stat& st) {
 }  // namespace
 
 bool FileAttributes::stat(const std::string& path, SymLinkMode mode) {
-  struct stat st;
-  int rc;
-  do {
-    rc = mode == DONT_FOLLOW_SYMLINK ? ::lstat(path.c_str(), &st) : ::stat(path.c_str(), &st);
-  } while (rc != 0 && errno == EINTR);
-  if (rc != 0) return false;
-  fillFrom(*this, st);
-  return true;
+  return statAt(AT_FDCWD, path, mode);
 }
 
 bool FileAttributes::statFd(int fd) {
@@ -50,11 +53,9 @@ bool FileAttributes::statFd(int fd) {
 bool FileAttributes::statAt(int dirFd, const std::string& name, SymLinkMode mode) {
   struct stat st;
   const int flags = mode == DONT_FOLLOW_SYMLINK ? AT_SYMLINK_NOFOLLOW : 0;
-  int rc;
-  do {
-    rc = ::fstatat(dirFd, name.c_str(), &st, flags);
-  } while (rc != 0 && errno == EINTR);
-  if (rc != 0) return false;
+  if (retryOnInterrupt([&] { return ::fstatat(dirFd, name.c_str(), &st, flags); }) != 0) {
+    return false;
+  }
   fillFrom(*this, st);
   return true;
 }
@@ -151,11 +152,7 @@ bool FileDescriptor::close() {
 namespace {
 
 int openAtRetrying(int dirFd, const std::string& name, int flags, int mode) {
-  int fd;
-  do {
-    fd = ::openat(dirFd, name.c_str(), flags, static_cast<mode_t>(mode));
-  } while (fd < 0 && errno == EINTR);
-  return fd;
+  return retryOnInterrupt([&] { return ::openat(dirFd, name.c_str(), flags, mode_t(mode)); });
 }
 
 int openRetrying(const std::string& path, int flags, int mode) {
@@ -244,11 +241,7 @@ bool writeAll(int fd, const void* data, size_t n) {
 }
 
 ssize_t readSome(int fd, void* buf, size_t n) {
-  ssize_t r;
-  do {
-    r = ::read(fd, buf, n);
-  } while (r < 0 && errno == EINTR);
-  return r;
+  return retryOnInterrupt([&] { return ::read(fd, buf, n); });
 }
 
 ssize_t readFull(int fd, void* buf, size_t n) {
@@ -264,11 +257,7 @@ ssize_t readFull(int fd, void* buf, size_t n) {
 }
 
 ssize_t preadSome(int fd, void* buf, size_t n, int64_t offset) {
-  ssize_t r;
-  do {
-    r = ::pread(fd, buf, n, static_cast<off_t>(offset));
-  } while (r < 0 && errno == EINTR);
-  return r;
+  return retryOnInterrupt([&] { return ::pread(fd, buf, n, static_cast<off_t>(offset)); });
 }
 
 int64_t seek(int fd, int64_t offset, int whence) {
