@@ -100,7 +100,6 @@ class SignalProcessing {
   Condition mCond;
   CallbackMap mCallbacks;
   State mState = unconfigured;
-  int mPendingWakeUps = 0;
   ThreadId mDispatcher = 0;
   Observer mObserver;
 };
