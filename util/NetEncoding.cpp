@@ -21,7 +21,8 @@ void checkRange(int value, int limit, const char* what) {
   }
 }
 
-// Reads exactly n bytes (n already checked) into s.
+// Reads n bytes into s; a negative n becomes a size beyond max_size, which
+// raises std::length_error.
 void readBytes(std::istream& in, std::string& s, int n) {
   if (n == 0) {
     s.clear();
@@ -64,13 +65,7 @@ void writeSmallBuf(std::ostream& out, const char* data, int length) {
 void readSmallBuf(std::istream& in, std::string& s) {
   const int length = readInt32(in);
   if (in.fail()) return;  // also covers bad: the target stays as it was
-  if (length == 0) {
-    s.clear();
-    return;
-  }
-  // A negative length becomes a size beyond max_size: std::length_error.
-  s.assign(static_cast<size_t>(static_cast<long>(length)), '\0');
-  in.read(&s[0], length);
+  readBytes(in, s, length);
 }
 
 void writeLargeBuf(std::ostream& out, const char* data, long length) {
