@@ -25,7 +25,6 @@ uint32_t getBE32(const char* in) {
 
 TCPStreamBuf::TCPStreamBuf(TCPSocket* socket)
     : mSocket(socket),
-      mPutBackSize(kPutBackSize),
       mBufSize(kBufSize),
       mOutBufSize(kOutBufSize),
       mBufferIn(kPutBackSize + kBufSize),
@@ -38,7 +37,7 @@ TCPStreamBuf::TCPStreamBuf(TCPSocket* socket)
 }
 
 void TCPStreamBuf::reset() {
-  char* in = mBufferIn.data() + mPutBackSize;
+  char* in = mBufferIn.data() + kPutBackSize;
   setg(in, in, in);
   char* out = mBufferOut.data() + kCRCHeaderSize;
   setp(out, out + mOutBufSize);
@@ -49,8 +48,8 @@ void TCPStreamBuf::reset() {
 void TCPStreamBuf::setInputBufferSize(int size) {
   HC_ASSERT(buffered() == 0 && size > 0);
   mBufSize = size;
-  mBufferIn.assign(static_cast<size_t>(mPutBackSize + size), 0);
-  char* in = mBufferIn.data() + mPutBackSize;
+  mBufferIn.assign(static_cast<size_t>(kPutBackSize + size), 0);
+  char* in = mBufferIn.data() + kPutBackSize;
   setg(in, in, in);
 }
 
@@ -112,19 +111,13 @@ std::streamsize TCPStreamBuf::xsputn(const char* s, std::streamsize n) {
   // whatever is already queued (in the same send) so that the byte order is
   // kept.
   std::streamsize done = 0;
-  const int queued = static_cast<int>(pptr() - pbase());
-  if (queued > 0) {
-    const int chunk = static_cast<int>(std::min<std::streamsize>(n, 1 << 30));
-    const int written = mSocket->write(pbase(), queued, s, chunk);
+  while (done < n) {
+    const int queued = static_cast<int>(pptr() - pbase());  // only before the first chunk
+    const int chunk = static_cast<int>(std::min<std::streamsize>(n - done, 1 << 30));
+    const int written = mSocket->write(pbase(), queued, s + done, chunk);
     pbump(-queued);
     if (written != queued + chunk) lost("send failed");
-    done = chunk;
-  }
-  while (done < n) {
-    const int chunk = static_cast<int>(std::min<std::streamsize>(n - done, 1 << 30));
-    const int written = mSocket->write(s + done, chunk);
-    if (written != chunk) lost("send failed");
-    done += written;
+    done += chunk;
   }
   return done;
 }
@@ -164,8 +157,8 @@ int TCPStreamBuf::fillInput(char* dest, int maxLength) {
 }
 
 void TCPStreamBuf::keepPutBack(const char* end, std::streamsize count) {
-  const std::streamsize keep = std::min<std::streamsize>(count, mPutBackSize);
-  char* data = mBufferIn.data() + mPutBackSize;
+  const std::streamsize keep = std::min<std::streamsize>(count, kPutBackSize);
+  char* data = mBufferIn.data() + kPutBackSize;
   std::memmove(data - keep, end - keep, static_cast<size_t>(keep));
   setg(data - keep, data, data);
 }
@@ -173,7 +166,7 @@ void TCPStreamBuf::keepPutBack(const char* end, std::streamsize count) {
 TCPStreamBuf::int_type TCPStreamBuf::underflow() {
   if (gptr() < egptr()) return traits_type::to_int_type(*gptr());
   keepPutBack(gptr(), gptr() - eback());
-  char* data = mBufferIn.data() + mPutBackSize;
+  char* data = mBufferIn.data() + kPutBackSize;
   const int n = fillInput(data, mBufSize);
   if (n <= 0) lost(n == 0 ? "connection closed by the peer" : "connection lost or timed out");
   setg(eback(), data, data + n);
