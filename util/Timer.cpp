@@ -13,11 +13,7 @@ void Timer::stop(Ticks now) {
   mIsRunning = false;
 }
 
-void Timer::reset() {
-  mIsRunning = false;
-  mTotalTime = mShortest = mLongest = Ticks();
-  mNumIntervals = 0;
-}
+void Timer::reset() { *this = Timer(); }
 
 double Timer::currentSeconds(Ticks now) const {
   return mIsRunning ? (now - mStartTime).seconds() : 0.0;

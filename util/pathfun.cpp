@@ -30,10 +30,7 @@ std::string getFileName(const std::string& path) {
 bool isAbsolute(GenericStringKey path, System::OSID) { return rootLength(path) > 0; }
 
 void pathConcatEx(GenericStringKey a, GenericStringKey b, std::string& out, char sep) {
-  out.clear();
-  if (a.empty()) {
-    out.assign(b.data(), b.size());
-  } else if (b.empty() || isAbsolute(b)) {
+  if (a.empty() || b.empty() || isAbsolute(b)) {
     const GenericStringKey& src = b.empty() ? a : b;
     out.assign(src.data(), src.size());
   } else {
@@ -81,7 +78,6 @@ bool makeRelative(const std::string& base, std::string& path) {
   std::vector<Range> baseParts;
   const bool absolute = splitPath(base, baseParts);
   HC_ASSERT(absolute);
-  (void)absolute;
   if (baseParts.size() > pathParts.size()) return false;
   for (std::size_t i = 0; i < baseParts.size(); ++i) {
     if (!sameComponent(base, baseParts[i], path, pathParts[i])) return false;
