@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <utility>
 
 #include "util/System.h"
 
@@ -95,12 +96,8 @@ const std::size_t kDirBufferSize = 5370;
 
 bool readDirectory(const std::string& path, std::vector<std::string>& names) {
   FileDescriptor dir(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!dir) return false;
-  if (!readDirectoryAt(dir.get(), names)) {
-    SaveError keep;
-    dir.close();
-    return false;
-  }
+  // On failure the descriptor's destructor closes it and keeps errno.
+  if (!dir || !readDirectoryAt(dir.get(), names)) return false;
   return dir.close();
 }
 
@@ -136,11 +133,7 @@ FileDescriptor& FileDescriptor::operator=(FileDescriptor&& o) noexcept {
   return *this;
 }
 
-int FileDescriptor::release() {
-  const int fd = mFd;
-  mFd = -1;
-  return fd;
-}
+int FileDescriptor::release() { return std::exchange(mFd, -1); }
 
 bool FileDescriptor::close() {
   if (mFd < 0) return true;
@@ -204,8 +197,7 @@ FileDescriptor openFileAt(int dirFd, const std::string& name, bool forWrite) {
   struct stat st;
   if (!fd || ::fstat(fd.get(), &st) != 0) return FileDescriptor();
   if (!S_ISREG(st.st_mode)) {
-    fd.close();
-    errno = EINVAL;
+    errno = EINVAL;  // kept while fd closes
     return FileDescriptor();
   }
   // O_NONBLOCK (there so that opening a FIFO cannot wait) stays: reads and
