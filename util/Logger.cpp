@@ -154,13 +154,9 @@ void Logger::rollLog() {
     ++count;
   }
   if (!shiftBacklogs(count)) return;
-  if (mFilesToRetain <= 0) {
-    openLogFile(false);
-    return;
-  }
   closeFileStream();
   const std::string first = backlogName(1);
-  if (System::retryMove(mPath, first, false)) {
+  if (mFilesToRetain <= 0 || System::retryMove(mPath, first, false)) {
     openLogFile(false);
     return;
   }
