@@ -197,9 +197,8 @@ void getStringList(std::istream& in, StringList& out, int maxCount, int maxLengt
   System::checkRange(count, maxCount, "list count");
   StringList result;
   for (int i = 0; i < count && in.good(); ++i) {
-    std::string element;
-    getString(in, element, maxLength);
-    result.push_back(std::move(element));
+    result.emplace_back();
+    getString(in, result.back(), maxLength);
   }
   out.swap(result);
 }
@@ -217,10 +216,9 @@ void getPairList(std::istream& in, StringIntPairList& out, int maxCount, int max
   System::checkRange(count, maxCount, "list count");
   StringIntPairList result;
   for (int i = 0; i < count && in.good(); ++i) {
-    std::string name;
-    getString(in, name, maxLength);
-    const int code = System::readInt32(in);
-    result.emplace_back(std::move(name), code);
+    result.emplace_back();
+    getString(in, result.back().first, maxLength);
+    result.back().second = System::readInt32(in);
   }
   out.swap(result);
 }
