@@ -43,8 +43,7 @@ int remove(const std::string& path, bool) {
   do {
     rc = ::remove(path.c_str());
   } while (rc != 0 && errno == EINTR);
-  if (rc == 0 || errno == ENOENT || errno == ENOTDIR) return 0;
-  return -1;
+  return rc == 0 || errno == ENOENT || errno == ENOTDIR ? 0 : -1;
 }
 
 bool move(const std::string& from, const std::string& to, bool) {

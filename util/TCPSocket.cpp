@@ -357,8 +357,7 @@ bool TCPSocket::isGood() {
     if (n == 0) return false;  // orderly shutdown by the peer
     if (errno == EINTR) continue;
     if (errno == EAGAIN || errno == EWOULDBLOCK) return true;
-    mLastError = errno;
-    return false;
+    return fail(errno);
   }
   return false;
 }

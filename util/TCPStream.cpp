@@ -28,12 +28,8 @@ TCPStreamBuf::TCPStreamBuf(TCPSocket* socket)
       mBufSize(kBufSize),
       mOutBufSize(kOutBufSize),
       mBufferIn(kPutBackSize + kBufSize),
-      mBufferOut(kCRCHeaderSize + kOutBufSize),
-      mCRCMismatch(false),
-      mExpectedCRC(0),
-      mActualCRC(0),
-      mBytesToSum(0) {
-  reset();
+      mBufferOut(kCRCHeaderSize + kOutBufSize) {
+  reset();  // also sets the checksum state
 }
 
 void TCPStreamBuf::reset() {

@@ -40,16 +40,6 @@ void Time::normalize() {
   }
 }
 
-timeval Time::toTimeval() const {
-  timeval tv;
-  tv.tv_sec = static_cast<time_t>(mNative);
-  tv.tv_usec = mNanos / 1000;
-  return tv;
-}
+timeval Time::toTimeval() const { return timeval{static_cast<time_t>(mNative), mNanos / 1000}; }
 
-timespec Time::toTimespec() const {
-  timespec ts;
-  ts.tv_sec = static_cast<time_t>(mNative);
-  ts.tv_nsec = mNanos;
-  return ts;
-}
+timespec Time::toTimespec() const { return timespec{static_cast<time_t>(mNative), mNanos}; }
