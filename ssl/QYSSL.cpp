@@ -138,7 +138,6 @@ SSLProvider::~SSLProvider() = default;
 void SSLProvider::setTrustedCACerts(const char* file) {
   mCACertPem = file ? std::optional<std::string>(file) : std::nullopt;
   if (SSL_CTX_load_verify_locations(mImpl.get(), file, nullptr) != 1) throwLibraryError();
-  mHaveCA = true;
 }
 
 void SSLProvider::setOwnCertAndKey(const char* file) {
@@ -146,7 +145,6 @@ void SSLProvider::setOwnCertAndKey(const char* file) {
   if (SSL_CTX_use_PrivateKey_file(mImpl.get(), file, SSL_FILETYPE_PEM) != 1) {
     throwLibraryError();
   }
-  mHaveOwnCert = true;
 }
 
 void SSLProvider::setAllowedCiphers(const char* list) {

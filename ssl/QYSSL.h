@@ -120,8 +120,6 @@ class SSLProvider : public Provider {
 
   ContextPtr mImpl;
   Mutex mMutex;  // serialises handshakes
-  bool mHaveCA = false;
-  bool mHaveOwnCert = false;
   bool mRequireTrustedCerts;
   std::optional<std::string> mCACertPem;
   std::vector<std::string> mCNs;
