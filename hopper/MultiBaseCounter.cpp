@@ -3,7 +3,7 @@
 #include <stdexcept>
 
 MultiBaseCounter::MultiBaseCounter(const std::vector<uint64_t>& bases)
-    : mDigitBases(bases), mDigits(bases.size(), 0), mIsValid(true) {
+    : mDigitBases(bases), mDigits(bases.size(), 0) {
   for (uint64_t base : mDigitBases) {
     if (base == 0) {
       throw std::runtime_error("MultiBaseCounter: bases must be at least 1.");

@@ -46,14 +46,7 @@ const char* const kCommonSwitches =
 }  // namespace
 
 RunnerApplication::RunnerApplication(GetOpt::Option* options, const char* textName)
-    : Application(options, textName),
-      mPlatform(System::OS_NONE),
-      mCM(nullptr),
-      mFileListFile(nullptr),
-      mGoodNodesOnly(false),
-      mStopAgents(false),
-      mTimeout(-1),
-      mVerbose(false) {}
+    : Application(options, textName) {}
 
 RunnerApplication::~RunnerApplication() = default;
 
