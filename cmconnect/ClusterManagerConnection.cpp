@@ -44,8 +44,6 @@ ClusterManagerConnection::ClusterManagerConnection(int retryInterval, int maxRet
   initializeCurlOnce();
 }
 
-ClusterManagerConnection::~ClusterManagerConnection() = default;
-
 bool ClusterManagerConnection::fail(const std::string& message, int code, bool fromCM) {
   mError = message;
   mErrorCode = code;

@@ -52,7 +52,7 @@ class ClusterManagerConnection {
   // |retryInterval| in milliseconds; |maxRetries| transfer attempts per
   // request; |retryOnHTTPError| retries replies with a status other than 200.
   ClusterManagerConnection(int retryInterval, int maxRetries, bool retryOnHTTPError);
-  virtual ~ClusterManagerConnection();
+  virtual ~ClusterManagerConnection() = default;
   ClusterManagerConnection(const ClusterManagerConnection&) = delete;
   ClusterManagerConnection& operator=(const ClusterManagerConnection&) = delete;
 

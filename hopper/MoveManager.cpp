@@ -19,8 +19,6 @@ MoveManager::MoveManager(const IPtoNameMap& hosts, bool verboseMode, bool stopAg
   for (const auto& entry : mNodeIPToNameMap) mNodeIPSet.insert(entry.first);
 }
 
-MoveManager::~MoveManager() = default;
-
 void MoveManager::abort(const std::string& message) {
   Mutex::Lock lock(mAbortMutex);
   if (mAbortMessage.empty()) mAbortMessage = message;

@@ -25,7 +25,7 @@ class MoveManager {
   // were chosen for, is not needed after that. out and err are not owned.
   MoveManager(const IPtoNameMap& hosts, bool verboseMode, bool stopAgents, int timeout,
               System::OSID targetOSID, std::ostream& out, std::ostream& err);
-  virtual ~MoveManager();
+  virtual ~MoveManager() = default;
   MoveManager(const MoveManager&) = delete;
   MoveManager& operator=(const MoveManager&) = delete;
 

@@ -48,8 +48,6 @@ const char* const kCommonSwitches =
 RunnerApplication::RunnerApplication(GetOpt::Option* options, const char* textName)
     : Application(options, textName) {}
 
-RunnerApplication::~RunnerApplication() = default;
-
 void RunnerApplication::usage() { std::cout << kCommonSwitches << std::endl; }
 
 void RunnerApplication::initialize() {

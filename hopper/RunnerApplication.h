@@ -23,7 +23,6 @@
 class RunnerApplication : public Application {
  public:
   RunnerApplication(GetOpt::Option* options, const char* textName);
-  ~RunnerApplication() override;
 
   // Writes the common switch text and a newline on standard output;
   // subclasses print their header before it and their switches after it.

@@ -59,8 +59,6 @@ UploadManager::UploadManager(const IPtoNameMap& hosts, bool verboseMode, bool st
                              std::ostream& err)
     : MoveManager(hosts, verboseMode, stopAgents, timeout, targetOSID, out, err) {}
 
-UploadManager::~UploadManager() = default;
-
 void UploadManager::validatePaths(const FilePairs& pairs) const {
   for (const auto& pair : pairs) {
     FileAttributes attributes;

@@ -125,8 +125,6 @@ void readFileList(std::istream& in, const std::string& fileName, FilePairs& pair
 HiveCopy::HiveCopy(GetOpt::Option* options, const char* textName)
     : RunnerApplication(options, textName) {}
 
-HiveCopy::~HiveCopy() = default;
-
 void HiveCopy::usage() {
   std::cout << kUsageHeader;
   RunnerApplication::usage();

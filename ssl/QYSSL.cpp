@@ -133,8 +133,6 @@ SSLProvider::SSLProvider(bool requireTrustedCerts) : mRequireTrustedCerts(requir
   SSL_CTX_set_verify(ctx, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
 }
 
-SSLProvider::~SSLProvider() = default;
-
 void SSLProvider::setTrustedCACerts(const char* file) {
   mCACertPem = file ? std::optional<std::string>(file) : std::nullopt;
   if (SSL_CTX_load_verify_locations(mImpl.get(), file, nullptr) != 1) throwLibraryError();

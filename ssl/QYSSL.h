@@ -84,7 +84,6 @@ class SSLProvider : public Provider {
  public:
   // Throws std::runtime_error naming the failing step.
   explicit SSLProvider(bool requireTrustedCerts);
-  ~SSLProvider() override;
   SSLProvider(const SSLProvider&) = delete;
   SSLProvider& operator=(const SSLProvider&) = delete;
 

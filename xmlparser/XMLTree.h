@@ -17,7 +17,6 @@
 class XMLTree {
  public:
   XMLTree() = default;
-  ~XMLTree() = default;
   XMLTree(const XMLTree&) = delete;
   XMLTree& operator=(const XMLTree&) = delete;
 
