@@ -156,17 +156,16 @@ std::vector<XMLTree*> XMLTree::getSubTrees(const std::string& name) {
   return found;
 }
 
-XMLTree* XMLTree::insertChild(const std::string& name) {
+XMLTree* XMLTree::insertChild(const std::string& name, const std::string& value, bool isCDATA) {
   // multimap::emplace places an equal key after the existing ones, which is
   // what keeps repeated elements in document order.
-  auto it = mChildren.emplace(name, std::make_unique<XMLTree>());
-  return it->second.get();
+  XMLTree* child = mChildren.emplace(name, std::make_unique<XMLTree>())->second.get();
+  child->setValue(value, isCDATA);
+  return child;
 }
 
 XMLTree* XMLTree::addSubTree(const std::string& name, const std::string& value) {
-  XMLTree* child = insertChild(name);
-  child->setValue(value, false);
-  return child;
+  return insertChild(name, value, false);
 }
 
 XMLTree* XMLTree::addSubTree(const std::string& name, unsigned long number) {
@@ -174,9 +173,7 @@ XMLTree* XMLTree::addSubTree(const std::string& name, unsigned long number) {
 }
 
 XMLTree* XMLTree::addCDATA(const std::string& name, const std::string& value) {
-  XMLTree* child = insertChild(name);
-  child->setValue(value, true);
-  return child;
+  return insertChild(name, value, true);
 }
 
 void XMLTree::write(std::ostream& out) const {
