@@ -50,18 +50,27 @@ struct Utf8Free {
 
 // Parses one "type=value" access-list entry; throws for a malformed one.
 std::pair<std::string, std::string> splitACLEntry(const std::string& piece) {
+  const auto invalid = [&piece](const char* why) {
+    return std::runtime_error(std::string("Invalid allow option (") + why + ") '" + piece + "'");
+  };
   const size_t eq = piece.find('=');
-  if (eq == std::string::npos) {
-    throw std::runtime_error("Invalid allow option (no equal) '" + piece + "'");
-  }
-  if (eq + 1 == piece.size()) {
-    throw std::runtime_error("Invalid allow option (no value) '" + piece + "'");
-  }
+  if (eq == std::string::npos) throw invalid("no equal");
+  if (eq + 1 == piece.size()) throw invalid("no value");
   std::string type = piece.substr(0, eq);
-  if (type != "cn" && type != "ou") {
-    throw std::runtime_error("Invalid allow option (unknown type) '" + piece + "'");
-  }
+  if (type != "cn" && type != "ou") throw invalid("unknown type");
   return {type, piece.substr(eq + 1)};
+}
+
+// Shared result rules of read and write.
+int sessionResult(SSL* session, int result) {
+  if (result > 0) return result;
+  const int error = SSL_get_error(session, result);
+  ERR_clear_error();
+  if (result == 0) return error == SSL_ERROR_ZERO_RETURN ? 0 : -1;
+  if (result == -1 && error == SSL_ERROR_WANT_READ) {
+    throw std::runtime_error("peer requested renegotiation");
+  }
+  return result;
 }
 
 }  // namespace
@@ -79,22 +88,6 @@ SSLSocket::~SSLSocket() {
   mImpl.reset();
   ERR_clear_error();
 }
-
-namespace {
-
-// Shared result rules of read and write.
-int sessionResult(SSL* session, int result) {
-  if (result > 0) return result;
-  const int error = SSL_get_error(session, result);
-  ERR_clear_error();
-  if (result == 0) return error == SSL_ERROR_ZERO_RETURN ? 0 : -1;
-  if (result == -1 && error == SSL_ERROR_WANT_READ) {
-    throw std::runtime_error("peer requested renegotiation");
-  }
-  return result;
-}
-
-}  // namespace
 
 int SSLSocket::write(const void* data, int length) {
   ERR_clear_error();
