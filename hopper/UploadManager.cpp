@@ -176,13 +176,9 @@ bool UploadManager::sendFile(int file, const std::string& localPath, const std::
   mPOutStream->flush();
   const std::string reply = Protocol::readReply(*mPOutStream, *mNodeIPSet.begin());
   mWire = Wire::Idle;
-  if (reply.empty()) {
-    if (mVerboseMode) mStdout << "success" << std::endl;
-    return true;
-  }
-  if (mVerboseMode) mStdout << "failed" << std::endl;
-  printError(reply);
-  return false;
+  if (mVerboseMode) mStdout << (reply.empty() ? "success" : "failed") << std::endl;
+  if (!reply.empty()) printError(reply);
+  return reply.empty();
 }
 
 void UploadManager::printError(std::string text) {
