@@ -1,5 +1,6 @@
 #include "hopper/StringExpander.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <sstream>
@@ -13,11 +14,7 @@ namespace {
 const char kSeparators[] = ", \v\f\t\r\n";
 
 bool allDigits(const std::string& s) {
-  if (s.empty()) return false;
-  for (char c : s) {
-    if (c < '0' || c > '9') return false;
-  }
-  return true;
+  return !s.empty() && std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
 // Out-of-range bounds convert as strtol does and are cut to 32 bits.

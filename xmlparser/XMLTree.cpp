@@ -1,6 +1,7 @@
 #include "xmlparser/XMLTree.h"
 
 #include <cstdio>
+#include <iterator>
 
 #include "util/URL.h"
 
@@ -137,12 +138,8 @@ const std::string& XMLTree::getSingleSubTreeValue(const std::string& name) const
 }
 
 const XMLTree* XMLTree::getSubTree(const std::string& name, int index) const {
-  if (index < 0) return nullptr;
-  auto range = mChildren.equal_range(name);
-  for (auto it = range.first; it != range.second; ++it, --index) {
-    if (index == 0) return it->second.get();
-  }
-  return nullptr;
+  if (index < 0 || static_cast<size_t>(index) >= mChildren.count(name)) return nullptr;
+  return std::next(mChildren.lower_bound(name), index)->second.get();
 }
 
 XMLTree* XMLTree::getSubTree(const std::string& name, int index) {
