@@ -31,15 +31,11 @@ Ticks monotonicAt(const Time& deadline) {
 // rename, a lost or short staged copy, a failed agent command): any line but
 // a lost host's.
 bool reportsFileErrors(const std::string& reply) {
-  std::string::size_type start = 0;
-  while (start < reply.size()) {
-    std::string::size_type end = reply.find('\n', start);
-    if (end == std::string::npos) end = reply.size();
-    const std::string line = reply.substr(start, end - start);
+  std::istringstream lines(reply);
+  for (std::string line; std::getline(lines, line);) {
     const bool lostHost =
         line.find(": Unable to connect or lost connection to ") != std::string::npos;
     if (!line.empty() && !lostHost) return true;
-    start = end + 1;
   }
   return false;
 }
