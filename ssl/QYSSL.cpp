@@ -38,6 +38,10 @@ std::string errorText(unsigned long code) {
   throw std::runtime_error(errorText(code));
 }
 
+[[noreturn]] void handshakeFailure(const std::string& reason) {
+  throw HandshakeError("SSL handshake failure: " + reason);
+}
+
 struct BioFree {
   void operator()(BIO* bio) const { BIO_free(bio); }
 };
@@ -169,9 +173,7 @@ std::unique_ptr<Socket> SSLProvider::handshake(int fd, Mode mode) {
   ERR_clear_error();
   SessionPtr session(SSL_new(mImpl.get()));
   std::unique_ptr<BIO, BioFree> bio(BIO_new_socket(fd, BIO_NOCLOSE));
-  if (!session || !bio) {
-    throw HandshakeError("SSL handshake failure: " + errorText(ERR_get_error()));
-  }
+  if (!session || !bio) handshakeFailure(errorText(ERR_get_error()));
   // One reference serves both directions; the session owns it from here.
   SSL_set_bio(session.get(), bio.get(), bio.get());
   bio.release();
@@ -179,9 +181,9 @@ std::unique_ptr<Socket> SSLProvider::handshake(int fd, Mode mode) {
   if (result != 1) {
     const int error = SSL_get_error(session.get(), result);
     const std::string reason =
-        error == SSL_ERROR_SSL ? errorText(ERR_get_error()) : errorText(static_cast<unsigned long>(error));
+        errorText(error == SSL_ERROR_SSL ? ERR_get_error() : static_cast<unsigned long>(error));
     ERR_clear_error();
-    throw HandshakeError("SSL handshake failure: " + reason);
+    handshakeFailure(reason);
   }
   if (mRequireTrustedCerts) checkPeer(session.get());
   return std::make_unique<SSLSocket>(std::move(session));
@@ -189,11 +191,9 @@ std::unique_ptr<Socket> SSLProvider::handshake(int fd, Mode mode) {
 
 void SSLProvider::checkPeer(SSL* session) const {
   std::unique_ptr<X509, CertificateFree> peer(SSL_get1_peer_certificate(session));
-  if (!peer) throw HandshakeError("SSL handshake failure: no peer certificate");
-  if (SSL_get_verify_result(session) != X509_V_OK) {
-    throw HandshakeError("SSL handshake failure: peer not verified");
-  }
-  if (!verify(peer.get())) throw HandshakeError("SSL handshake failure: peer not allowed");
+  if (!peer) handshakeFailure("no peer certificate");
+  if (SSL_get_verify_result(session) != X509_V_OK) handshakeFailure("peer not verified");
+  if (!verify(peer.get())) handshakeFailure("peer not allowed");
 }
 
 bool SSLProvider::verify(X509* peer) const {
