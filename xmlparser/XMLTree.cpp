@@ -69,10 +69,7 @@ void XMLTree::setValue(const std::string& value, bool isCDATA) {
   mNodeValue = value;
   mDirty = true;
   mEscapedCurrent = false;
-  if (isCDATA) {
-    mIsCDATA = true;
-    mCDATA = "<![CDATA[" + value + "]]>";
-  }
+  if (isCDATA) mCDATA = "<![CDATA[" + value + "]]>";
 }
 
 void XMLTree::clearValue() {
@@ -87,7 +84,6 @@ void XMLTree::clear() {
   mDirty = false;
   mEscapedCurrent = true;
   mCDATA.clear();
-  mIsCDATA = false;
 }
 
 void XMLTree::appendCharacter(char c) {
@@ -101,10 +97,9 @@ void XMLTree::appendCDATA(const std::string& content) {
   mDirty = true;
   mEscapedCurrent = false;
   static const std::string kClose = "]]>";
-  if (mIsCDATA) {
+  if (isCDATA()) {
     mCDATA.insert(mCDATA.size() - kClose.size(), content);
   } else {
-    mIsCDATA = true;
     mCDATA = "<![CDATA[" + content + kClose;
   }
 }
@@ -117,7 +112,7 @@ void XMLTree::unEscape() const {
 }
 
 const std::string& XMLTree::getValue() const {
-  if (mIsCDATA) return mCDATA;
+  if (isCDATA()) return mCDATA;
   if (mDirty) unEscape();
   return mNodeValue;
 }
@@ -176,7 +171,7 @@ XMLTree* XMLTree::addCDATA(const std::string& name, const std::string& value) {
 void XMLTree::write(std::ostream& out) const {
   for (const auto& [name, child] : mChildren) {
     out << '<' << name << '>';
-    out << (child->mIsCDATA ? child->mCDATA : child->getEscapedValue());
+    out << (child->isCDATA() ? child->mCDATA : child->getEscapedValue());
     child->write(out);
     out << "</" << name << '>';
   }
