@@ -90,8 +90,7 @@ int Application::getOptionAsInt(OptionID id, int dflt) const {
 }
 
 void Application::parseArgs(int argc, char** argv) {
-  mPathProgramName = argc > 0 ? argv[0] : "";
-  mProgramName = lastPathComponent(mPathProgramName);
+  mProgramName = lastPathComponent(argc > 0 ? argv[0] : "");
 
   std::vector<const char*> args;
   for (int i = 1; i < argc; ++i) args.push_back(argv[i]);
