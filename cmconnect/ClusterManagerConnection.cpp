@@ -144,11 +144,7 @@ bool ClusterManagerConnection::send(const std::string& request, XMLTree& reply,
     curl_easy_setopt(h, CURLOPT_HTTPGET, 1L);
   }
   std::ostringstream text;
-  if (!doSendHTTPStreaming(request, &text)) return false;
-  // A failed attempt may have left a longer body behind the final one.
-  const std::streamoff length = text.tellp();
-  return parseXMLResponse(text.str().substr(0, length < 0 ? 0 : static_cast<size_t>(length)),
-                          reply);
+  return doSendHTTPStreaming(request, text) && parseXMLResponse(text.str(), reply);
 }
 
 void ClusterManagerConnection::setURLOptions(const std::string& request) {
@@ -171,21 +167,22 @@ void ClusterManagerConnection::setURLOptions(const std::string& request) {
   curl_easy_setopt(h, CURLOPT_TCP_NODELAY, 1L);
 }
 
-bool ClusterManagerConnection::doSendHTTPStreaming(const std::string& request, std::ostream* out) {
+bool ClusterManagerConnection::doSendHTTPStreaming(const std::string& request,
+                                                   std::ostringstream& body) {
   CURL* h = mCurl.get();
-  curl_easy_setopt(h, CURLOPT_WRITEDATA, static_cast<void*>(out));
+  // ReceiveData takes the pointer back as a std::ostream*.
+  curl_easy_setopt(h, CURLOPT_WRITEDATA, static_cast<void*>(static_cast<std::ostream*>(&body)));
   ++mSendMsgCount;
   setURLOptions(request);
   if (mMaxRetries <= 0) return reportTransferFailure(CURLE_OK, 0);
 
-  const std::streampos start = out->tellp();
   long pause = mRetryInterval;
   CURLcode result = CURLE_OK;
   long httpCode = 0;
   for (int attempt = 0;;) {
-    // Every attempt writes its body from the same place.
-    out->clear();
-    if (start != std::streampos(-1)) out->seekp(start);
+    // The body is the last attempt's alone.
+    body.str("");
+    body.clear();
     mCurlErrMsg[0] = '\0';
     mReqTimer.start();
     result = curl_easy_perform(h);

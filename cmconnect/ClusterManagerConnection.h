@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <ostream>
+#include <sstream>
 #include <string>
 
 #include "util/Mutex.h"
@@ -99,7 +100,7 @@ class ClusterManagerConnection {
 
   void setHandleOptions(int timeout);
   bool send(const std::string& request, XMLTree& reply, const std::string* body);
-  bool doSendHTTPStreaming(const std::string& request, std::ostream* out);
+  bool doSendHTTPStreaming(const std::string& request, std::ostringstream& body);
   void setURLOptions(const std::string& request);
   bool reportTransferFailure(CURLcode result, long httpCode);
   bool parseXMLResponse(const std::string& text, XMLTree& tree);
