@@ -6,7 +6,6 @@
 #include <sstream>
 
 #include "ssl/QYSSL.h"
-#include "util/Assert.h"
 #include "util/StringUtilities.h"
 #include "util/System.h"
 #include "util/TCPSocket.h"
@@ -44,8 +43,6 @@ ClusterManagerConnection::ClusterManagerConnection(int retryInterval, int maxRet
   initializeCurlOnce();
 }
 
-ClusterManagerConnection::~ClusterManagerConnection() = default;
-
 bool ClusterManagerConnection::fail(const std::string& message, int code, bool fromCM) {
   mError = message;
   mErrorCode = code;
@@ -63,23 +60,16 @@ std::string ClusterManagerConnection::getError(int* code) const {
 bool ClusterManagerConnection::connect(const std::string& host, int port,
                                        qysec::Provider* provider, int timeout) {
   mError.clear();
-  mTimeout = timeout;
   if (provider != nullptr) mCMSecurityProvider = provider;
 
   const size_t colon = host.find(':');
-  if (colon == std::string::npos) {
-    mHostPlusPort = host + ":" + std::to_string(port);
-    mOrigHost = host;
-  } else {
-    mHostPlusPort = host;
-    mOrigHost = host.substr(0, colon);
-  }
+  mOrigHost = host.substr(0, colon);
+  mHostPlusPort = colon == std::string::npos ? host + ":" + std::to_string(port) : host;
 
   if (provider == nullptr) {
     // Plain HTTP goes to the resolved IPv4 address.
-    const size_t split = mHostPlusPort.find(':');
-    std::string name = mHostPlusPort.substr(0, split);
-    std::string portText = mHostPlusPort.substr(split + 1);
+    std::string name = mOrigHost;
+    std::string portText = mHostPlusPort.substr(mOrigHost.size() + 1);
     removeTrailingLeadingSpace(name);
     removeTrailingLeadingSpace(portText);
     std::string address;
@@ -153,18 +143,8 @@ bool ClusterManagerConnection::send(const std::string& request, XMLTree& reply,
   } else {
     curl_easy_setopt(h, CURLOPT_HTTPGET, 1L);
   }
-  std::string text;
-  return doSendHTTP(request, &text) && parseXMLResponse(text, reply);
-}
-
-bool ClusterManagerConnection::doSendHTTP(const std::string& request, std::string* text) {
-  HC_ASSERT(text != nullptr);
-  std::ostringstream stream;
-  if (!doSendHTTPStreaming(request, &stream)) return false;
-  // A failed attempt may have left a longer body behind the final one.
-  const std::streamoff length = stream.tellp();
-  *text = stream.str().substr(0, length < 0 ? 0 : static_cast<size_t>(length));
-  return true;
+  std::ostringstream text;
+  return doSendHTTPStreaming(request, text) && parseXMLResponse(text.str(), reply);
 }
 
 void ClusterManagerConnection::setURLOptions(const std::string& request) {
@@ -187,21 +167,22 @@ void ClusterManagerConnection::setURLOptions(const std::string& request) {
   curl_easy_setopt(h, CURLOPT_TCP_NODELAY, 1L);
 }
 
-bool ClusterManagerConnection::doSendHTTPStreaming(const std::string& request, std::ostream* out) {
+bool ClusterManagerConnection::doSendHTTPStreaming(const std::string& request,
+                                                   std::ostringstream& body) {
   CURL* h = mCurl.get();
-  curl_easy_setopt(h, CURLOPT_WRITEDATA, static_cast<void*>(out));
+  // ReceiveData takes the pointer back as a std::ostream*.
+  curl_easy_setopt(h, CURLOPT_WRITEDATA, static_cast<void*>(static_cast<std::ostream*>(&body)));
   ++mSendMsgCount;
   setURLOptions(request);
   if (mMaxRetries <= 0) return reportTransferFailure(CURLE_OK, 0);
 
-  const std::streampos start = out->tellp();
   long pause = mRetryInterval;
   CURLcode result = CURLE_OK;
   long httpCode = 0;
   for (int attempt = 0;;) {
-    // Every attempt writes its body from the same place.
-    out->clear();
-    if (start != std::streampos(-1)) out->seekp(start);
+    // The body is the last attempt's alone.
+    body.str("");
+    body.clear();
     mCurlErrMsg[0] = '\0';
     mReqTimer.start();
     result = curl_easy_perform(h);

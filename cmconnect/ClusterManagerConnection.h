@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <ostream>
+#include <sstream>
 #include <string>
 
 #include "util/Mutex.h"
@@ -52,7 +53,7 @@ class ClusterManagerConnection {
   // |retryInterval| in milliseconds; |maxRetries| transfer attempts per
   // request; |retryOnHTTPError| retries replies with a status other than 200.
   ClusterManagerConnection(int retryInterval, int maxRetries, bool retryOnHTTPError);
-  virtual ~ClusterManagerConnection();
+  virtual ~ClusterManagerConnection() = default;
   ClusterManagerConnection(const ClusterManagerConnection&) = delete;
   ClusterManagerConnection& operator=(const ClusterManagerConnection&) = delete;
 
@@ -99,8 +100,7 @@ class ClusterManagerConnection {
 
   void setHandleOptions(int timeout);
   bool send(const std::string& request, XMLTree& reply, const std::string* body);
-  bool doSendHTTP(const std::string& request, std::string* text);
-  bool doSendHTTPStreaming(const std::string& request, std::ostream* out);
+  bool doSendHTTPStreaming(const std::string& request, std::ostringstream& body);
   void setURLOptions(const std::string& request);
   bool reportTransferFailure(CURLcode result, long httpCode);
   bool parseXMLResponse(const std::string& text, XMLTree& tree);
@@ -124,7 +124,6 @@ class ClusterManagerConnection {
   std::map<int64_t, int> mHTTPCodeMap;
   std::map<int, int> mCurlCodeMap;
   Timer mReqTimer;
-  int mTimeout = 0;
   std::array<char, CURL_ERROR_SIZE> mCurlErrMsg{};
   std::shared_ptr<ClusterManagerSpy> mSpy;
   qysec::Provider* mCMSecurityProvider = nullptr;

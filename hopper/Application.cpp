@@ -23,9 +23,7 @@ std::string lastPathComponent(const std::string& path) {
 }  // namespace
 
 Application::Application(GetOpt::Option* options, const char* textName)
-    : mPathProgramName(nullptr),
-      mProgramTextName(textName),
-      mOptions(options) {
+    : mProgramTextName(textName), mOptions(options) {
   for (const GetOpt::Option* row = mOptions; row != nullptr && row->name != nullptr; ++row) {
     // Identifiers of 500 and up have no short form; 0 and below are no
     // characters (a NUL would cut the option string short).
@@ -92,8 +90,7 @@ int Application::getOptionAsInt(OptionID id, int dflt) const {
 }
 
 void Application::parseArgs(int argc, char** argv) {
-  mPathProgramName = argc > 0 ? argv[0] : "";
-  mProgramName = lastPathComponent(mPathProgramName);
+  mProgramName = lastPathComponent(argc > 0 ? argv[0] : "");
 
   std::vector<const char*> args;
   for (int i = 1; i < argc; ++i) args.push_back(argv[i]);

@@ -98,7 +98,6 @@ class Application {
  protected:
   ArgMap mOptionMap;               // first occurrence of each option wins
   std::vector<const char*> mArgs;  // positional arguments in order
-  const char* mPathProgramName;    // argv[0] as given
   std::string mProgramName;
   const char* mProgramTextName;    // display name for the version banner
   GetOpt::Option* mOptions;

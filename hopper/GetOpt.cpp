@@ -15,18 +15,7 @@ char foldCase(char c) {
 
 GetOpt::GetOpt(std::vector<const char*>& args, const char* shortOpts,
                const Option* longOpts)
-    : optarg(nullptr),
-      optind(0),
-      optopt('?'),
-      optlong(false),
-      mArgs(args),
-      mShortOpts(shortOpts != nullptr ? shortOpts : ""),
-      mLongOpts(longOpts),
-      mNextChar(nullptr),
-      mNonOptStart(0),
-      mNonOptEnd(0),
-      mOptionCharacters("-"),
-      mCaseSensitive(true) {}
+    : mArgs(args), mShortOpts(shortOpts != nullptr ? shortOpts : ""), mLongOpts(longOpts) {}
 
 int GetOpt::next(bool stopAtNonOption) {
   optarg = nullptr;

@@ -54,10 +54,10 @@ class GetOpt {
   int getNonOptStart() const { return mNonOptStart; }
   int getNonOptEnd() const { return mNonOptEnd; }
 
-  const char* optarg;  // value of the option just returned, or null
-  int optind;          // index of the next argument to scan
-  int optopt;          // the offending option after an error
-  bool optlong;        // the option just returned was a long one
+  const char* optarg = nullptr;  // value of the option just returned, or null
+  int optind = 0;                // index of the next argument to scan
+  int optopt = '?';              // the offending option after an error
+  bool optlong = false;          // the option just returned was a long one
 
  private:
   int argCount() const { return static_cast<int>(mArgs.size()); }
@@ -75,11 +75,11 @@ class GetOpt {
   std::vector<const char*>& mArgs;
   std::string mShortOpts;
   const Option* mLongOpts;
-  const char* mNextChar;
-  int mNonOptStart;
-  int mNonOptEnd;
-  std::string mOptionCharacters;
-  bool mCaseSensitive;
+  const char* mNextChar = nullptr;
+  int mNonOptStart = 0;
+  int mNonOptEnd = 0;
+  std::string mOptionCharacters = "-";
+  bool mCaseSensitive = true;
 };
 
 #endif  // HIVE_HOPPER_GETOPT_H_

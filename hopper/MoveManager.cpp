@@ -8,19 +8,16 @@
 #include "util/pathfun.h"
 
 MoveManager::MoveManager(const IPtoNameMap& hosts, bool verboseMode, bool stopAgents, int timeout,
-                         System::OSID targetOSID, std::ostream& out, std::ostream& err)
+                         System::OSID /*targetOSID*/, std::ostream& out, std::ostream& err)
     : mClientHostName(TCPSocket::getHostName()),
       mNodeIPToNameMap(hosts),
       mVerboseMode(verboseMode),
       mStopAgents(stopAgents),
       mTimeout(timeout),
-      mTargetOSID(targetOSID),
       mStdout(out),
       mStderr(err) {
   for (const auto& entry : mNodeIPToNameMap) mNodeIPSet.insert(entry.first);
 }
-
-MoveManager::~MoveManager() = default;
 
 void MoveManager::abort(const std::string& message) {
   Mutex::Lock lock(mAbortMutex);
@@ -71,9 +68,7 @@ void MoveManager::reportBadNodesByIP(const BadNodeList& badNodes) {
 }
 
 void MoveManager::reportBadNodeByIP(const std::string& host, int code) {
-  std::ostringstream line;
-  genBadNodeErrMsg(line, mClientHostName, std::make_pair(host, code));
-  writeMassaged(line.str());
+  reportBadNodesByIP({{host, code}});
 }
 
 void MoveManager::reportBusyNodesByIP(const BusyNodeList& busyNodes) {

@@ -1,13 +1,12 @@
 #include "hopper/MultiBaseCounter.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 MultiBaseCounter::MultiBaseCounter(const std::vector<uint64_t>& bases)
-    : mDigitBases(bases), mDigits(bases.size(), 0), mIsValid(true) {
-  for (uint64_t base : mDigitBases) {
-    if (base == 0) {
-      throw std::runtime_error("MultiBaseCounter: bases must be at least 1.");
-    }
+    : mDigitBases(bases), mDigits(bases.size(), 0) {
+  if (std::find(bases.begin(), bases.end(), 0) != bases.end()) {
+    throw std::runtime_error("MultiBaseCounter: bases must be at least 1.");
   }
 }
 

@@ -33,7 +33,7 @@ class MultiBaseCounter {
  private:
   std::vector<uint64_t> mDigitBases;
   std::vector<uint64_t> mDigits;
-  bool mIsValid;
+  bool mIsValid = true;
 };
 
 #endif  // HIVE_HOPPER_MULTIBASECOUNTER_H_

@@ -200,9 +200,8 @@ void writeFileInfo(TCPStream& out, const FileInfo& info) {
 }
 
 void writeFilePart(TCPStream& out, const FilePart& part) {
-  const FileInfo& info = part.mInfo;
   Wire::putInt32(out, H2H_FILE_PART);
-  putFileItems(out, info);
+  putFileItems(out, part.mInfo);
   Wire::putInt64(out, part.mSeq);
   Wire::putInt64(out, part.mStart);
   Wire::putInt64(out, part.mCount);

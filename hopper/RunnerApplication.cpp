@@ -46,16 +46,7 @@ const char* const kCommonSwitches =
 }  // namespace
 
 RunnerApplication::RunnerApplication(GetOpt::Option* options, const char* textName)
-    : Application(options, textName),
-      mPlatform(System::OS_NONE),
-      mCM(nullptr),
-      mFileListFile(nullptr),
-      mGoodNodesOnly(false),
-      mStopAgents(false),
-      mTimeout(-1),
-      mVerbose(false) {}
-
-RunnerApplication::~RunnerApplication() = default;
+    : Application(options, textName) {}
 
 void RunnerApplication::usage() { std::cout << kCommonSwitches << std::endl; }
 

@@ -23,7 +23,6 @@
 class RunnerApplication : public Application {
  public:
   RunnerApplication(GetOpt::Option* options, const char* textName);
-  ~RunnerApplication() override;
 
   // Writes the common switch text and a newline on standard output;
   // subclasses print their header before it and their switches after it.
@@ -46,15 +45,15 @@ class RunnerApplication : public Application {
   virtual void processSignals();
 
  protected:
-  System::OSID mPlatform;
+  System::OSID mPlatform = System::OS_NONE;
   std::vector<std::string> mNodeList;   // --hosts expanded, duplicates removed
-  const char* mCM;                      // --cm, else BRISK_CM, else null
-  const char* mFileListFile;            // --filelist or null
-  bool mGoodNodesOnly;
-  bool mStopAgents;
-  int32_t mTimeout;                     // seconds; -1 when not given
+  const char* mCM = nullptr;            // --cm, else BRISK_CM, else null
+  const char* mFileListFile = nullptr;  // --filelist or null
+  bool mGoodNodesOnly = false;
+  bool mStopAgents = false;
+  int32_t mTimeout = -1;                // seconds; -1 when not given
   IPtoNameMap mNodeIPToNameMap;         // address[:port] -> entry as written
-  bool mVerbose;
+  bool mVerbose = false;
 
  private:
   void hostsFromClusterManager();

@@ -1,5 +1,6 @@
 #include "hopper/StringExpander.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <sstream>
@@ -13,41 +14,12 @@ namespace {
 const char kSeparators[] = ", \v\f\t\r\n";
 
 bool allDigits(const std::string& s) {
-  if (s.empty()) return false;
-  for (char c : s) {
-    if (c < '0' || c > '9') return false;
-  }
-  return true;
+  return !s.empty() && std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
 // Out-of-range bounds convert as strtol does and are cut to 32 bits.
 int32_t toInt32(const std::string& s) {
   return static_cast<int32_t>(std::strtol(s.c_str(), nullptr, 10));
-}
-
-void addNumericRange(const std::string& item, const std::string& low,
-                     const std::string& high, std::vector<std::string>& out) {
-  if (!allDigits(high)) throw std::runtime_error("Invalid range: " + item);
-  const int64_t from = toInt32(low);
-  const int64_t to = toInt32(high);
-  if (from > to) {
-    throw std::runtime_error("Lower bound must be <= upper bound: " + item);
-  }
-  // Plain decimal without padding: [08-10] gives 8, 9, 10.
-  for (int64_t n = from; n <= to; ++n) out.push_back(std::to_string(n));
-}
-
-void addCharacterRange(const std::string& item, const std::string& low,
-                       const std::string& high, std::vector<std::string>& out) {
-  if (low.size() != 1 || high.size() != 1) {
-    throw std::runtime_error("Character ranges must be for single characters: " + item);
-  }
-  const int from = static_cast<signed char>(low[0]);
-  const int to = static_cast<signed char>(high[0]);
-  if (from > to) {
-    throw std::runtime_error("Lower bound must be <= upper bound: " + item);
-  }
-  for (int c = from; c <= to; ++c) out.push_back(std::string(1, static_cast<char>(c)));
 }
 
 void addItem(const std::string& item, std::vector<std::string>& out) {
@@ -62,10 +34,25 @@ void addItem(const std::string& item, std::vector<std::string>& out) {
   }
   const std::string low = item.substr(0, dash);
   const std::string high = item.substr(dash + 1);
-  if (allDigits(low)) {
-    addNumericRange(item, low, high, out);
+  // A decimal lower bound makes a numeric range, any other a character one.
+  const bool numeric = allDigits(low);
+  int64_t from = 0;
+  int64_t to = 0;
+  if (numeric) {
+    if (!allDigits(high)) throw std::runtime_error("Invalid range: " + item);
+    from = toInt32(low);
+    to = toInt32(high);
   } else {
-    addCharacterRange(item, low, high, out);
+    if (low.size() != 1 || high.size() != 1) {
+      throw std::runtime_error("Character ranges must be for single characters: " + item);
+    }
+    from = static_cast<signed char>(low[0]);
+    to = static_cast<signed char>(high[0]);
+  }
+  if (from > to) throw std::runtime_error("Lower bound must be <= upper bound: " + item);
+  // Plain decimal without padding: [08-10] gives 8, 9, 10.
+  for (int64_t n = from; n <= to; ++n) {
+    out.push_back(numeric ? std::to_string(n) : std::string(1, static_cast<char>(n)));
   }
 }
 

@@ -31,15 +31,11 @@ Ticks monotonicAt(const Time& deadline) {
 // rename, a lost or short staged copy, a failed agent command): any line but
 // a lost host's.
 bool reportsFileErrors(const std::string& reply) {
-  std::string::size_type start = 0;
-  while (start < reply.size()) {
-    std::string::size_type end = reply.find('\n', start);
-    if (end == std::string::npos) end = reply.size();
-    const std::string line = reply.substr(start, end - start);
+  std::istringstream lines(reply);
+  for (std::string line; std::getline(lines, line);) {
     const bool lostHost =
         line.find(": Unable to connect or lost connection to ") != std::string::npos;
     if (!line.empty() && !lostHost) return true;
-    start = end + 1;
   }
   return false;
 }
@@ -58,8 +54,6 @@ UploadManager::UploadManager(const IPtoNameMap& hosts, bool verboseMode, bool st
                              int timeout, System::OSID targetOSID, std::ostream& out,
                              std::ostream& err)
     : MoveManager(hosts, verboseMode, stopAgents, timeout, targetOSID, out, err) {}
-
-UploadManager::~UploadManager() = default;
 
 void UploadManager::validatePaths(const FilePairs& pairs) const {
   for (const auto& pair : pairs) {
@@ -178,13 +172,9 @@ bool UploadManager::sendFile(int file, const std::string& localPath, const std::
   mPOutStream->flush();
   const std::string reply = Protocol::readReply(*mPOutStream, *mNodeIPSet.begin());
   mWire = Wire::Idle;
-  if (reply.empty()) {
-    if (mVerboseMode) mStdout << "success" << std::endl;
-    return true;
-  }
-  if (mVerboseMode) mStdout << "failed" << std::endl;
-  printError(reply);
-  return false;
+  if (mVerboseMode) mStdout << (reply.empty() ? "success" : "failed") << std::endl;
+  if (!reply.empty()) printError(reply);
+  return reply.empty();
 }
 
 void UploadManager::printError(std::string text) {

@@ -42,7 +42,6 @@ class UploadManager : public MoveManager {
 
   UploadManager(const IPtoNameMap& hosts, bool verboseMode, bool stopAgents, int timeout,
                 System::OSID targetOSID, std::ostream& out, std::ostream& err);
-  ~UploadManager() override;
 
   // Where the connections to heads go (null, the default: TCP); not owned.
   void setConnector(Connector* connector) { mConnector = connector; }

@@ -3,7 +3,6 @@
 #include <iostream>
 #include <sstream>
 #include <stdexcept>
-#include <vector>
 
 #include "util/SignalProcessing.h"
 #include "util/StringUtilities.h"
@@ -77,15 +76,6 @@ const char* const kUsageTail =
 // Longest file-list line; the read buffer holds one more for the NUL.
 const int kMaxListLine = 198;
 
-// The last component of a path as the path splitter sees it, so "d1/"
-// gives "d1".
-std::string lastComponent(const std::string& path) {
-  std::vector<Range> parts;
-  splitPath(path, parts);
-  const Range& last = parts.back();
-  return path.substr(last.first, last.second - last.first);
-}
-
 // Checks one trimmed, non-comment line: appends its pair and returns "", or
 // returns the words that describe its fault.
 const char* parseListLine(const std::string& line, FilePairs& pairs) {
@@ -135,8 +125,6 @@ void readFileList(std::istream& in, const std::string& fileName, FilePairs& pair
 HiveCopy::HiveCopy(GetOpt::Option* options, const char* textName)
     : RunnerApplication(options, textName) {}
 
-HiveCopy::~HiveCopy() = default;
-
 void HiveCopy::usage() {
   std::cout << kUsageHeader;
   RunnerApplication::usage();
@@ -179,7 +167,7 @@ void HiveCopy::pairsFromArguments() {
   const std::string target = mArgs.back();
   for (size_t i = 0; i + 1 < mArgs.size(); ++i) {
     const std::string source = mArgs[i];
-    mFilePairs.emplace_back(source, pathConcat(target, lastComponent(source)));
+    mFilePairs.emplace_back(source, pathConcat(target, lastPathComponent(source)));
   }
 }
 

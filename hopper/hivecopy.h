@@ -21,7 +21,6 @@ extern GetOpt::Option gOptions[];
 class HiveCopy : public RunnerApplication {
  public:
   HiveCopy(GetOpt::Option* options, const char* textName);
-  ~HiveCopy() override;
 
   // Uploads the pairs and prints "Upload time: <seconds> secs".  Returns 0
   // when the upload succeeded, else 1.

@@ -56,10 +56,9 @@ void requestVersion(TCPStream& stream, const std::string& host, int port, int ti
 }  // namespace
 
 std::string getVersionString() {
-  std::string text = std::string(kRelease) + "." + std::to_string(kBuildNumber) + ", build build_" +
-                     kReleaseShort + "_" + std::to_string(kBuildNumber) + "_OPT_" + buildStamp() +
-                     ", protocol " + std::to_string(kHopperProtocolVersion) + "\n";
-  return text + kProductNotice;
+  return std::string(kRelease) + "." + std::to_string(kBuildNumber) + ", build build_" +
+         kReleaseShort + "_" + std::to_string(kBuildNumber) + "_OPT_" + buildStamp() +
+         ", protocol " + std::to_string(kHopperProtocolVersion) + "\n" + kProductNotice;
 }
 
 int connectToHopperNew(TCPStream& stream, const std::string& host, int port, int timeoutMs) {

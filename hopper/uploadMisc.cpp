@@ -6,7 +6,6 @@
 #include "hopper/Protocol.h"
 #include "hopper/hopperMisc.h"
 #include "util/StringUtilities.h"
-#include "util/System.h"
 #include "util/pathfun.h"
 
 namespace {

@@ -38,6 +38,10 @@ std::string errorText(unsigned long code) {
   throw std::runtime_error(errorText(code));
 }
 
+[[noreturn]] void handshakeFailure(const std::string& reason) {
+  throw HandshakeError("SSL handshake failure: " + reason);
+}
+
 struct BioFree {
   void operator()(BIO* bio) const { BIO_free(bio); }
 };
@@ -50,18 +54,27 @@ struct Utf8Free {
 
 // Parses one "type=value" access-list entry; throws for a malformed one.
 std::pair<std::string, std::string> splitACLEntry(const std::string& piece) {
+  const auto invalid = [&piece](const char* why) {
+    return std::runtime_error(std::string("Invalid allow option (") + why + ") '" + piece + "'");
+  };
   const size_t eq = piece.find('=');
-  if (eq == std::string::npos) {
-    throw std::runtime_error("Invalid allow option (no equal) '" + piece + "'");
-  }
-  if (eq + 1 == piece.size()) {
-    throw std::runtime_error("Invalid allow option (no value) '" + piece + "'");
-  }
+  if (eq == std::string::npos) throw invalid("no equal");
+  if (eq + 1 == piece.size()) throw invalid("no value");
   std::string type = piece.substr(0, eq);
-  if (type != "cn" && type != "ou") {
-    throw std::runtime_error("Invalid allow option (unknown type) '" + piece + "'");
-  }
+  if (type != "cn" && type != "ou") throw invalid("unknown type");
   return {type, piece.substr(eq + 1)};
+}
+
+// Shared result rules of read and write.
+int sessionResult(SSL* session, int result) {
+  if (result > 0) return result;
+  const int error = SSL_get_error(session, result);
+  ERR_clear_error();
+  if (result == 0) return error == SSL_ERROR_ZERO_RETURN ? 0 : -1;
+  if (result == -1 && error == SSL_ERROR_WANT_READ) {
+    throw std::runtime_error("peer requested renegotiation");
+  }
+  return result;
 }
 
 }  // namespace
@@ -79,22 +92,6 @@ SSLSocket::~SSLSocket() {
   mImpl.reset();
   ERR_clear_error();
 }
-
-namespace {
-
-// Shared result rules of read and write.
-int sessionResult(SSL* session, int result) {
-  if (result > 0) return result;
-  const int error = SSL_get_error(session, result);
-  ERR_clear_error();
-  if (result == 0) return error == SSL_ERROR_ZERO_RETURN ? 0 : -1;
-  if (result == -1 && error == SSL_ERROR_WANT_READ) {
-    throw std::runtime_error("peer requested renegotiation");
-  }
-  return result;
-}
-
-}  // namespace
 
 int SSLSocket::write(const void* data, int length) {
   ERR_clear_error();
@@ -133,12 +130,9 @@ SSLProvider::SSLProvider(bool requireTrustedCerts) : mRequireTrustedCerts(requir
   SSL_CTX_set_verify(ctx, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
 }
 
-SSLProvider::~SSLProvider() = default;
-
 void SSLProvider::setTrustedCACerts(const char* file) {
   mCACertPem = file ? std::optional<std::string>(file) : std::nullopt;
   if (SSL_CTX_load_verify_locations(mImpl.get(), file, nullptr) != 1) throwLibraryError();
-  mHaveCA = true;
 }
 
 void SSLProvider::setOwnCertAndKey(const char* file) {
@@ -146,7 +140,6 @@ void SSLProvider::setOwnCertAndKey(const char* file) {
   if (SSL_CTX_use_PrivateKey_file(mImpl.get(), file, SSL_FILETYPE_PEM) != 1) {
     throwLibraryError();
   }
-  mHaveOwnCert = true;
 }
 
 void SSLProvider::setAllowedCiphers(const char* list) {
@@ -180,9 +173,7 @@ std::unique_ptr<Socket> SSLProvider::handshake(int fd, Mode mode) {
   ERR_clear_error();
   SessionPtr session(SSL_new(mImpl.get()));
   std::unique_ptr<BIO, BioFree> bio(BIO_new_socket(fd, BIO_NOCLOSE));
-  if (!session || !bio) {
-    throw HandshakeError("SSL handshake failure: " + errorText(ERR_get_error()));
-  }
+  if (!session || !bio) handshakeFailure(errorText(ERR_get_error()));
   // One reference serves both directions; the session owns it from here.
   SSL_set_bio(session.get(), bio.get(), bio.get());
   bio.release();
@@ -190,9 +181,9 @@ std::unique_ptr<Socket> SSLProvider::handshake(int fd, Mode mode) {
   if (result != 1) {
     const int error = SSL_get_error(session.get(), result);
     const std::string reason =
-        error == SSL_ERROR_SSL ? errorText(ERR_get_error()) : errorText(static_cast<unsigned long>(error));
+        errorText(error == SSL_ERROR_SSL ? ERR_get_error() : static_cast<unsigned long>(error));
     ERR_clear_error();
-    throw HandshakeError("SSL handshake failure: " + reason);
+    handshakeFailure(reason);
   }
   if (mRequireTrustedCerts) checkPeer(session.get());
   return std::make_unique<SSLSocket>(std::move(session));
@@ -200,11 +191,9 @@ std::unique_ptr<Socket> SSLProvider::handshake(int fd, Mode mode) {
 
 void SSLProvider::checkPeer(SSL* session) const {
   std::unique_ptr<X509, CertificateFree> peer(SSL_get1_peer_certificate(session));
-  if (!peer) throw HandshakeError("SSL handshake failure: no peer certificate");
-  if (SSL_get_verify_result(session) != X509_V_OK) {
-    throw HandshakeError("SSL handshake failure: peer not verified");
-  }
-  if (!verify(peer.get())) throw HandshakeError("SSL handshake failure: peer not allowed");
+  if (!peer) handshakeFailure("no peer certificate");
+  if (SSL_get_verify_result(session) != X509_V_OK) handshakeFailure("peer not verified");
+  if (!verify(peer.get())) handshakeFailure("peer not allowed");
 }
 
 bool SSLProvider::verify(X509* peer) const {

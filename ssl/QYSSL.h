@@ -84,7 +84,6 @@ class SSLProvider : public Provider {
  public:
   // Throws std::runtime_error naming the failing step.
   explicit SSLProvider(bool requireTrustedCerts);
-  ~SSLProvider() override;
   SSLProvider(const SSLProvider&) = delete;
   SSLProvider& operator=(const SSLProvider&) = delete;
 
@@ -120,8 +119,6 @@ class SSLProvider : public Provider {
 
   ContextPtr mImpl;
   Mutex mMutex;  // serialises handshakes
-  bool mHaveCA = false;
-  bool mHaveOwnCert = false;
   bool mRequireTrustedCerts;
   std::optional<std::string> mCACertPem;
   std::vector<std::string> mCNs;

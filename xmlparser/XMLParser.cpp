@@ -1,5 +1,6 @@
 #include "xmlparser/XMLParser.h"
 
+#include <algorithm>
 #include <vector>
 
 namespace {
@@ -26,10 +27,7 @@ bool isNameCharacter(char c) {
 // as stray markup characters that a truncated or garbled tag leaves behind.
 bool isName(const std::string& name) {
   if (name.empty() || !isNameStart(name[0])) return false;
-  for (char c : name) {
-    if (!isNameCharacter(c)) return false;
-  }
-  return true;
+  return std::all_of(name.begin(), name.end(), isNameCharacter);
 }
 
 // One pass over the text with a stack of open elements; the bottom entry is
@@ -41,8 +39,8 @@ class Parse {
   }
 
   void run() {
-    for (char c : mText) {
-      if (isForbiddenControl(c)) parserError("Encountered a control character");
+    if (std::any_of(mText.begin(), mText.end(), isForbiddenControl)) {
+      parserError("Encountered a control character");
     }
     while (mPos < mText.size()) {
       const char c = mText[mPos];

@@ -1,6 +1,7 @@
 #include "xmlparser/XMLTree.h"
 
 #include <cstdio>
+#include <iterator>
 
 #include "util/URL.h"
 
@@ -68,10 +69,7 @@ void XMLTree::setValue(const std::string& value, bool isCDATA) {
   mNodeValue = value;
   mDirty = true;
   mEscapedCurrent = false;
-  if (isCDATA) {
-    mIsCDATA = true;
-    mCDATA = "<![CDATA[" + value + "]]>";
-  }
+  if (isCDATA) mCDATA = "<![CDATA[" + value + "]]>";
 }
 
 void XMLTree::clearValue() {
@@ -86,7 +84,6 @@ void XMLTree::clear() {
   mDirty = false;
   mEscapedCurrent = true;
   mCDATA.clear();
-  mIsCDATA = false;
 }
 
 void XMLTree::appendCharacter(char c) {
@@ -100,10 +97,9 @@ void XMLTree::appendCDATA(const std::string& content) {
   mDirty = true;
   mEscapedCurrent = false;
   static const std::string kClose = "]]>";
-  if (mIsCDATA) {
+  if (isCDATA()) {
     mCDATA.insert(mCDATA.size() - kClose.size(), content);
   } else {
-    mIsCDATA = true;
     mCDATA = "<![CDATA[" + content + kClose;
   }
 }
@@ -116,7 +112,7 @@ void XMLTree::unEscape() const {
 }
 
 const std::string& XMLTree::getValue() const {
-  if (mIsCDATA) return mCDATA;
+  if (isCDATA()) return mCDATA;
   if (mDirty) unEscape();
   return mNodeValue;
 }
@@ -137,12 +133,8 @@ const std::string& XMLTree::getSingleSubTreeValue(const std::string& name) const
 }
 
 const XMLTree* XMLTree::getSubTree(const std::string& name, int index) const {
-  if (index < 0) return nullptr;
-  auto range = mChildren.equal_range(name);
-  for (auto it = range.first; it != range.second; ++it, --index) {
-    if (index == 0) return it->second.get();
-  }
-  return nullptr;
+  if (index < 0 || static_cast<size_t>(index) >= mChildren.count(name)) return nullptr;
+  return std::next(mChildren.lower_bound(name), index)->second.get();
 }
 
 XMLTree* XMLTree::getSubTree(const std::string& name, int index) {
@@ -156,17 +148,16 @@ std::vector<XMLTree*> XMLTree::getSubTrees(const std::string& name) {
   return found;
 }
 
-XMLTree* XMLTree::insertChild(const std::string& name) {
+XMLTree* XMLTree::insertChild(const std::string& name, const std::string& value, bool isCDATA) {
   // multimap::emplace places an equal key after the existing ones, which is
   // what keeps repeated elements in document order.
-  auto it = mChildren.emplace(name, std::make_unique<XMLTree>());
-  return it->second.get();
+  XMLTree* child = mChildren.emplace(name, std::make_unique<XMLTree>())->second.get();
+  child->setValue(value, isCDATA);
+  return child;
 }
 
 XMLTree* XMLTree::addSubTree(const std::string& name, const std::string& value) {
-  XMLTree* child = insertChild(name);
-  child->setValue(value, false);
-  return child;
+  return insertChild(name, value, false);
 }
 
 XMLTree* XMLTree::addSubTree(const std::string& name, unsigned long number) {
@@ -174,15 +165,13 @@ XMLTree* XMLTree::addSubTree(const std::string& name, unsigned long number) {
 }
 
 XMLTree* XMLTree::addCDATA(const std::string& name, const std::string& value) {
-  XMLTree* child = insertChild(name);
-  child->setValue(value, true);
-  return child;
+  return insertChild(name, value, true);
 }
 
 void XMLTree::write(std::ostream& out) const {
   for (const auto& [name, child] : mChildren) {
     out << '<' << name << '>';
-    out << (child->mIsCDATA ? child->mCDATA : child->getEscapedValue());
+    out << (child->isCDATA() ? child->mCDATA : child->getEscapedValue());
     child->write(out);
     out << "</" << name << '>';
   }

@@ -17,7 +17,6 @@
 class XMLTree {
  public:
   XMLTree() = default;
-  ~XMLTree() = default;
   XMLTree(const XMLTree&) = delete;
   XMLTree& operator=(const XMLTree&) = delete;
 
@@ -33,7 +32,7 @@ class XMLTree {
   // Appends the content of a CDATA section: it joins the raw text and the
   // node becomes a CDATA node whose read-back form wraps every section read.
   void appendCDATA(const std::string& content);
-  bool isCDATA() const { return mIsCDATA; }
+  bool isCDATA() const { return !mCDATA.empty(); }
 
   // Replaces the text by its percent-decoded form.
   void unEscape() const;
@@ -66,7 +65,7 @@ class XMLTree {
  private:
   using Children = std::multimap<std::string, std::unique_ptr<XMLTree>>;
 
-  XMLTree* insertChild(const std::string& name);
+  XMLTree* insertChild(const std::string& name, const std::string& value, bool isCDATA);
 
   Children mChildren;
   // The text is decoded on first read, hence mutable.
@@ -74,8 +73,8 @@ class XMLTree {
   mutable std::string mEscapedNodeValue;
   mutable bool mDirty = false;
   mutable bool mEscapedCurrent = true;
+  // The read-back form of a CDATA node; empty for any other node.
   std::string mCDATA;
-  bool mIsCDATA = false;
 };
 
 std::ostream& operator<<(std::ostream& out, const XMLTree& tree);
