@@ -45,20 +45,14 @@ bool Connection::waitForMessage() {
     // What this host passes on waits until the input read with it is used
     // up and a moment more, so that the files of a tree leave in a few large
     // sends rather than one each (every send costs the next host a wake-up).
-    bool queued;
-    {
-      std::optional<Mutex::Lock> work;
-      if (!holdSession(work)) return false;
-      queued = mSession->downstreamQueued();
-    }
+    bool queued = false;
+    if (!inSession([&] { queued = mSession->downstreamQueued(); })) return false;
     if (queued) {
       // A sleep, not a wait on the socket: an upstream that sends a file at
       // a time (the head) then wakes this host once per pause, not per file.
       System::sleep(kGatherMs);
       if (mSocket->isReadable(0)) return true;
-      std::optional<Mutex::Lock> work;
-      if (!holdSession(work)) return false;
-      mSession->flushDownstream();
+      if (!inSession([this] { mSession->flushDownstream(); })) return false;
     }
     // Keep-alive ends the wait for a peer that vanished.
     while (!mSocket->isReadable(60000)) {
@@ -85,12 +79,17 @@ void Connection::interrupt() {
   if (!mClosed) mSocket->shutdown(true);
 }
 
-bool Connection::holdSession(std::optional<Mutex::Lock>& work) {
-  work.emplace(mSession->workMutex());
-  if (mTable.owns(this, *mSession)) return true;
+template <typename Step>
+bool Connection::inSession(const Step& step) {
+  {
+    Mutex::Lock work(mSession->workMutex());
+    if (mTable.owns(this, *mSession)) {
+      step();
+      return true;
+    }
+  }
   HC_LOG_INFO("Upload " << mSession->id() << " went on without the connection from " << mPeer
               << "; what it still had is dropped");
-  work.reset();
   mSession.reset();
   mSessionLost = true;
   return false;
@@ -198,12 +197,9 @@ void Connection::handleBegin() {
     return;
   }
   BeginResult result;
-  {
-    std::optional<Mutex::Lock> work;
-    if (!holdSession(work)) return;
-    // The host search stops when the peer that asked for it has gone.
-    mSession->begin(request.mHosts, stopAgents, result, [this] { return !mSocket->isGood(); });
-  }
+  // The host search stops when the peer that asked for it has gone.
+  const auto abandoned = [this] { return !mSocket->isGood(); };
+  if (!inSession([&] { mSession->begin(request.mHosts, stopAgents, result, abandoned); })) return;
   Protocol::writeBeginReply(mStream, result);
   sendReply();
 }
@@ -215,21 +211,21 @@ void Connection::handleFile() {
     sendReply();
     return;
   }
-  std::optional<Mutex::Lock> work;
-  if (!holdSession(work)) return;
-  int64_t start = 0;
-  std::string refusal;
-  if (!mSession->openFile(info, start, refusal)) {
-    HC_LOG_DEBUG("Refused " << info.mRemotePath << ": " << refusal);
-    Protocol::writeAnnouncementReply(mStream, AnnouncementReply{RESUME_REFUSED, 0, refusal});
+  inSession([&] {
+    int64_t start = 0;
+    std::string refusal;
+    if (!mSession->openFile(info, start, refusal)) {
+      HC_LOG_DEBUG("Refused " << info.mRemotePath << ": " << refusal);
+      Protocol::writeAnnouncementReply(mStream, AnnouncementReply{RESUME_REFUSED, 0, refusal});
+      sendReply();
+      return;
+    }
+    Protocol::writeAnnouncementReply(mStream, AnnouncementReply{RESUME_OK, start, ""});
     sendReply();
-    return;
-  }
-  Protocol::writeAnnouncementReply(mStream, AnnouncementReply{RESUME_OK, start, ""});
-  sendReply();
-  receiveData(info.mSize - start);
-  Protocol::writeReply(mStream, mSession->closeFile());
-  sendReply();
+    receiveData(info.mSize - start);
+    Protocol::writeReply(mStream, mSession->closeFile());
+    sendReply();
+  });
 }
 
 bool Connection::refuseRelayCode(int code) {
@@ -248,27 +244,21 @@ void Connection::handlePart() {
     return;
   }
   std::string errors;
-  {
-    std::optional<Mutex::Lock> work;
-    if (!holdSession(work)) return;
+  const bool held = inSession([&] {
     mSession->openPart(part);
     receiveBlocks(part.mCount);
     errors = mSession->closeFile();
-  }
+  });
   // Only errors go back, so that the upstream host is never held up and its
   // end of the link has nothing to read while files flow.
-  if (errors.empty()) return;
+  if (!held || errors.empty()) return;
   Protocol::writeFileErrors(mStream, part.mSeq, errors);
   sendReply();
 }
 
 void Connection::handleLastFile() {
   LastFile last;
-  if (mSession) {
-    std::optional<Mutex::Lock> work;
-    if (!holdSession(work)) return;
-    mSession->lastFile(last.mSeq, last.mBytes);
-  }
+  if (mSession && !inSession([&] { mSession->lastFile(last.mSeq, last.mBytes); })) return;
   Protocol::writeLastFileReply(mStream, last);
   sendReply();
 }
@@ -277,12 +267,7 @@ void Connection::handleCheck() {
   const FileCheck check = Protocol::readFileCheck(mStream);
   if (!mSession) return;  // the part before it was answered already
   std::string errors;
-  {
-    std::optional<Mutex::Lock> work;
-    if (!holdSession(work)) return;
-    errors = mSession->checkFile(check);
-  }
-  if (errors.empty()) return;
+  if (!inSession([&] { errors = mSession->checkFile(check); }) || errors.empty()) return;
   Protocol::writeFileErrors(mStream, check.mSeq, errors);
   sendReply();
 }
@@ -348,37 +333,28 @@ size_t Connection::readSome(char* buffer, size_t max) {
   return static_cast<size_t>(got);
 }
 
-void Connection::handleCommit() {
-  // Without a session, only the orphan of this very peer may be committed:
-  // a claimed client address grants nothing.
+template <typename Finish>
+bool Connection::endSession(const Finish& finish) {
+  // Without a session, only the orphan of this very peer may be committed
+  // or aborted: a claimed client address grants nothing.
   mSocket->setDeadline(Ticks());
   if (!mSession) mSession = mTable.takeOver(shared_from_this(), mPeer);
+  if (!mSession) return true;
+  if (!inSession(finish)) return false;
+  mTable.end(mSession);
+  mSession.reset();
+  return true;
+}
+
+void Connection::handleCommit() {
   std::string errors;
-  if (mSession) {
-    {
-      std::optional<Mutex::Lock> work;
-      if (!holdSession(work)) return;
-      errors = mSession->commit();
-    }
-    mTable.end(mSession);
-    mSession.reset();
-  }
+  if (!endSession([&] { errors = mSession->commit(); })) return;
   Protocol::writeCommitReply(mStream, errors, bool(mIdentity));
   sendReply();
 }
 
 void Connection::handleAbort() {
-  mSocket->setDeadline(Ticks());
-  if (!mSession) mSession = mTable.takeOver(shared_from_this(), mPeer);
-  if (mSession) {
-    {
-      std::optional<Mutex::Lock> work;
-      if (!holdSession(work)) return;
-      mSession->abort();
-    }
-    mTable.end(mSession);
-    mSession.reset();
-  }
+  if (!endSession([this] { mSession->abort(); })) return;
   Protocol::writeAbortReply(mStream, bool(mIdentity));
   sendReply();
 }

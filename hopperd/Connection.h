@@ -51,6 +51,11 @@ class Connection : public SessionOwner, public std::enable_shared_from_this<Conn
   void handleCheck();
   void handleCommit();
   void handleAbort();
+  // Commit and abort: runs finish on the session this connection owns, or
+  // else on the orphan of this very peer, and forgets it. False when the
+  // session went on without this connection (nothing is replied then).
+  template <typename Finish>
+  bool endSession(const Finish& finish);
   // Passes count bytes of file data to the session, or drops them without
   // one.
   void receiveData(int64_t count);
@@ -61,12 +66,13 @@ class Connection : public SessionOwner, public std::enable_shared_from_this<Conn
   // Reads exactly n bytes; like receiveData, they must arrive within the
   // time-out spent waiting for them.
   void readBlock(char* buffer, size_t n);
-  // Takes the session's work lock for one message, while this connection
-  // still owns the session. When another has taken it over (the upload went
-  // on along another path), lets it go and returns false; the connection
-  // then ends, so that messages it read but did not act on never reach the
+  // Runs step under the session's work lock, while this connection still
+  // owns the session. When another has taken it over (the upload went on
+  // along another path), lets it go and returns false; the connection then
+  // ends, so that messages it read but did not act on never reach the
   // session behind the new owner's back.
-  bool holdSession(std::optional<Mutex::Lock>& work);
+  template <typename Step>
+  bool inSession(const Step& step);
   // The origin client of whatever this connection carries.
   const std::string& clientAddress() const;
   // Reads at least one and at most max bytes; throws when the peer is gone.
