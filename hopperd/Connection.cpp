@@ -122,6 +122,11 @@ void Connection::run() {
 bool Connection::handle(int code) {
   const bool first = !mSeenMessage;
   if (code != C2H_GET_VERSION && code != C2H_NEW_GET_VERSION) mSeenMessage = true;
+  if ((code == H2H_FILE_PART || code == H2H_LAST_FILE || code == H2H_FILE_CHECK) && !mIdentity) {
+    HC_LOG_INFO("Protocol error from " << mPeer << ": relay message " << hex(code)
+                << " without a relay identity; connection closed");
+    return false;
+  }
   switch (code) {
     case C2H_GET_VERSION:
       Protocol::writeOldVersionReply(mStream);
@@ -143,15 +148,12 @@ bool Connection::handle(int code) {
       if (first && !mSession && !mIdentity) mResuming = true;
       return true;
     case H2H_FILE_PART:
-      if (!mIdentity) return refuseRelayCode(code);
       handlePart();
       return true;
     case H2H_LAST_FILE:
-      if (!mIdentity) return refuseRelayCode(code);
       handleLastFile();
       return true;
     case H2H_FILE_CHECK:
-      if (!mIdentity) return refuseRelayCode(code);
       handleCheck();
       return true;
     case C2H_COMMIT_UPLOAD:
@@ -226,12 +228,6 @@ void Connection::handleFile() {
     Protocol::writeReply(mStream, mSession->closeFile());
     sendReply();
   });
-}
-
-bool Connection::refuseRelayCode(int code) {
-  HC_LOG_INFO("Protocol error from " << mPeer << ": relay message " << hex(code)
-              << " without a relay identity; connection closed");
-  return false;
 }
 
 void Connection::handlePart() {

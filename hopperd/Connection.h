@@ -45,8 +45,6 @@ class Connection : public SessionOwner, public std::enable_shared_from_this<Conn
   void handleBegin();
   void handleFile();
   void handlePart();
-  // Logs a relay message from a peer that is no daemon; false.
-  bool refuseRelayCode(int code);
   void handleLastFile();
   void handleCheck();
   void handleCommit();
