@@ -237,18 +237,15 @@ std::string Downstream::awaitFinal() {
   return mFinalReply;
 }
 
-bool Downstream::ensureLinked() {
-  if (linked()) return true;
-  BeginResult failures;
-  const bool ok = search(0, failures);
-  loseAll(failures);
-  return ok;
-}
+bool Downstream::ensureLinked() { return linked() || searchAfterLoss(0); }
 
-void Downstream::loseAll(const BeginResult& failures) {
+bool Downstream::searchAfterLoss(size_t from) {
+  BeginResult failures;
+  const bool ok = search(from, failures);
   for (const auto& bad : failures.mBad) mLost.push_back(bad.first);
   for (const std::string& busy : failures.mBusy) mLost.push_back(busy);
   mDropped.insert(mLost.begin(), mLost.end());
+  return ok;
 }
 
 bool Downstream::reroute() {
@@ -257,10 +254,7 @@ bool Downstream::reroute() {
   mDropped.insert(mHost);
   const size_t next = mIndex + 1;
   close();
-  BeginResult failures;
-  const bool ok = search(next, failures);
-  loseAll(failures);
-  return ok;
+  return searchAfterLoss(next);
 }
 
 template <typename Step>

@@ -125,8 +125,9 @@ class Downstream {
   // The link broke: records the host as lost and links to the next one,
   // whose own failures count as lost too. True when a new link is up.
   bool reroute();
-  // Hosts that failed while the upload was under way count as lost.
-  void loseAll(const BeginResult& failures);
+  // Links to the first host from index from on; hosts that fail now, while
+  // the upload is under way, count as lost. True when linked.
+  bool searchAfterLoss(size_t from);
   // Runs step on the link, rerouting and running it again when the link
   // breaks. False when no host is left to run it on.
   template <typename Step>
