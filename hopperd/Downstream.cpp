@@ -225,9 +225,15 @@ void Downstream::checkLink() {
   if (mBroken) throw LinkLost("relay link lost");
 }
 
-void Downstream::expectFinal() {
-  Mutex::Lock lock(mMutex);
-  ++mFinalsSent;
+bool Downstream::sendFinal(void (*write)(TCPStream&)) {
+  return onLink([this, write] {
+    {
+      Mutex::Lock lock(mMutex);
+      ++mFinalsSent;
+    }
+    write(*mStream);
+    mStream->flush();
+  });
 }
 
 std::string Downstream::awaitFinal() {
@@ -235,6 +241,17 @@ std::string Downstream::awaitFinal() {
   mChanged.wait(lock, [this] { return mFinalsArrived >= mFinalsSent || mBroken; });
   if (mFinalsArrived < mFinalsSent) throw LinkLost("relay link lost before its reply");
   return mFinalReply;
+}
+
+std::string Downstream::finalReply(void (*write)(TCPStream&)) {
+  for (size_t attempt = 0; linked() && attempt <= mCandidates.size(); ++attempt) {
+    try {
+      return awaitFinal();
+    } catch (const LinkLost&) {
+      if (!reroute() || !sendFinal(write)) break;
+    }
+  }
+  return "";
 }
 
 bool Downstream::ensureLinked() { return linked() || searchAfterLoss(0); }
@@ -513,26 +530,13 @@ void Downstream::forgetFiles() {
 
 void Downstream::sendCommit() {
   dropUnfinishedPart();
-  onLink([this] {
-    expectFinal();
-    Protocol::writeCommit(*mStream);
-    mStream->flush();
-  });
+  sendFinal(Protocol::writeCommit);
 }
 
 std::string Downstream::finishCommit() {
   mCommitting = true;
   mStalls = 0;
-  std::string reply;
-  for (size_t attempt = 0; linked() && attempt <= mCandidates.size(); ++attempt) {
-    try {
-      reply = awaitFinal();
-      break;
-    } catch (const LinkLost&) {
-      if (!reroute()) break;  // the new host is sent the files again...
-      sendCommit();           // ...and then the commit
-    }
-  }
+  const std::string reply = finalReply(Protocol::writeCommit);
   mCommitting = false;
   std::string lines;
   {
@@ -546,19 +550,6 @@ std::string Downstream::finishCommit() {
 void Downstream::abort() {
   dropUnfinishedPart();
   mAborting = true;
-  for (size_t attempt = 0; attempt <= mCandidates.size(); ++attempt) {
-    const bool sent = onLink([this] {
-      expectFinal();
-      Protocol::writeAbort(*mStream);
-      mStream->flush();
-    });
-    if (!sent) break;
-    try {
-      awaitFinal();
-      break;
-    } catch (const LinkLost&) {
-      if (!reroute()) break;
-    }
-  }
+  if (sendFinal(Protocol::writeAbort)) finalReply(Protocol::writeAbort);
   mAborting = false;
 }

@@ -141,11 +141,16 @@ class Downstream {
   void startReader();
   // Throws LinkLost once the reader has found the link broken.
   void checkLink();
-  // Counts a commit or abort about to go out on the link: its reply is owed.
-  void expectFinal();
+  // Sends the commit or abort that write puts on the link (rerouting as
+  // onLink does) and counts its reply as owed. False when no host is left.
+  bool sendFinal(void (*write)(TCPStream&));
   // Waits until the reader took the reply to every commit or abort sent on
   // this link (or the link broke); returns the last one's text.
   std::string awaitFinal();
+  // awaitFinal(), rerouting when the link breaks: the new host is sent the
+  // files again (unless aborting) and then write's message. "" when no host
+  // is left.
+  std::string finalReply(void (*write)(TCPStream&));
 
   // Brings a freshly linked host up to date: every file from the one it
   // took last is sent again from the staged copies.
