@@ -292,12 +292,7 @@ bool Downstream::onLink(const Step& step) {
 // ---- passing files on -----------------------------------------------------
 
 void Downstream::sendHeader(const FileInfo& info, int64_t end) {
-  FilePart part;
-  part.mInfo = info;
-  part.mSeq = mCurrentSeq;
-  part.mStart = mPosition;
-  part.mCount = end - mPosition;
-  Protocol::writeFilePart(*mStream, part);
+  Protocol::writeFilePart(*mStream, FilePart{info, mCurrentSeq, mPosition, end - mPosition});
   mAnnounced = true;
 }
 
@@ -436,10 +431,7 @@ void Downstream::startPart(const FileInfo& info, int64_t seq, const StagedFile* 
     mSent.back().mCopy = copy;  // the same file continued (a resumed part)
     mSent.back().mSuperseded = false;
   }
-  mPart.mInfo = info;
-  mPart.mSeq = seq;
-  mPart.mStart = start;
-  mPart.mCount = count;
+  mPart = FilePart{info, seq, start, count};
   mCopy = copy;
   mPartState = PENDING;
   mFileErrors.clear();
