@@ -118,9 +118,13 @@ bool Session::continueStaged(Entry* entry, std::string& refusal) {
   return true;
 }
 
-void Session::startFile(Entry* entry, int64_t offset) {
+void Session::startFile(const FilePart& part, Entry* entry) {
+  mDownstream.startPart(part.mInfo, part.mSeq, entry ? entry->mFile.get() : nullptr, part.mStart,
+                        part.mCount);
   mCurrent = entry;
-  mOffset = offset;
+  mOffset = part.mStart;
+  mCurrentSeq = part.mSeq;
+  mCurrentSize = part.mInfo.mSize;
 }
 
 bool Session::openFile(const FileInfo& info, int64_t& start, std::string& refusal) {
@@ -155,12 +159,8 @@ bool Session::openFile(const FileInfo& info, int64_t& start, std::string& refusa
   // The client hears this host's own position at once; the hosts after it
   // are brought up to it from the staged copy when they hold less.
   start = entry ? entry->mFile->size() : 0;
-  mDownstream.startPart(info, seq, entry ? entry->mFile.get() : nullptr, start,
-                        info.mSize - start);
-  startFile(entry, start);
+  startFile(FilePart{info, seq, start, info.mSize - start}, entry);
   mFromClient = true;
-  mCurrentSeq = seq;
-  mCurrentSize = info.mSize;
   // The head's checksum covers the whole file: a resumed one's bytes staged
   // before the break are read back.
   std::string ignored;
@@ -202,11 +202,7 @@ void Session::openPart(const FilePart& part) {
     }
   }
   if (!entry && !refusal.empty()) Protocol::appendLines(mFileErrors, line(refusal));
-  mDownstream.startPart(info, part.mSeq, entry ? entry->mFile.get() : nullptr, part.mStart,
-                        part.mCount);
-  startFile(entry, part.mStart);
-  mCurrentSeq = part.mSeq;
-  mCurrentSize = info.mSize;
+  startFile(part, entry);
   mPartEndsFile = part.end() == info.mSize;
 }
 
