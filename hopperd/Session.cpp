@@ -21,7 +21,6 @@ Session::Session(std::string id, std::vector<std::string> hosts, std::string cli
       mSelf(hosts.empty() ? std::string() : hosts.front()),
       mClientAddress(std::move(clientAddress)),
       mConfig(config),
-      mHosts(std::move(hosts)),
       mTargets(config.mRoot, config.mAllowedPaths, config.mFileSystem),
       mJournal(config.mStateDir, mId, config.mRoot),
       mDownstream(RelayIdentity{mClientAddress, mId, mSelf}, mSelf,
@@ -31,12 +30,11 @@ Session::~Session() = default;
 
 void Session::begin(const std::vector<std::string>& hosts, bool stopAgents, BeginResult& result,
                     const std::function<bool()>& abandoned) {
-  mHosts = hosts;
   mStopAgents = stopAgents;
   ++mGeneration;
   mCurrent = nullptr;
-  const std::vector<std::string> after(mHosts.begin() + std::min<size_t>(1, mHosts.size()),
-                                       mHosts.end());
+  const std::vector<std::string> after(hosts.begin() + std::min<size_t>(1, hosts.size()),
+                                       hosts.end());
   mDownstream.connect(after, stopAgents, result, abandoned);
 }
 

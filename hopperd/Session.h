@@ -139,7 +139,6 @@ class Session {
   const std::string mSelf;
   const std::string mClientAddress;
   const DaemonConfig& mConfig;
-  std::vector<std::string> mHosts;
   bool mStopAgents = false;
 
   Mutex mWorkMutex;
