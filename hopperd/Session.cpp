@@ -206,10 +206,8 @@ void Session::openPart(const FilePart& part) {
 
 void Session::lastFile(int64_t& seq, int64_t& bytes) const {
   seq = mLastSeq;
-  bytes = 0;
-  if (seq == 0) return;
   const bool healthy = mLast && mLast->mSeq == seq && !mLast->mFailed;
-  bytes = healthy ? mLast->mFile->size() : kMaxFileSize;
+  bytes = seq == 0 ? 0 : healthy ? mLast->mFile->size() : kMaxFileSize;
 }
 
 void Session::fileData(const char* data, size_t n, const uint32_t* blockCRC) {
