@@ -186,23 +186,23 @@ void TargetPath::removeDirectories(const std::vector<std::string>& dirs) const {
 bool TargetPath::resolve(const std::string& remote, const std::string& baseName,
                          const std::set<std::string>& knownDirs, Resolution& out,
                          std::string& reason, const BeforeMakeDirectory& beforeMake) const {
+  const auto refuse = [&reason](const std::string& why) {
+    reason = why;
+    return false;
+  };
   const std::optional<std::string> norm = normalize(remote);
   if (!norm) {
-    reason = "Remote path " + quoted(remote) + " must be absolute and free of \"..\"";
-    return false;
+    return refuse("Remote path " + quoted(remote) + " must be absolute and free of \"..\"");
   }
   if (!allowed(*norm)) {
-    reason = "Remote path " + quoted(remote) + " lies outside the allowed paths";
-    return false;
+    return refuse("Remote path " + quoted(remote) + " lies outside the allowed paths");
   }
   // Refused before anything is made, rather than failing half-way down.
   if (!namesFit(*norm)) {
-    reason = "Remote path " + quoted(remote) + ": " + System::errorText(ENAMETOOLONG);
-    return false;
+    return refuse("Remote path " + quoted(remote) + ": " + System::errorText(ENAMETOOLONG));
   }
   if (baseName.size() > kMaxName) {
-    reason = "File name " + quoted(baseName) + ": " + System::errorText(ENAMETOOLONG);
-    return false;
+    return refuse("File name " + quoted(baseName) + ": " + System::errorText(ENAMETOOLONG));
   }
   // What is at the path decides where the file goes; when it goes to the
   // path itself, the same look says whether something is in the way.
@@ -217,35 +217,23 @@ bool TargetPath::resolve(const std::string& remote, const std::string& baseName,
   out.mTarget = *norm;
   if (intoDirectory) {
     if (!validBaseName(baseName)) {
-      reason = "Invalid file name " + quoted(baseName) + " for " + remote;
-      return false;
+      return refuse("Invalid file name " + quoted(baseName) + " for " + remote);
     }
     out.mTarget = (*norm == "/" ? "" : *norm) + "/" + baseName;
   }
   if (out.mTarget == "/") {
-    reason = "Remote path " + quoted(remote) + " names the root directory";
-    return false;
+    return refuse("Remote path " + quoted(remote) + " names the root directory");
   }
   out.mLocal = local(out.mTarget);
   out.mParentFd =
       stagingDirectory(directoryOf(out.mTarget), beforeMake, &out.mCreatedDirs, reason);
-  if (out.mParentFd < 0) {
-    reason = out.mTarget + ": " + reason;
-    return false;
-  }
+  if (out.mParentFd < 0) return refuse(out.mTarget + ": " + reason);
   FileAttributes existing = atPath;
   if (!looked || intoDirectory) {
     found = mFS->statAt(out.mParentFd, nameOf(out.mTarget), existing);
   }
-  if (found) {
-    if (existing.isDirectory()) {
-      reason = out.mTarget + ": " + System::errorText(EISDIR);
-      return false;
-    }
-    if (existing.isSymlink()) {
-      reason = out.mTarget + ": " + System::errorText(ELOOP);
-      return false;
-    }
+  if (found && (existing.isDirectory() || existing.isSymlink())) {
+    return refuse(out.mTarget + ": " + System::errorText(existing.isDirectory() ? EISDIR : ELOOP));
   }
   return true;
 }
