@@ -65,10 +65,6 @@ bool Connection::waitForMessage() {
   return false;
 }
 
-void Connection::startMessage() {
-  mSocket->setDeadline(Ticks::currentTime() + Ticks(int64_t(mIoTimeoutMs) * 1000000));
-}
-
 void Connection::sendReply() {
   mSocket->setDeadline(Ticks());
   mStream.flush();
@@ -95,14 +91,11 @@ bool Connection::inSession(const Step& step) {
   return false;
 }
 
-const std::string& Connection::clientAddress() const {
-  return mIdentity ? mIdentity->mClientAddress : mPeer;
-}
-
 void Connection::run() {
   try {
     while (waitForMessage()) {
-      startMessage();
+      // The message's items must arrive within the time-out from its start.
+      mSocket->setDeadline(Ticks::currentTime() + Ticks(int64_t(mIoTimeoutMs) * 1000000));
       if (!handle(Protocol::readCode(mStream)) || mSessionLost) break;
     }
   } catch (const Wire::LimitError& e) {
@@ -185,7 +178,7 @@ void Connection::handleBegin() {
   bool stopAgents = false;
   Protocol::readBegin(mStream, request.mHosts, stopAgents);
   if (request.mHosts.empty()) throw Wire::LimitError("begin without hosts");
-  request.mClientAddress = clientAddress();
+  request.mClientAddress = mIdentity ? mIdentity->mClientAddress : mPeer;  // the origin client
   // A client talks to its head directly: the head is its own upstream host.
   request.mUpstreamHost = mIdentity ? mIdentity->mSender : request.mHosts.front();
   if (mIdentity) request.mUploadId = mIdentity->mUploadId;

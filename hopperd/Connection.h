@@ -35,8 +35,6 @@ class Connection : public SessionOwner, public std::enable_shared_from_this<Conn
   // session (a client may think between messages), else up to the time-out.
   // False when the peer closed or stayed silent.
   bool waitForMessage();
-  // The message's items must arrive within the time-out from its start.
-  void startMessage();
   // Flushes a reply (no deadline: the reply may follow long work).
   void sendReply();
   // False ends the connection.
@@ -71,8 +69,6 @@ class Connection : public SessionOwner, public std::enable_shared_from_this<Conn
   // session behind the new owner's back.
   template <typename Step>
   bool inSession(const Step& step);
-  // The origin client of whatever this connection carries.
-  const std::string& clientAddress() const;
   // Reads at least one and at most max bytes; throws when the peer is gone.
   size_t readSome(char* buffer, size_t max);
 

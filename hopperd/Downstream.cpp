@@ -182,7 +182,7 @@ void Downstream::readReplies(TCPStream& replies) {
   try {
     for (;;) {
       const RelayMessage reply = Protocol::readRelayReply(replies, mHost);
-      progressed();
+      mStalls = 0;  // the link made progress
       if (reply.mTag == RELAY_FILE_ERRORS) {
         HC_LOG_DEBUG("Errors of " << mHost << " for file " << reply.mSeq << ": " << reply.mText);
       }
@@ -304,7 +304,7 @@ void Downstream::sendFileBytes(const char* data, size_t n, const uint32_t* crc) 
     Protocol::writeBlock(*mStream, data + done, block, block == n ? crc : nullptr);
     done += block;
   }
-  progressed();
+  mStalls = 0;  // the link made progress
   mBytesForwarded += static_cast<int64_t>(n);
 }
 
@@ -341,10 +341,6 @@ void Downstream::resend(const Sent& file, int64_t from, int64_t to) {
   if (!sendFromCopy(file.mCopy, file.mInfo.mRemotePath, from, to, error)) throw LinkLost(error);
   mPosition = to;
   if (file.mChecked && to == file.mInfo.mSize) Protocol::writeFileCheck(*mStream, file.mCheck);
-}
-
-bool Downstream::holdsWhole(int64_t seq, int64_t size) const {
-  return linked() && mCurrentSeq == seq && mAnnounced && mPosition >= size;
 }
 
 void Downstream::resync(int64_t lastSeq, int64_t lastBytes) {
@@ -500,7 +496,8 @@ void Downstream::passCheck(const FileCheck& check) {
   // included: it is sent only on the link that was up here.
   const uint64_t link = mLinks;
   onLink([&] {
-    if (link == mLinks && holdsWhole(check.mSeq, check.mSize)) {
+    // Only once the link holds every byte of the file.
+    if (link == mLinks && mCurrentSeq == check.mSeq && mAnnounced && mPosition >= check.mSize) {
       Protocol::writeFileCheck(*mStream, check);
     }
   });

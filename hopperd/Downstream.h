@@ -119,8 +119,6 @@ class Downstream {
   // The stall handler of the link: true (wait once more) while the host
   // answers a fresh handshake, a bounded number of times in a row.
   bool hostStillAnswers();
-  // Starts counting stalls afresh (the link made progress).
-  void progressed() { mStalls = 0; }
   std::vector<std::string> remainingFrom(size_t index) const;
   // The link broke: records the host as lost and links to the next one,
   // whose own failures count as lost too. True when a new link is up.
@@ -166,8 +164,6 @@ class Downstream {
   // Sends data as checked blocks; crc, when not null, is the checksum of
   // all of it, which then goes as one block.
   void sendFileBytes(const char* data, size_t n, const uint32_t* crc = nullptr);
-  // The link holds every byte of the file seq of size bytes.
-  bool holdsWhole(int64_t seq, int64_t size) const;
   // Sends [from, to) of a staged copy; false with the error text when the
   // copy cannot be read back.
   bool sendFromCopy(const StagedFile* copy, const std::string& path, int64_t from, int64_t to,

@@ -38,12 +38,6 @@ void Session::begin(const std::vector<std::string>& hosts, bool stopAgents, Begi
   mDownstream.connect(after, stopAgents, result, abandoned);
 }
 
-void Session::moveToEnd(Entry* entry) {
-  auto it = std::find_if(mEntries.begin(), mEntries.end(),
-                         [entry](const std::unique_ptr<Entry>& e) { return e.get() == entry; });
-  std::rotate(it, it + 1, mEntries.end());
-}
-
 void Session::keepCreatedDirs(const std::vector<std::string>& dirs) {
   mCreatedDirs.insert(mCreatedDirs.end(), dirs.begin(), dirs.end());
   mKnownDirs.insert(dirs.begin(), dirs.end());
@@ -85,8 +79,10 @@ Session::Entry* Session::entryOfSeq(int64_t seq) const {
 Session::Entry* Session::stageFresh(const FileInfo& info, int64_t seq,
                                     TargetPath::Resolution& where, std::string& refusal) {
   Entry* entry = entryFor(where.mTarget);
-  if (entry) {
-    moveToEnd(entry);
+  if (entry) {  // a target announced again moves to the end of the order
+    const auto it = std::find_if(mEntries.begin(), mEntries.end(),
+                                 [entry](const auto& e) { return e.get() == entry; });
+    std::rotate(it, it + 1, mEntries.end());
   } else {
     mEntries.push_back(std::make_unique<Entry>());
     entry = mEntries.back().get();

@@ -123,7 +123,6 @@ class Session {
   void startFile(const FilePart& part, Entry* entry);
   // True when entry's staged bytes may be continued for info (a resumed file).
   bool resumable(const Entry* entry, const FileInfo& info) const;
-  void moveToEnd(Entry* entry);
   void keepCreatedDirs(const std::vector<std::string>& dirs);
   void runCommand(const std::string& command, std::string& errors);
   // Commit in two passes, so that durability costs one flush per file
