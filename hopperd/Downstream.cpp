@@ -315,10 +315,10 @@ void Downstream::dropFile(const std::string& why) {
   mPartState = DROPPED;
 }
 
-bool Downstream::sendFromCopy(const StagedFile* copy, const std::string& path, int64_t from,
-                              int64_t to, std::string& error) {
+bool Downstream::sendFromCopy(const StagedFile* copy, const std::string& path, int64_t to,
+                              std::string& error) {
   std::vector<char> buffer(kGapBlock);
-  for (int64_t at = from; at < to;) {
+  for (int64_t at = mPosition; at < to;) {
     const size_t want = static_cast<size_t>(std::min<int64_t>(kGapBlock, to - at));
     const ssize_t got = copy->readAt(buffer.data(), want, at);
     if (got <= 0) {
@@ -329,6 +329,7 @@ bool Downstream::sendFromCopy(const StagedFile* copy, const std::string& path, i
     sendFileBytes(buffer.data(), static_cast<size_t>(got));
     at += got;
   }
+  mPosition = to;
   return true;
 }
 
@@ -338,8 +339,7 @@ void Downstream::resend(const Sent& file, int64_t from, int64_t to) {
   sendHeader(file.mInfo, to);
   std::string error;
   // The header promised the bytes: without them the link is of no use.
-  if (!sendFromCopy(file.mCopy, file.mInfo.mRemotePath, from, to, error)) throw LinkLost(error);
-  mPosition = to;
+  if (!sendFromCopy(file.mCopy, file.mInfo.mRemotePath, to, error)) throw LinkLost(error);
   if (file.mChecked && to == file.mInfo.mSize) Protocol::writeFileCheck(*mStream, file.mCheck);
 }
 
@@ -400,11 +400,7 @@ void Downstream::catchUp(int64_t upTo) {
     return;
   }
   std::string error;
-  if (!sendFromCopy(mCopy, mPart.mInfo.mRemotePath, mPosition, upTo, error)) {
-    dropFile(error);
-    return;
-  }
-  mPosition = upTo;
+  if (!sendFromCopy(mCopy, mPart.mInfo.mRemotePath, upTo, error)) dropFile(error);
 }
 
 void Downstream::dropUnfinishedPart() {
@@ -469,12 +465,9 @@ std::string Downstream::finishPart() {
     onLink([this] {
       if (mPartState == PENDING) openLivePart();
       std::string error;
-      if (mPartState == STREAMING && mPosition < mPart.end()) {
-        if (!sendFromCopy(mCopy, mPart.mInfo.mRemotePath, mPosition, mPart.end(), error)) {
-          dropFile(error);  // closes the link, which expected those bytes
-          return;
-        }
-        mPosition = mPart.end();
+      if (mPartState == STREAMING && mPosition < mPart.end() &&
+          !sendFromCopy(mCopy, mPart.mInfo.mRemotePath, mPart.end(), error)) {
+        dropFile(error);  // closes the link, which expected those bytes
       }
     });
   }

@@ -164,9 +164,9 @@ class Downstream {
   // Sends data as checked blocks; crc, when not null, is the checksum of
   // all of it, which then goes as one block.
   void sendFileBytes(const char* data, size_t n, const uint32_t* crc = nullptr);
-  // Sends [from, to) of a staged copy; false with the error text when the
-  // copy cannot be read back.
-  bool sendFromCopy(const StagedFile* copy, const std::string& path, int64_t from, int64_t to,
+  // Sends [mPosition, to) of a staged copy and moves mPosition to to; false
+  // with the error text when the copy cannot be read back.
+  bool sendFromCopy(const StagedFile* copy, const std::string& path, int64_t to,
                     std::string& error);
   void dropFile(const std::string& why);
   // A part whose bytes are still owed on the link (its upstream vanished in
