@@ -333,16 +333,6 @@ bool Downstream::sendFromCopy(const StagedFile* copy, const std::string& path, i
   return true;
 }
 
-void Downstream::resend(const Sent& file, int64_t from, int64_t to) {
-  mCurrentSeq = file.mSeq;
-  mPosition = from;
-  sendHeader(file.mInfo, to);
-  std::string error;
-  // The header promised the bytes: without them the link is of no use.
-  if (!sendFromCopy(file.mCopy, file.mInfo.mRemotePath, to, error)) throw LinkLost(error);
-  if (file.mChecked && to == file.mInfo.mSize) Protocol::writeFileCheck(*mStream, file.mCheck);
-}
-
 void Downstream::resync(int64_t lastSeq, int64_t lastBytes) {
   // The new host took every file before lastSeq from the lost one (a relay
   // passes files on in order); it gets the rest of lastSeq and everything
@@ -377,7 +367,11 @@ void Downstream::resync(int64_t lastSeq, int64_t lastBytes) {
       mPosition = file.mInfo.mSize;
       continue;
     }
-    resend(file, from, to);
+    sendHeader(file.mInfo, to);
+    std::string error;
+    // The header promised the bytes: without them the link is of no use.
+    if (!sendFromCopy(file.mCopy, file.mInfo.mRemotePath, to, error)) throw LinkLost(error);
+    if (file.mChecked && to == file.mInfo.mSize) Protocol::writeFileCheck(*mStream, file.mCheck);
   }
   if (mPartState == STREAMING) mPartState = PENDING;
   mStream->flush();

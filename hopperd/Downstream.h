@@ -153,7 +153,6 @@ class Downstream {
   // Brings a freshly linked host up to date: every file from the one it
   // took last is sent again from the staged copies.
   void resync(int64_t lastSeq, int64_t lastBytes);
-  void resend(const Sent& file, int64_t from, int64_t to);
   // Sends the part header for [mPosition, end) of the file mCurrentSeq.
   void sendHeader(const FileInfo& info, int64_t end);
   // Sends the current part's header and what the link misses before it.
