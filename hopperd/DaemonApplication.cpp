@@ -126,7 +126,6 @@ void DaemonApplication::initialize() {
   Application::initialize();
   if (wasOptionPresent('v')) {
     std::cout << getVersionString();
-    mVersionOnly = true;
     return;
   }
   // Before any thread exists, so that every thread inherits the mask and
