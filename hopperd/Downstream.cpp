@@ -378,6 +378,7 @@ void Downstream::resync(int64_t lastSeq, int64_t lastBytes) {
 }
 
 void Downstream::openLivePart() {
+  if (mPartState != PENDING) return;
   const int64_t end = mPart.end();
   if (mAnnounced && mPosition >= end) return;  // the link holds the part already
   sendHeader(mPart.mInfo, end);
@@ -427,11 +428,7 @@ void Downstream::startPart(const FileInfo& info, int64_t seq, const StagedFile* 
     mPosition = 0;
   }
   // A new link (or a rerouted one) is brought up to date with this file too.
-  if (!onLink([this] {
-        if (mPartState == PENDING) openLivePart();
-      })) {
-    mPartState = DROPPED;
-  }
+  if (!onLink([this] { openLivePart(); })) mPartState = DROPPED;
 }
 
 void Downstream::forward(const char* data, size_t n, int64_t offset,
@@ -439,7 +436,7 @@ void Downstream::forward(const char* data, size_t n, int64_t offset,
   const int64_t end = offset + static_cast<int64_t>(n);
   if (!passing() || !linked()) return;
   const bool ok = onLink([&] {
-    if (mPartState == PENDING) openLivePart();
+    openLivePart();
     if (mPartState == STREAMING) catchUp(offset);  // the link misses bytes before these
     if (mPartState != STREAMING || mPosition >= end) return;
     const int64_t skip = mPosition - offset;
@@ -457,7 +454,7 @@ std::string Downstream::finishPart() {
   if (passing() && linked()) {
     // Whatever the link still misses of the part comes from the staged copy.
     onLink([this] {
-      if (mPartState == PENDING) openLivePart();
+      openLivePart();
       std::string error;
       if (mPartState == STREAMING && mPosition < mPart.end() &&
           !sendFromCopy(mCopy, mPart.mInfo.mRemotePath, mPart.end(), error)) {

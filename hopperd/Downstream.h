@@ -155,7 +155,8 @@ class Downstream {
   void resync(int64_t lastSeq, int64_t lastBytes);
   // Sends the part header for [mPosition, end) of the file mCurrentSeq.
   void sendHeader(const FileInfo& info, int64_t end);
-  // Sends the current part's header and what the link misses before it.
+  // Sends the current part's header and what the link misses before it,
+  // when the link has not had them yet (PENDING).
   void openLivePart();
   // Sends the current file's bytes [mPosition, upTo) from the staged copy,
   // or drops the file when the copy does not hold them.
