@@ -353,8 +353,8 @@ void Downstream::resync(int64_t lastSeq, int64_t lastBytes) {
     mPosition = from;
     if ((current || known) && from >= to) {
       // It may have taken every byte but not the check.
-      if (known && file.mChecked && from == file.mInfo.mSize) {
-        Protocol::writeFileCheck(*mStream, file.mCheck);
+      if (known && file.mCheck && from == file.mInfo.mSize) {
+        Protocol::writeFileCheck(*mStream, *file.mCheck);
       }
       continue;
     }
@@ -371,7 +371,7 @@ void Downstream::resync(int64_t lastSeq, int64_t lastBytes) {
     std::string error;
     // The header promised the bytes: without them the link is of no use.
     if (!sendFromCopy(file.mCopy, file.mInfo.mRemotePath, to, error)) throw LinkLost(error);
-    if (file.mChecked && to == file.mInfo.mSize) Protocol::writeFileCheck(*mStream, file.mCheck);
+    if (file.mCheck && to == file.mInfo.mSize) Protocol::writeFileCheck(*mStream, *file.mCheck);
   }
   if (mPartState == STREAMING) mPartState = PENDING;
   mStream->flush();
@@ -412,7 +412,7 @@ void Downstream::startPart(const FileInfo& info, int64_t seq, const StagedFile* 
     if (latest != mLatestFor.end()) mSent[latest->second].mSuperseded = true;
   }
   if (mSent.empty() || mSent.back().mSeq != seq) {
-    mSent.push_back(Sent{info, seq, copy, false, false, FileCheck()});
+    mSent.push_back(Sent{info, seq, copy, false, std::nullopt});
     if (copy) mLatestFor[copy] = mSent.size() - 1;
   } else {
     mSent.back().mCopy = copy;  // the same file continued (a resumed part)
@@ -471,7 +471,6 @@ std::string Downstream::finishPart() {
 void Downstream::passCheck(const FileCheck& check) {
   for (auto it = mSent.rbegin(); it != mSent.rend(); ++it) {
     if (it->mSeq != check.mSeq) continue;
-    it->mChecked = true;
     it->mCheck = check;
     break;
   }

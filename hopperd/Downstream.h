@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -107,8 +108,7 @@ class Downstream {
     int64_t mSeq = 0;
     const StagedFile* mCopy = nullptr;
     bool mSuperseded = false;  // its target was announced again later
-    bool mChecked = false;     // mCheck holds the file's checksum
-    FileCheck mCheck;
+    std::optional<FileCheck> mCheck;  // the file's checksum, once known
   };
 
   Outcome tryLink(size_t index, BeginResult& result);
