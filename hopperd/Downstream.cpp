@@ -469,11 +469,9 @@ std::string Downstream::finishPart() {
 }
 
 void Downstream::passCheck(const FileCheck& check) {
-  for (auto it = mSent.rbegin(); it != mSent.rend(); ++it) {
-    if (it->mSeq != check.mSeq) continue;
-    it->mCheck = check;
-    break;
-  }
+  const auto sent = std::find_if(mSent.rbegin(), mSent.rend(),
+                                 [&](const Sent& file) { return file.mSeq == check.mSeq; });
+  if (sent != mSent.rend()) sent->mCheck = check;
   if (!linked()) return;
   // A new link on the way was brought up to date from mSent, this check
   // included: it is sent only on the link that was up here.
