@@ -209,14 +209,13 @@ void Connection::handleFile() {
   inSession([&] {
     int64_t start = 0;
     std::string refusal;
-    if (!mSession->openFile(info, start, refusal)) {
-      HC_LOG_DEBUG("Refused " << info.mRemotePath << ": " << refusal);
-      Protocol::writeAnnouncementReply(mStream, AnnouncementReply{RESUME_REFUSED, 0, refusal});
-      sendReply();
-      return;
-    }
-    Protocol::writeAnnouncementReply(mStream, AnnouncementReply{RESUME_OK, start, ""});
+    const bool opened = mSession->openFile(info, start, refusal);
+    if (!opened) HC_LOG_DEBUG("Refused " << info.mRemotePath << ": " << refusal);
+    // The reply carries the position only when opened, the text only when not.
+    Protocol::writeAnnouncementReply(
+        mStream, AnnouncementReply{opened ? RESUME_OK : RESUME_REFUSED, start, refusal});
     sendReply();
+    if (!opened) return;
     receiveData(info.mSize - start);
     Protocol::writeReply(mStream, mSession->closeFile());
     sendReply();
