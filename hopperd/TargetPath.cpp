@@ -1,6 +1,7 @@
 #include "hopperd/TargetPath.h"
 
 #include <cerrno>
+#include <sstream>
 #include <stdexcept>
 
 #include "util/StringUtilities.h"
@@ -12,12 +13,9 @@ std::string quoted(const std::string& s) { return "\"" + s + "\""; }
 
 // True when no component of the normalised path is longer than a name may be.
 bool namesFit(const std::string& path) {
-  std::string::size_type start = 1;
-  while (start < path.size()) {
-    std::string::size_type end = path.find('/', start);
-    if (end == std::string::npos) end = path.size();
-    if (end - start > TargetPath::kMaxName) return false;
-    start = end + 1;
+  std::istringstream names(path);
+  for (std::string name; std::getline(names, name, '/');) {
+    if (name.size() > TargetPath::kMaxName) return false;
   }
   return true;
 }
@@ -43,32 +41,23 @@ std::optional<std::string> TargetPath::normalize(const std::string& remote) {
     return std::nullopt;
   }
   std::string out;
-  std::string::size_type pos = 0;
-  while (pos < remote.size()) {
-    std::string::size_type end = remote.find('/', pos);
-    if (end == std::string::npos) end = remote.size();
-    const std::string part = remote.substr(pos, end - pos);
+  std::istringstream parts(remote);
+  for (std::string part; std::getline(parts, part, '/');) {
     if (part == "..") return std::nullopt;
     if (!part.empty() && part != ".") out += "/" + part;
-    pos = end + 1;
   }
   return out.empty() ? std::string("/") : out;
 }
 
 std::vector<std::string> TargetPath::parsePrefixes(const std::string& text) {
   std::vector<std::string> prefixes;
-  std::string::size_type start = 0;
-  while (start <= text.size()) {
-    std::string::size_type end = text.find(',', start);
-    if (end == std::string::npos) end = text.size();
-    std::string item = text.substr(start, end - start);
+  std::istringstream items(text);
+  for (std::string item; std::getline(items, item, ',');) {
     removeTrailingLeadingSpace(item);
-    if (!item.empty()) {
-      const std::optional<std::string> norm = normalize(item);
-      if (!norm) throw std::runtime_error("Invalid allowed path " + quoted(item));
-      prefixes.push_back(*norm);
-    }
-    start = end + 1;
+    if (item.empty()) continue;
+    const std::optional<std::string> norm = normalize(item);
+    if (!norm) throw std::runtime_error("Invalid allowed path " + quoted(item));
+    prefixes.push_back(*norm);
   }
   return prefixes;
 }
