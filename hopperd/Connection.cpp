@@ -45,20 +45,14 @@ bool Connection::waitForMessage() {
     // What this host passes on waits until the input read with it is used
     // up and a moment more, so that the files of a tree leave in a few large
     // sends rather than one each (every send costs the next host a wake-up).
-    bool queued;
-    {
-      std::optional<Mutex::Lock> work;
-      if (!holdSession(work)) return false;
-      queued = mSession->downstreamQueued();
-    }
+    bool queued = false;
+    if (!inSession([&] { queued = mSession->downstreamQueued(); })) return false;
     if (queued) {
       // A sleep, not a wait on the socket: an upstream that sends a file at
       // a time (the head) then wakes this host once per pause, not per file.
       System::sleep(kGatherMs);
       if (mSocket->isReadable(0)) return true;
-      std::optional<Mutex::Lock> work;
-      if (!holdSession(work)) return false;
-      mSession->flushDownstream();
+      if (!inSession([this] { mSession->flushDownstream(); })) return false;
     }
     // Keep-alive ends the wait for a peer that vanished.
     while (!mSocket->isReadable(60000)) {
@@ -71,10 +65,6 @@ bool Connection::waitForMessage() {
   return false;
 }
 
-void Connection::startMessage() {
-  mSocket->setDeadline(Ticks::currentTime() + Ticks(int64_t(mIoTimeoutMs) * 1000000));
-}
-
 void Connection::sendReply() {
   mSocket->setDeadline(Ticks());
   mStream.flush();
@@ -85,25 +75,27 @@ void Connection::interrupt() {
   if (!mClosed) mSocket->shutdown(true);
 }
 
-bool Connection::holdSession(std::optional<Mutex::Lock>& work) {
-  work.emplace(mSession->workMutex());
-  if (mTable.owns(this, *mSession)) return true;
+template <typename Step>
+bool Connection::inSession(const Step& step) {
+  {
+    Mutex::Lock work(mSession->workMutex());
+    if (mTable.owns(this, *mSession)) {
+      step();
+      return true;
+    }
+  }
   HC_LOG_INFO("Upload " << mSession->id() << " went on without the connection from " << mPeer
               << "; what it still had is dropped");
-  work.reset();
   mSession.reset();
   mSessionLost = true;
   return false;
 }
 
-const std::string& Connection::clientAddress() const {
-  return mIdentity ? mIdentity->mClientAddress : mPeer;
-}
-
 void Connection::run() {
   try {
     while (waitForMessage()) {
-      startMessage();
+      // The message's items must arrive within the time-out from its start.
+      mSocket->setDeadline(Ticks::currentTime() + Ticks(int64_t(mIoTimeoutMs) * 1000000));
       if (!handle(Protocol::readCode(mStream)) || mSessionLost) break;
     }
   } catch (const Wire::LimitError& e) {
@@ -123,6 +115,11 @@ void Connection::run() {
 bool Connection::handle(int code) {
   const bool first = !mSeenMessage;
   if (code != C2H_GET_VERSION && code != C2H_NEW_GET_VERSION) mSeenMessage = true;
+  if ((code == H2H_FILE_PART || code == H2H_LAST_FILE || code == H2H_FILE_CHECK) && !mIdentity) {
+    HC_LOG_INFO("Protocol error from " << mPeer << ": relay message " << hex(code)
+                << " without a relay identity; connection closed");
+    return false;
+  }
   switch (code) {
     case C2H_GET_VERSION:
       Protocol::writeOldVersionReply(mStream);
@@ -144,15 +141,12 @@ bool Connection::handle(int code) {
       if (first && !mSession && !mIdentity) mResuming = true;
       return true;
     case H2H_FILE_PART:
-      if (!mIdentity) return refuseRelayCode(code);
       handlePart();
       return true;
     case H2H_LAST_FILE:
-      if (!mIdentity) return refuseRelayCode(code);
       handleLastFile();
       return true;
     case H2H_FILE_CHECK:
-      if (!mIdentity) return refuseRelayCode(code);
       handleCheck();
       return true;
     case C2H_COMMIT_UPLOAD:
@@ -184,7 +178,7 @@ void Connection::handleBegin() {
   bool stopAgents = false;
   Protocol::readBegin(mStream, request.mHosts, stopAgents);
   if (request.mHosts.empty()) throw Wire::LimitError("begin without hosts");
-  request.mClientAddress = clientAddress();
+  request.mClientAddress = mIdentity ? mIdentity->mClientAddress : mPeer;  // the origin client
   // A client talks to its head directly: the head is its own upstream host.
   request.mUpstreamHost = mIdentity ? mIdentity->mSender : request.mHosts.front();
   if (mIdentity) request.mUploadId = mIdentity->mUploadId;
@@ -198,12 +192,9 @@ void Connection::handleBegin() {
     return;
   }
   BeginResult result;
-  {
-    std::optional<Mutex::Lock> work;
-    if (!holdSession(work)) return;
-    // The host search stops when the peer that asked for it has gone.
-    mSession->begin(request.mHosts, stopAgents, result, [this] { return !mSocket->isGood(); });
-  }
+  // The host search stops when the peer that asked for it has gone.
+  const auto abandoned = [this] { return !mSocket->isGood(); };
+  if (!inSession([&] { mSession->begin(request.mHosts, stopAgents, result, abandoned); })) return;
   Protocol::writeBeginReply(mStream, result);
   sendReply();
 }
@@ -215,27 +206,20 @@ void Connection::handleFile() {
     sendReply();
     return;
   }
-  std::optional<Mutex::Lock> work;
-  if (!holdSession(work)) return;
-  int64_t start = 0;
-  std::string refusal;
-  if (!mSession->openFile(info, start, refusal)) {
-    HC_LOG_DEBUG("Refused " << info.mRemotePath << ": " << refusal);
-    Protocol::writeAnnouncementReply(mStream, AnnouncementReply{RESUME_REFUSED, 0, refusal});
+  inSession([&] {
+    int64_t start = 0;
+    std::string refusal;
+    const bool opened = mSession->openFile(info, start, refusal);
+    if (!opened) HC_LOG_DEBUG("Refused " << info.mRemotePath << ": " << refusal);
+    // The reply carries the position only when opened, the text only when not.
+    Protocol::writeAnnouncementReply(
+        mStream, AnnouncementReply{opened ? RESUME_OK : RESUME_REFUSED, start, refusal});
     sendReply();
-    return;
-  }
-  Protocol::writeAnnouncementReply(mStream, AnnouncementReply{RESUME_OK, start, ""});
-  sendReply();
-  receiveData(info.mSize - start);
-  Protocol::writeReply(mStream, mSession->closeFile());
-  sendReply();
-}
-
-bool Connection::refuseRelayCode(int code) {
-  HC_LOG_INFO("Protocol error from " << mPeer << ": relay message " << hex(code)
-              << " without a relay identity; connection closed");
-  return false;
+    if (!opened) return;
+    receiveData(info.mSize - start);
+    Protocol::writeReply(mStream, mSession->closeFile());
+    sendReply();
+  });
 }
 
 void Connection::handlePart() {
@@ -248,27 +232,21 @@ void Connection::handlePart() {
     return;
   }
   std::string errors;
-  {
-    std::optional<Mutex::Lock> work;
-    if (!holdSession(work)) return;
+  const bool held = inSession([&] {
     mSession->openPart(part);
     receiveBlocks(part.mCount);
     errors = mSession->closeFile();
-  }
+  });
   // Only errors go back, so that the upstream host is never held up and its
   // end of the link has nothing to read while files flow.
-  if (errors.empty()) return;
+  if (!held || errors.empty()) return;
   Protocol::writeFileErrors(mStream, part.mSeq, errors);
   sendReply();
 }
 
 void Connection::handleLastFile() {
   LastFile last;
-  if (mSession) {
-    std::optional<Mutex::Lock> work;
-    if (!holdSession(work)) return;
-    mSession->lastFile(last.mSeq, last.mBytes);
-  }
+  if (mSession && !inSession([&] { mSession->lastFile(last.mSeq, last.mBytes); })) return;
   Protocol::writeLastFileReply(mStream, last);
   sendReply();
 }
@@ -277,12 +255,7 @@ void Connection::handleCheck() {
   const FileCheck check = Protocol::readFileCheck(mStream);
   if (!mSession) return;  // the part before it was answered already
   std::string errors;
-  {
-    std::optional<Mutex::Lock> work;
-    if (!holdSession(work)) return;
-    errors = mSession->checkFile(check);
-  }
-  if (errors.empty()) return;
+  if (!inSession([&] { errors = mSession->checkFile(check); }) || errors.empty()) return;
   Protocol::writeFileErrors(mStream, check.mSeq, errors);
   sendReply();
 }
@@ -348,37 +321,28 @@ size_t Connection::readSome(char* buffer, size_t max) {
   return static_cast<size_t>(got);
 }
 
-void Connection::handleCommit() {
-  // Without a session, only the orphan of this very peer may be committed:
-  // a claimed client address grants nothing.
+template <typename Finish>
+bool Connection::endSession(const Finish& finish) {
+  // Without a session, only the orphan of this very peer may be committed
+  // or aborted: a claimed client address grants nothing.
   mSocket->setDeadline(Ticks());
   if (!mSession) mSession = mTable.takeOver(shared_from_this(), mPeer);
+  if (!mSession) return true;
+  if (!inSession(finish)) return false;
+  mTable.end(mSession);
+  mSession.reset();
+  return true;
+}
+
+void Connection::handleCommit() {
   std::string errors;
-  if (mSession) {
-    {
-      std::optional<Mutex::Lock> work;
-      if (!holdSession(work)) return;
-      errors = mSession->commit();
-    }
-    mTable.end(mSession);
-    mSession.reset();
-  }
+  if (!endSession([&] { errors = mSession->commit(); })) return;
   Protocol::writeCommitReply(mStream, errors, bool(mIdentity));
   sendReply();
 }
 
 void Connection::handleAbort() {
-  mSocket->setDeadline(Ticks());
-  if (!mSession) mSession = mTable.takeOver(shared_from_this(), mPeer);
-  if (mSession) {
-    {
-      std::optional<Mutex::Lock> work;
-      if (!holdSession(work)) return;
-      mSession->abort();
-    }
-    mTable.end(mSession);
-    mSession.reset();
-  }
+  if (!endSession([this] { mSession->abort(); })) return;
   Protocol::writeAbortReply(mStream, bool(mIdentity));
   sendReply();
 }

@@ -35,8 +35,6 @@ class Connection : public SessionOwner, public std::enable_shared_from_this<Conn
   // session (a client may think between messages), else up to the time-out.
   // False when the peer closed or stayed silent.
   bool waitForMessage();
-  // The message's items must arrive within the time-out from its start.
-  void startMessage();
   // Flushes a reply (no deadline: the reply may follow long work).
   void sendReply();
   // False ends the connection.
@@ -45,12 +43,15 @@ class Connection : public SessionOwner, public std::enable_shared_from_this<Conn
   void handleBegin();
   void handleFile();
   void handlePart();
-  // Logs a relay message from a peer that is no daemon; false.
-  bool refuseRelayCode(int code);
   void handleLastFile();
   void handleCheck();
   void handleCommit();
   void handleAbort();
+  // Commit and abort: runs finish on the session this connection owns, or
+  // else on the orphan of this very peer, and forgets it. False when the
+  // session went on without this connection (nothing is replied then).
+  template <typename Finish>
+  bool endSession(const Finish& finish);
   // Passes count bytes of file data to the session, or drops them without
   // one.
   void receiveData(int64_t count);
@@ -61,14 +62,13 @@ class Connection : public SessionOwner, public std::enable_shared_from_this<Conn
   // Reads exactly n bytes; like receiveData, they must arrive within the
   // time-out spent waiting for them.
   void readBlock(char* buffer, size_t n);
-  // Takes the session's work lock for one message, while this connection
-  // still owns the session. When another has taken it over (the upload went
-  // on along another path), lets it go and returns false; the connection
-  // then ends, so that messages it read but did not act on never reach the
+  // Runs step under the session's work lock, while this connection still
+  // owns the session. When another has taken it over (the upload went on
+  // along another path), lets it go and returns false; the connection then
+  // ends, so that messages it read but did not act on never reach the
   // session behind the new owner's back.
-  bool holdSession(std::optional<Mutex::Lock>& work);
-  // The origin client of whatever this connection carries.
-  const std::string& clientAddress() const;
+  template <typename Step>
+  bool inSession(const Step& step);
   // Reads at least one and at most max bytes; throws when the peer is gone.
   size_t readSome(char* buffer, size_t max);
 

@@ -37,8 +37,12 @@ Application::OptionID id(DaemonApplication::DaemonOptionID option) {
   return static_cast<Application::OptionID>(option);
 }
 
-// A whole decimal number in [min, max], or an error naming the switch.
-int parseNumber(const char* name, const std::string& text, int min, int max) {
+// When the switch was given, its value, a whole decimal number in [min, max],
+// goes to number; else an error names the switch.
+void readNumber(const Application& app, DaemonApplication::DaemonOptionID option,
+                const char* name, int min, int max, int& number) {
+  if (!app.wasOptionPresent(id(option))) return;
+  const std::string text = app.getOption(id(option), "");
   long value = 0;
   bool ok = !text.empty() && text.size() <= 9;
   for (char c : text) {
@@ -48,7 +52,7 @@ int parseNumber(const char* name, const std::string& text, int min, int max) {
   if (!ok || value < min || value > max) {
     throw std::runtime_error(std::string("Invalid value for --") + name + ": " + text);
   }
-  return static_cast<int>(value);
+  number = static_cast<int>(value);
 }
 
 void requireDirectory(const char* name, const std::string& path, bool create) {
@@ -100,9 +104,7 @@ void DaemonApplication::usage() {
 
 DaemonConfig DaemonApplication::readConfig() const {
   DaemonConfig config;
-  if (wasOptionPresent(id(ARG_PORT))) {
-    config.mPort = parseNumber("port", getOption(id(ARG_PORT), ""), 0, 65535);
-  }
+  readNumber(*this, ARG_PORT, "port", 0, 65535, config.mPort);
   config.mBindAddress = getOption(id(ARG_BIND), config.mBindAddress.c_str());
   if (!AllowList::parseAddress(config.mBindAddress)) {
     throw std::runtime_error("Invalid value for --bind: " + config.mBindAddress);
@@ -113,14 +115,8 @@ DaemonConfig DaemonApplication::readConfig() const {
   config.mAllowedPaths = TargetPath::parsePrefixes(getOption(id(ARG_ALLOW_PATH), ""));
   config.mStateDir = getOption(id(ARG_STATE_DIR), config.mStateDir.c_str());
   requireDirectory("state-dir", config.mStateDir, true);
-  if (wasOptionPresent(id(ARG_RESUME_WINDOW))) {
-    config.mResumeWindowSeconds =
-        parseNumber("resume-window", getOption(id(ARG_RESUME_WINDOW), ""), 0, 86400 * 7);
-  }
-  if (wasOptionPresent(id(ARG_IO_TIMEOUT))) {
-    config.mIoTimeoutSeconds =
-        parseNumber("io-timeout", getOption(id(ARG_IO_TIMEOUT), ""), 1, 86400);
-  }
+  readNumber(*this, ARG_RESUME_WINDOW, "resume-window", 0, 86400 * 7, config.mResumeWindowSeconds);
+  readNumber(*this, ARG_IO_TIMEOUT, "io-timeout", 1, 86400, config.mIoTimeoutSeconds);
   config.mStopAgentsCommand = getOption(id(ARG_STOP_AGENTS_CMD), "");
   config.mStartAgentsCommand = getOption(id(ARG_START_AGENTS_CMD), "");
   return config;
@@ -130,7 +126,6 @@ void DaemonApplication::initialize() {
   Application::initialize();
   if (wasOptionPresent('v')) {
     std::cout << getVersionString();
-    mVersionOnly = true;
     return;
   }
   // Before any thread exists, so that every thread inherits the mask and

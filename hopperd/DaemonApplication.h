@@ -49,7 +49,6 @@ class DaemonApplication : public Application {
 
  private:
   std::unique_ptr<Server> mServer;
-  bool mVersionOnly = false;
 };
 
 #endif  // HIVE_HOPPERD_DAEMONAPPLICATION_H_

@@ -182,7 +182,7 @@ void Downstream::readReplies(TCPStream& replies) {
   try {
     for (;;) {
       const RelayMessage reply = Protocol::readRelayReply(replies, mHost);
-      progressed();
+      mStalls = 0;  // the link made progress
       if (reply.mTag == RELAY_FILE_ERRORS) {
         HC_LOG_DEBUG("Errors of " << mHost << " for file " << reply.mSeq << ": " << reply.mText);
       }
@@ -225,9 +225,15 @@ void Downstream::checkLink() {
   if (mBroken) throw LinkLost("relay link lost");
 }
 
-void Downstream::expectFinal() {
-  Mutex::Lock lock(mMutex);
-  ++mFinalsSent;
+bool Downstream::sendFinal(void (*write)(TCPStream&)) {
+  return onLink([this, write] {
+    {
+      Mutex::Lock lock(mMutex);
+      ++mFinalsSent;
+    }
+    write(*mStream);
+    mStream->flush();
+  });
 }
 
 std::string Downstream::awaitFinal() {
@@ -237,18 +243,26 @@ std::string Downstream::awaitFinal() {
   return mFinalReply;
 }
 
-bool Downstream::ensureLinked() {
-  if (linked()) return true;
-  BeginResult failures;
-  const bool ok = search(0, failures);
-  loseAll(failures);
-  return ok;
+std::string Downstream::finalReply(void (*write)(TCPStream&)) {
+  for (size_t attempt = 0; linked() && attempt <= mCandidates.size(); ++attempt) {
+    try {
+      return awaitFinal();
+    } catch (const LinkLost&) {
+      if (!reroute() || !sendFinal(write)) break;
+    }
+  }
+  return "";
 }
 
-void Downstream::loseAll(const BeginResult& failures) {
+bool Downstream::ensureLinked() { return linked() || searchAfterLoss(0); }
+
+bool Downstream::searchAfterLoss(size_t from) {
+  BeginResult failures;
+  const bool ok = search(from, failures);
   for (const auto& bad : failures.mBad) mLost.push_back(bad.first);
   for (const std::string& busy : failures.mBusy) mLost.push_back(busy);
   mDropped.insert(mLost.begin(), mLost.end());
+  return ok;
 }
 
 bool Downstream::reroute() {
@@ -257,10 +271,7 @@ bool Downstream::reroute() {
   mDropped.insert(mHost);
   const size_t next = mIndex + 1;
   close();
-  BeginResult failures;
-  const bool ok = search(next, failures);
-  loseAll(failures);
-  return ok;
+  return searchAfterLoss(next);
 }
 
 template <typename Step>
@@ -281,12 +292,7 @@ bool Downstream::onLink(const Step& step) {
 // ---- passing files on -----------------------------------------------------
 
 void Downstream::sendHeader(const FileInfo& info, int64_t end) {
-  FilePart part;
-  part.mInfo = info;
-  part.mSeq = mCurrentSeq;
-  part.mStart = mPosition;
-  part.mCount = end - mPosition;
-  Protocol::writeFilePart(*mStream, part);
+  Protocol::writeFilePart(*mStream, FilePart{info, mCurrentSeq, mPosition, end - mPosition});
   mAnnounced = true;
 }
 
@@ -298,7 +304,7 @@ void Downstream::sendFileBytes(const char* data, size_t n, const uint32_t* crc) 
     Protocol::writeBlock(*mStream, data + done, block, block == n ? crc : nullptr);
     done += block;
   }
-  progressed();
+  mStalls = 0;  // the link made progress
   mBytesForwarded += static_cast<int64_t>(n);
 }
 
@@ -309,10 +315,10 @@ void Downstream::dropFile(const std::string& why) {
   mPartState = DROPPED;
 }
 
-bool Downstream::sendFromCopy(const StagedFile* copy, const std::string& path, int64_t from,
-                              int64_t to, std::string& error) {
+bool Downstream::sendFromCopy(const StagedFile* copy, const std::string& path, int64_t to,
+                              std::string& error) {
   std::vector<char> buffer(kGapBlock);
-  for (int64_t at = from; at < to;) {
+  for (int64_t at = mPosition; at < to;) {
     const size_t want = static_cast<size_t>(std::min<int64_t>(kGapBlock, to - at));
     const ssize_t got = copy->readAt(buffer.data(), want, at);
     if (got <= 0) {
@@ -323,22 +329,8 @@ bool Downstream::sendFromCopy(const StagedFile* copy, const std::string& path, i
     sendFileBytes(buffer.data(), static_cast<size_t>(got));
     at += got;
   }
-  return true;
-}
-
-void Downstream::resend(const Sent& file, int64_t from, int64_t to) {
-  mCurrentSeq = file.mSeq;
-  mPosition = from;
-  sendHeader(file.mInfo, to);
-  std::string error;
-  // The header promised the bytes: without them the link is of no use.
-  if (!sendFromCopy(file.mCopy, file.mInfo.mRemotePath, from, to, error)) throw LinkLost(error);
   mPosition = to;
-  if (file.mChecked && to == file.mInfo.mSize) Protocol::writeFileCheck(*mStream, file.mCheck);
-}
-
-bool Downstream::holdsWhole(int64_t seq, int64_t size) const {
-  return linked() && mCurrentSeq == seq && mAnnounced && mPosition >= size;
+  return true;
 }
 
 void Downstream::resync(int64_t lastSeq, int64_t lastBytes) {
@@ -361,8 +353,8 @@ void Downstream::resync(int64_t lastSeq, int64_t lastBytes) {
     mPosition = from;
     if ((current || known) && from >= to) {
       // It may have taken every byte but not the check.
-      if (known && file.mChecked && from == file.mInfo.mSize) {
-        Protocol::writeFileCheck(*mStream, file.mCheck);
+      if (known && file.mCheck && from == file.mInfo.mSize) {
+        Protocol::writeFileCheck(*mStream, *file.mCheck);
       }
       continue;
     }
@@ -375,13 +367,18 @@ void Downstream::resync(int64_t lastSeq, int64_t lastBytes) {
       mPosition = file.mInfo.mSize;
       continue;
     }
-    resend(file, from, to);
+    sendHeader(file.mInfo, to);
+    std::string error;
+    // The header promised the bytes: without them the link is of no use.
+    if (!sendFromCopy(file.mCopy, file.mInfo.mRemotePath, to, error)) throw LinkLost(error);
+    if (file.mCheck && to == file.mInfo.mSize) Protocol::writeFileCheck(*mStream, *file.mCheck);
   }
   if (mPartState == STREAMING) mPartState = PENDING;
   mStream->flush();
 }
 
 void Downstream::openLivePart() {
+  if (mPartState != PENDING) return;
   const int64_t end = mPart.end();
   if (mAnnounced && mPosition >= end) return;  // the link holds the part already
   sendHeader(mPart.mInfo, end);
@@ -398,11 +395,7 @@ void Downstream::catchUp(int64_t upTo) {
     return;
   }
   std::string error;
-  if (!sendFromCopy(mCopy, mPart.mInfo.mRemotePath, mPosition, upTo, error)) {
-    dropFile(error);
-    return;
-  }
-  mPosition = upTo;
+  if (!sendFromCopy(mCopy, mPart.mInfo.mRemotePath, upTo, error)) dropFile(error);
 }
 
 void Downstream::dropUnfinishedPart() {
@@ -419,16 +412,13 @@ void Downstream::startPart(const FileInfo& info, int64_t seq, const StagedFile* 
     if (latest != mLatestFor.end()) mSent[latest->second].mSuperseded = true;
   }
   if (mSent.empty() || mSent.back().mSeq != seq) {
-    mSent.push_back(Sent{info, seq, copy, false, false, FileCheck()});
+    mSent.push_back(Sent{info, seq, copy, false, std::nullopt});
     if (copy) mLatestFor[copy] = mSent.size() - 1;
   } else {
     mSent.back().mCopy = copy;  // the same file continued (a resumed part)
     mSent.back().mSuperseded = false;
   }
-  mPart.mInfo = info;
-  mPart.mSeq = seq;
-  mPart.mStart = start;
-  mPart.mCount = count;
+  mPart = FilePart{info, seq, start, count};
   mCopy = copy;
   mPartState = PENDING;
   mFileErrors.clear();
@@ -438,11 +428,7 @@ void Downstream::startPart(const FileInfo& info, int64_t seq, const StagedFile* 
     mPosition = 0;
   }
   // A new link (or a rerouted one) is brought up to date with this file too.
-  if (!onLink([this] {
-        if (mPartState == PENDING) openLivePart();
-      })) {
-    mPartState = DROPPED;
-  }
+  if (!onLink([this] { openLivePart(); })) mPartState = DROPPED;
 }
 
 void Downstream::forward(const char* data, size_t n, int64_t offset,
@@ -450,7 +436,7 @@ void Downstream::forward(const char* data, size_t n, int64_t offset,
   const int64_t end = offset + static_cast<int64_t>(n);
   if (!passing() || !linked()) return;
   const bool ok = onLink([&] {
-    if (mPartState == PENDING) openLivePart();
+    openLivePart();
     if (mPartState == STREAMING) catchUp(offset);  // the link misses bytes before these
     if (mPartState != STREAMING || mPosition >= end) return;
     const int64_t skip = mPosition - offset;
@@ -468,14 +454,11 @@ std::string Downstream::finishPart() {
   if (passing() && linked()) {
     // Whatever the link still misses of the part comes from the staged copy.
     onLink([this] {
-      if (mPartState == PENDING) openLivePart();
+      openLivePart();
       std::string error;
-      if (mPartState == STREAMING && mPosition < mPart.end()) {
-        if (!sendFromCopy(mCopy, mPart.mInfo.mRemotePath, mPosition, mPart.end(), error)) {
-          dropFile(error);  // closes the link, which expected those bytes
-          return;
-        }
-        mPosition = mPart.end();
+      if (mPartState == STREAMING && mPosition < mPart.end() &&
+          !sendFromCopy(mCopy, mPart.mInfo.mRemotePath, mPart.end(), error)) {
+        dropFile(error);  // closes the link, which expected those bytes
       }
     });
   }
@@ -486,18 +469,16 @@ std::string Downstream::finishPart() {
 }
 
 void Downstream::passCheck(const FileCheck& check) {
-  for (auto it = mSent.rbegin(); it != mSent.rend(); ++it) {
-    if (it->mSeq != check.mSeq) continue;
-    it->mChecked = true;
-    it->mCheck = check;
-    break;
-  }
+  const auto sent = std::find_if(mSent.rbegin(), mSent.rend(),
+                                 [&](const Sent& file) { return file.mSeq == check.mSeq; });
+  if (sent != mSent.rend()) sent->mCheck = check;
   if (!linked()) return;
   // A new link on the way was brought up to date from mSent, this check
   // included: it is sent only on the link that was up here.
   const uint64_t link = mLinks;
   onLink([&] {
-    if (link == mLinks && holdsWhole(check.mSeq, check.mSize)) {
+    // Only once the link holds every byte of the file.
+    if (link == mLinks && mCurrentSeq == check.mSeq && mAnnounced && mPosition >= check.mSize) {
       Protocol::writeFileCheck(*mStream, check);
     }
   });
@@ -519,26 +500,13 @@ void Downstream::forgetFiles() {
 
 void Downstream::sendCommit() {
   dropUnfinishedPart();
-  onLink([this] {
-    expectFinal();
-    Protocol::writeCommit(*mStream);
-    mStream->flush();
-  });
+  sendFinal(Protocol::writeCommit);
 }
 
 std::string Downstream::finishCommit() {
   mCommitting = true;
   mStalls = 0;
-  std::string reply;
-  for (size_t attempt = 0; linked() && attempt <= mCandidates.size(); ++attempt) {
-    try {
-      reply = awaitFinal();
-      break;
-    } catch (const LinkLost&) {
-      if (!reroute()) break;  // the new host is sent the files again...
-      sendCommit();           // ...and then the commit
-    }
-  }
+  const std::string reply = finalReply(Protocol::writeCommit);
   mCommitting = false;
   std::string lines;
   {
@@ -552,19 +520,6 @@ std::string Downstream::finishCommit() {
 void Downstream::abort() {
   dropUnfinishedPart();
   mAborting = true;
-  for (size_t attempt = 0; attempt <= mCandidates.size(); ++attempt) {
-    const bool sent = onLink([this] {
-      expectFinal();
-      Protocol::writeAbort(*mStream);
-      mStream->flush();
-    });
-    if (!sent) break;
-    try {
-      awaitFinal();
-      break;
-    } catch (const LinkLost&) {
-      if (!reroute()) break;
-    }
-  }
+  if (sendFinal(Protocol::writeAbort)) finalReply(Protocol::writeAbort);
   mAborting = false;
 }

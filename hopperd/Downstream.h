@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -107,8 +108,7 @@ class Downstream {
     int64_t mSeq = 0;
     const StagedFile* mCopy = nullptr;
     bool mSuperseded = false;  // its target was announced again later
-    bool mChecked = false;     // mCheck holds the file's checksum
-    FileCheck mCheck;
+    std::optional<FileCheck> mCheck;  // the file's checksum, once known
   };
 
   Outcome tryLink(size_t index, BeginResult& result);
@@ -119,14 +119,13 @@ class Downstream {
   // The stall handler of the link: true (wait once more) while the host
   // answers a fresh handshake, a bounded number of times in a row.
   bool hostStillAnswers();
-  // Starts counting stalls afresh (the link made progress).
-  void progressed() { mStalls = 0; }
   std::vector<std::string> remainingFrom(size_t index) const;
   // The link broke: records the host as lost and links to the next one,
   // whose own failures count as lost too. True when a new link is up.
   bool reroute();
-  // Hosts that failed while the upload was under way count as lost.
-  void loseAll(const BeginResult& failures);
+  // Links to the first host from index from on; hosts that fail now, while
+  // the upload is under way, count as lost. True when linked.
+  bool searchAfterLoss(size_t from);
   // Runs step on the link, rerouting and running it again when the link
   // breaks. False when no host is left to run it on.
   template <typename Step>
@@ -140,19 +139,24 @@ class Downstream {
   void startReader();
   // Throws LinkLost once the reader has found the link broken.
   void checkLink();
-  // Counts a commit or abort about to go out on the link: its reply is owed.
-  void expectFinal();
+  // Sends the commit or abort that write puts on the link (rerouting as
+  // onLink does) and counts its reply as owed. False when no host is left.
+  bool sendFinal(void (*write)(TCPStream&));
   // Waits until the reader took the reply to every commit or abort sent on
   // this link (or the link broke); returns the last one's text.
   std::string awaitFinal();
+  // awaitFinal(), rerouting when the link breaks: the new host is sent the
+  // files again (unless aborting) and then write's message. "" when no host
+  // is left.
+  std::string finalReply(void (*write)(TCPStream&));
 
   // Brings a freshly linked host up to date: every file from the one it
   // took last is sent again from the staged copies.
   void resync(int64_t lastSeq, int64_t lastBytes);
-  void resend(const Sent& file, int64_t from, int64_t to);
   // Sends the part header for [mPosition, end) of the file mCurrentSeq.
   void sendHeader(const FileInfo& info, int64_t end);
-  // Sends the current part's header and what the link misses before it.
+  // Sends the current part's header and what the link misses before it,
+  // when the link has not had them yet (PENDING).
   void openLivePart();
   // Sends the current file's bytes [mPosition, upTo) from the staged copy,
   // or drops the file when the copy does not hold them.
@@ -160,11 +164,9 @@ class Downstream {
   // Sends data as checked blocks; crc, when not null, is the checksum of
   // all of it, which then goes as one block.
   void sendFileBytes(const char* data, size_t n, const uint32_t* crc = nullptr);
-  // The link holds every byte of the file seq of size bytes.
-  bool holdsWhole(int64_t seq, int64_t size) const;
-  // Sends [from, to) of a staged copy; false with the error text when the
-  // copy cannot be read back.
-  bool sendFromCopy(const StagedFile* copy, const std::string& path, int64_t from, int64_t to,
+  // Sends [mPosition, to) of a staged copy and moves mPosition to to; false
+  // with the error text when the copy cannot be read back.
+  bool sendFromCopy(const StagedFile* copy, const std::string& path, int64_t to,
                     std::string& error);
   void dropFile(const std::string& why);
   // A part whose bytes are still owed on the link (its upstream vanished in

@@ -110,8 +110,7 @@ bool Journal::append(char kind, const std::string& path, std::string& error) {
 
 bool Journal::recordStagedFile(const std::string& remote, std::string& error) {
   const std::string dir = TargetPath::directoryOf(remote);
-  if (mStagingDirs.count(dir)) return true;
-  if (!append('S', dir, error)) return false;
+  if (!mStagingDirs.count(dir) && !append('S', dir, error)) return false;
   mStagingDirs.insert(dir);
   return true;
 }

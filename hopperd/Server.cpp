@@ -32,10 +32,9 @@ bool Server::run() {
   HC_LOG_INFO("Shutting down");
   mListener.close();
   const Ticks start = Ticks::currentTime();
-  bool clean = mTable.discardAll(kStopWaitMs);
+  const bool clean = mTable.discardAll(kStopWaitMs);
   const long left = kStopWaitMs - long((Ticks::currentTime() - start).nanos() / 1000000);
-  clean = stopWorkers(std::max(left, 100L)) && clean;
-  return clean;
+  return stopWorkers(std::max(left, 100L)) && clean;
 }
 
 std::string Server::refusal(const std::string& peer) {
@@ -64,10 +63,8 @@ void Server::serve(std::unique_ptr<TCPSocket> socket) {
   worker.mConnection =
       std::make_shared<Connection>(std::move(socket), mTable, mConfig.mIoTimeoutSeconds * 1000);
   worker.mDone = std::make_shared<std::atomic<bool>>(false);
-  std::shared_ptr<Connection> connection = worker.mConnection;
-  std::shared_ptr<std::atomic<bool>> done = worker.mDone;
   try {
-    worker.mThread = std::thread([connection, done] {
+    worker.mThread = std::thread([connection = worker.mConnection, done = worker.mDone] {
       connection->run();
       *done = true;
     });

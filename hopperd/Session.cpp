@@ -21,7 +21,6 @@ Session::Session(std::string id, std::vector<std::string> hosts, std::string cli
       mSelf(hosts.empty() ? std::string() : hosts.front()),
       mClientAddress(std::move(clientAddress)),
       mConfig(config),
-      mHosts(std::move(hosts)),
       mTargets(config.mRoot, config.mAllowedPaths, config.mFileSystem),
       mJournal(config.mStateDir, mId, config.mRoot),
       mDownstream(RelayIdentity{mClientAddress, mId, mSelf}, mSelf,
@@ -31,19 +30,12 @@ Session::~Session() = default;
 
 void Session::begin(const std::vector<std::string>& hosts, bool stopAgents, BeginResult& result,
                     const std::function<bool()>& abandoned) {
-  mHosts = hosts;
   mStopAgents = stopAgents;
   ++mGeneration;
   mCurrent = nullptr;
-  const std::vector<std::string> after(mHosts.begin() + std::min<size_t>(1, mHosts.size()),
-                                       mHosts.end());
+  const std::vector<std::string> after(hosts.begin() + std::min<size_t>(1, hosts.size()),
+                                       hosts.end());
   mDownstream.connect(after, stopAgents, result, abandoned);
-}
-
-void Session::moveToEnd(Entry* entry) {
-  auto it = std::find_if(mEntries.begin(), mEntries.end(),
-                         [entry](const std::unique_ptr<Entry>& e) { return e.get() == entry; });
-  std::rotate(it, it + 1, mEntries.end());
 }
 
 void Session::keepCreatedDirs(const std::vector<std::string>& dirs) {
@@ -87,8 +79,10 @@ Session::Entry* Session::entryOfSeq(int64_t seq) const {
 Session::Entry* Session::stageFresh(const FileInfo& info, int64_t seq,
                                     TargetPath::Resolution& where, std::string& refusal) {
   Entry* entry = entryFor(where.mTarget);
-  if (entry) {
-    moveToEnd(entry);
+  if (entry) {  // a target announced again moves to the end of the order
+    const auto it = std::find_if(mEntries.begin(), mEntries.end(),
+                                 [entry](const auto& e) { return e.get() == entry; });
+    std::rotate(it, it + 1, mEntries.end());
   } else {
     mEntries.push_back(std::make_unique<Entry>());
     entry = mEntries.back().get();
@@ -118,9 +112,13 @@ bool Session::continueStaged(Entry* entry, std::string& refusal) {
   return true;
 }
 
-void Session::startFile(Entry* entry, int64_t offset) {
+void Session::startFile(const FilePart& part, Entry* entry) {
+  mDownstream.startPart(part.mInfo, part.mSeq, entry ? entry->mFile.get() : nullptr, part.mStart,
+                        part.mCount);
   mCurrent = entry;
-  mOffset = offset;
+  mOffset = part.mStart;
+  mCurrentSeq = part.mSeq;
+  mCurrentSize = part.mInfo.mSize;
 }
 
 bool Session::openFile(const FileInfo& info, int64_t& start, std::string& refusal) {
@@ -155,12 +153,8 @@ bool Session::openFile(const FileInfo& info, int64_t& start, std::string& refusa
   // The client hears this host's own position at once; the hosts after it
   // are brought up to it from the staged copy when they hold less.
   start = entry ? entry->mFile->size() : 0;
-  mDownstream.startPart(info, seq, entry ? entry->mFile.get() : nullptr, start,
-                        info.mSize - start);
-  startFile(entry, start);
+  startFile(FilePart{info, seq, start, info.mSize - start}, entry);
   mFromClient = true;
-  mCurrentSeq = seq;
-  mCurrentSize = info.mSize;
   // The head's checksum covers the whole file: a resumed one's bytes staged
   // before the break are read back.
   std::string ignored;
@@ -202,20 +196,14 @@ void Session::openPart(const FilePart& part) {
     }
   }
   if (!entry && !refusal.empty()) Protocol::appendLines(mFileErrors, line(refusal));
-  mDownstream.startPart(info, part.mSeq, entry ? entry->mFile.get() : nullptr, part.mStart,
-                        part.mCount);
-  startFile(entry, part.mStart);
-  mCurrentSeq = part.mSeq;
-  mCurrentSize = info.mSize;
+  startFile(part, entry);
   mPartEndsFile = part.end() == info.mSize;
 }
 
 void Session::lastFile(int64_t& seq, int64_t& bytes) const {
   seq = mLastSeq;
-  bytes = 0;
-  if (seq == 0) return;
   const bool healthy = mLast && mLast->mSeq == seq && !mLast->mFailed;
-  bytes = healthy ? mLast->mFile->size() : kMaxFileSize;
+  bytes = seq == 0 ? 0 : healthy ? mLast->mFile->size() : kMaxFileSize;
 }
 
 void Session::fileData(const char* data, size_t n, const uint32_t* blockCRC) {

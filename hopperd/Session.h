@@ -118,10 +118,11 @@ class Session {
   std::string verify(Entry* entry, const FileCheck& check);
   // The staged copy left open for its check is closed.
   void closeAwaitingCheck();
-  void startFile(Entry* entry, int64_t offset);
+  // Receives part into entry (null: nothing of it is staged here) and
+  // passes it on.
+  void startFile(const FilePart& part, Entry* entry);
   // True when entry's staged bytes may be continued for info (a resumed file).
   bool resumable(const Entry* entry, const FileInfo& info) const;
-  void moveToEnd(Entry* entry);
   void keepCreatedDirs(const std::vector<std::string>& dirs);
   void runCommand(const std::string& command, std::string& errors);
   // Commit in two passes, so that durability costs one flush per file
@@ -137,7 +138,6 @@ class Session {
   const std::string mSelf;
   const std::string mClientAddress;
   const DaemonConfig& mConfig;
-  std::vector<std::string> mHosts;
   bool mStopAgents = false;
 
   Mutex mWorkMutex;

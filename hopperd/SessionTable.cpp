@@ -172,8 +172,7 @@ bool SessionTable::reap() {
     if ((Ticks::currentTime() - mSession->mOrphanedAt).nanos() < window) return false;
     // Never wait for a connection still busy with it: try again next time.
     if (!mSession->workMutex().try_lock()) return false;
-    victim.swap(mSession);
-    mChanged.broadcast();
+    victim = detach();
   }
   HC_LOG_INFO("Resume window of session " << victim->id() << " expired");
   victim->discard();

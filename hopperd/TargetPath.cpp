@@ -1,6 +1,7 @@
 #include "hopperd/TargetPath.h"
 
 #include <cerrno>
+#include <sstream>
 #include <stdexcept>
 
 #include "util/StringUtilities.h"
@@ -12,12 +13,9 @@ std::string quoted(const std::string& s) { return "\"" + s + "\""; }
 
 // True when no component of the normalised path is longer than a name may be.
 bool namesFit(const std::string& path) {
-  std::string::size_type start = 1;
-  while (start < path.size()) {
-    std::string::size_type end = path.find('/', start);
-    if (end == std::string::npos) end = path.size();
-    if (end - start > TargetPath::kMaxName) return false;
-    start = end + 1;
+  std::istringstream names(path);
+  for (std::string name; std::getline(names, name, '/');) {
+    if (name.size() > TargetPath::kMaxName) return false;
   }
   return true;
 }
@@ -43,32 +41,23 @@ std::optional<std::string> TargetPath::normalize(const std::string& remote) {
     return std::nullopt;
   }
   std::string out;
-  std::string::size_type pos = 0;
-  while (pos < remote.size()) {
-    std::string::size_type end = remote.find('/', pos);
-    if (end == std::string::npos) end = remote.size();
-    const std::string part = remote.substr(pos, end - pos);
+  std::istringstream parts(remote);
+  for (std::string part; std::getline(parts, part, '/');) {
     if (part == "..") return std::nullopt;
     if (!part.empty() && part != ".") out += "/" + part;
-    pos = end + 1;
   }
   return out.empty() ? std::string("/") : out;
 }
 
 std::vector<std::string> TargetPath::parsePrefixes(const std::string& text) {
   std::vector<std::string> prefixes;
-  std::string::size_type start = 0;
-  while (start <= text.size()) {
-    std::string::size_type end = text.find(',', start);
-    if (end == std::string::npos) end = text.size();
-    std::string item = text.substr(start, end - start);
+  std::istringstream items(text);
+  for (std::string item; std::getline(items, item, ',');) {
     removeTrailingLeadingSpace(item);
-    if (!item.empty()) {
-      const std::optional<std::string> norm = normalize(item);
-      if (!norm) throw std::runtime_error("Invalid allowed path " + quoted(item));
-      prefixes.push_back(*norm);
-    }
-    start = end + 1;
+    if (item.empty()) continue;
+    const std::optional<std::string> norm = normalize(item);
+    if (!norm) throw std::runtime_error("Invalid allowed path " + quoted(item));
+    prefixes.push_back(*norm);
   }
   return prefixes;
 }
@@ -186,23 +175,23 @@ void TargetPath::removeDirectories(const std::vector<std::string>& dirs) const {
 bool TargetPath::resolve(const std::string& remote, const std::string& baseName,
                          const std::set<std::string>& knownDirs, Resolution& out,
                          std::string& reason, const BeforeMakeDirectory& beforeMake) const {
+  const auto refuse = [&reason](const std::string& why) {
+    reason = why;
+    return false;
+  };
   const std::optional<std::string> norm = normalize(remote);
   if (!norm) {
-    reason = "Remote path " + quoted(remote) + " must be absolute and free of \"..\"";
-    return false;
+    return refuse("Remote path " + quoted(remote) + " must be absolute and free of \"..\"");
   }
   if (!allowed(*norm)) {
-    reason = "Remote path " + quoted(remote) + " lies outside the allowed paths";
-    return false;
+    return refuse("Remote path " + quoted(remote) + " lies outside the allowed paths");
   }
   // Refused before anything is made, rather than failing half-way down.
   if (!namesFit(*norm)) {
-    reason = "Remote path " + quoted(remote) + ": " + System::errorText(ENAMETOOLONG);
-    return false;
+    return refuse("Remote path " + quoted(remote) + ": " + System::errorText(ENAMETOOLONG));
   }
   if (baseName.size() > kMaxName) {
-    reason = "File name " + quoted(baseName) + ": " + System::errorText(ENAMETOOLONG);
-    return false;
+    return refuse("File name " + quoted(baseName) + ": " + System::errorText(ENAMETOOLONG));
   }
   // What is at the path decides where the file goes; when it goes to the
   // path itself, the same look says whether something is in the way.
@@ -217,35 +206,23 @@ bool TargetPath::resolve(const std::string& remote, const std::string& baseName,
   out.mTarget = *norm;
   if (intoDirectory) {
     if (!validBaseName(baseName)) {
-      reason = "Invalid file name " + quoted(baseName) + " for " + remote;
-      return false;
+      return refuse("Invalid file name " + quoted(baseName) + " for " + remote);
     }
     out.mTarget = (*norm == "/" ? "" : *norm) + "/" + baseName;
   }
   if (out.mTarget == "/") {
-    reason = "Remote path " + quoted(remote) + " names the root directory";
-    return false;
+    return refuse("Remote path " + quoted(remote) + " names the root directory");
   }
   out.mLocal = local(out.mTarget);
   out.mParentFd =
       stagingDirectory(directoryOf(out.mTarget), beforeMake, &out.mCreatedDirs, reason);
-  if (out.mParentFd < 0) {
-    reason = out.mTarget + ": " + reason;
-    return false;
-  }
+  if (out.mParentFd < 0) return refuse(out.mTarget + ": " + reason);
   FileAttributes existing = atPath;
   if (!looked || intoDirectory) {
     found = mFS->statAt(out.mParentFd, nameOf(out.mTarget), existing);
   }
-  if (found) {
-    if (existing.isDirectory()) {
-      reason = out.mTarget + ": " + System::errorText(EISDIR);
-      return false;
-    }
-    if (existing.isSymlink()) {
-      reason = out.mTarget + ": " + System::errorText(ELOOP);
-      return false;
-    }
+  if (found && (existing.isDirectory() || existing.isSymlink())) {
+    return refuse(out.mTarget + ": " + System::errorText(existing.isDirectory() ? EISDIR : ELOOP));
   }
   return true;
 }
