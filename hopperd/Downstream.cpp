@@ -455,11 +455,7 @@ std::string Downstream::finishPart() {
     // Whatever the link still misses of the part comes from the staged copy.
     onLink([this] {
       openLivePart();
-      std::string error;
-      if (mPartState == STREAMING && mPosition < mPart.end() &&
-          !sendFromCopy(mCopy, mPart.mInfo.mRemotePath, mPart.end(), error)) {
-        dropFile(error);  // closes the link, which expected those bytes
-      }
+      if (mPartState == STREAMING) catchUp(mPart.end());
     });
   }
   mPartState = NO_PART;

@@ -115,6 +115,7 @@ bool StagedFile::reopen(std::string& error) {
     mExists = true;
     return true;
   }
+  if (mFd) error = "Staged copy of " + mRemoteTarget + ": " + System::getErrorMessageStr();
   mFd.close();
   return false;
 }
