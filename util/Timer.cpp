@@ -28,9 +28,12 @@ void Timer::addInterval(const Ticks& d) {
 
 Timer& Timer::operator+=(const Timer& t) {
   HC_ASSERT(!running() && !t.running());
+  // A timer without intervals has no shortest one to give or to keep.
+  if (t.mNumIntervals > 0 && (mNumIntervals == 0 || t.mShortest < mShortest)) {
+    mShortest = t.mShortest;
+  }
+  if (t.mLongest > mLongest) mLongest = t.mLongest;
   mTotalTime += t.mTotalTime;
   mNumIntervals += t.mNumIntervals;
-  if (t.mShortest < mShortest) mShortest = t.mShortest;
-  if (t.mLongest > mLongest) mLongest = t.mLongest;
   return *this;
 }

@@ -7,7 +7,7 @@
 
 // Deadlines are built with these; a nanosecond part outside [0, 1e9) makes
 // the timed waits fail.
-TEST(TimeTest, NanosecondsAreNormalised) {
+TEST(TimeTest, NanosecondsAreNormalisedAndTimersAddUp) {
   const auto is = [](const Time& t, long seconds, long nanos) {
     return t.seconds() == seconds && t.nanos() == nanos;
   };
@@ -30,4 +30,11 @@ TEST(TimeTest, NanosecondsAreNormalised) {
   timer.start(Ticks(2000));
   timer.stop(Ticks(2100));
   EXPECT_EQ(400, timer.totalTime().nanos());
+  // Summing timers: one without intervals neither gives nor takes a shortest.
+  Timer sum;
+  sum += timer;
+  sum += Timer();
+  EXPECT_EQ(100, sum.shortest().nanos());
+  EXPECT_EQ(300, sum.longest().nanos());
+  EXPECT_EQ(400, sum.totalTime().nanos());
 }

@@ -95,7 +95,7 @@ const std::size_t kDirBufferSize = 5370;
 }  // namespace
 
 bool readDirectory(const std::string& path, std::vector<std::string>& names) {
-  FileDescriptor dir(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  FileDescriptor dir = openDirectory(path, true);
   // On failure the descriptor's destructor closes it and keeps errno.
   if (!dir || !readDirectoryAt(dir.get(), names)) return false;
   return dir.close();
