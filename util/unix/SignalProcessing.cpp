@@ -71,7 +71,7 @@ void SignalProcessing::configure(const Configuration& configuration) {
   Mutex::Lock lock(mMutex);
   HC_ASSERT(mState == unconfigured || mState == finished);
   for (const auto& entry : configuration.callbacks()) {
-    HC_ASSERT_MSG(entry.second, "! it->second.empty()");
+    HC_ASSERT_MSG(entry.second, "! entry.second.empty()");
   }
   mCallbacks = configuration.callbacks();
   mState = configured;
