@@ -90,7 +90,8 @@ int Application::getOptionAsInt(OptionID id, int dflt) const {
 }
 
 void Application::parseArgs(int argc, char** argv) {
-  mProgramName = lastPathComponent(argc > 0 ? argv[0] : "");
+  mPathProgramName = argc > 0 ? argv[0] : "";
+  mProgramName = lastPathComponent(mPathProgramName);
 
   std::vector<const char*> args;
   for (int i = 1; i < argc; ++i) args.push_back(argv[i]);

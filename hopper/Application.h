@@ -98,6 +98,7 @@ class Application {
  protected:
   ArgMap mOptionMap;               // first occurrence of each option wins
   std::vector<const char*> mArgs;  // positional arguments in order
+  const char* mPathProgramName = nullptr;  // argv[0] as given
   std::string mProgramName;
   const char* mProgramTextName;    // display name for the version banner
   GetOpt::Option* mOptions;
