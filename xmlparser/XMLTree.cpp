@@ -69,7 +69,10 @@ void XMLTree::setValue(const std::string& value, bool isCDATA) {
   mNodeValue = value;
   mDirty = true;
   mEscapedCurrent = false;
-  if (isCDATA) mCDATA = "<![CDATA[" + value + "]]>";
+  if (isCDATA) {
+    mIsCDATA = true;
+    mCDATA = "<![CDATA[" + value + "]]>";
+  }
 }
 
 void XMLTree::clearValue() {
@@ -84,6 +87,7 @@ void XMLTree::clear() {
   mDirty = false;
   mEscapedCurrent = true;
   mCDATA.clear();
+  mIsCDATA = false;
 }
 
 void XMLTree::appendCharacter(char c) {
@@ -97,9 +101,10 @@ void XMLTree::appendCDATA(const std::string& content) {
   mDirty = true;
   mEscapedCurrent = false;
   static const std::string kClose = "]]>";
-  if (isCDATA()) {
+  if (mIsCDATA) {
     mCDATA.insert(mCDATA.size() - kClose.size(), content);
   } else {
+    mIsCDATA = true;
     mCDATA = "<![CDATA[" + content + kClose;
   }
 }
@@ -112,7 +117,7 @@ void XMLTree::unEscape() const {
 }
 
 const std::string& XMLTree::getValue() const {
-  if (isCDATA()) return mCDATA;
+  if (mIsCDATA) return mCDATA;
   if (mDirty) unEscape();
   return mNodeValue;
 }
@@ -171,7 +176,7 @@ XMLTree* XMLTree::addCDATA(const std::string& name, const std::string& value) {
 void XMLTree::write(std::ostream& out) const {
   for (const auto& [name, child] : mChildren) {
     out << '<' << name << '>';
-    out << (child->isCDATA() ? child->mCDATA : child->getEscapedValue());
+    out << (child->mIsCDATA ? child->mCDATA : child->getEscapedValue());
     child->write(out);
     out << "</" << name << '>';
   }

@@ -32,7 +32,7 @@ class XMLTree {
   // Appends the content of a CDATA section: it joins the raw text and the
   // node becomes a CDATA node whose read-back form wraps every section read.
   void appendCDATA(const std::string& content);
-  bool isCDATA() const { return !mCDATA.empty(); }
+  bool isCDATA() const { return mIsCDATA; }
 
   // Replaces the text by its percent-decoded form.
   void unEscape() const;
@@ -73,8 +73,8 @@ class XMLTree {
   mutable std::string mEscapedNodeValue;
   mutable bool mDirty = false;
   mutable bool mEscapedCurrent = true;
-  // The read-back form of a CDATA node; empty for any other node.
   std::string mCDATA;
+  bool mIsCDATA = false;
 };
 
 std::ostream& operator<<(std::ostream& out, const XMLTree& tree);
