@@ -8,12 +8,13 @@
 #include "util/pathfun.h"
 
 MoveManager::MoveManager(const IPtoNameMap& hosts, bool verboseMode, bool stopAgents, int timeout,
-                         System::OSID /*targetOSID*/, std::ostream& out, std::ostream& err)
+                         System::OSID targetOSID, std::ostream& out, std::ostream& err)
     : mClientHostName(TCPSocket::getHostName()),
       mNodeIPToNameMap(hosts),
       mVerboseMode(verboseMode),
       mStopAgents(stopAgents),
       mTimeout(timeout),
+      mTargetOSID(targetOSID),
       mStdout(out),
       mStderr(err) {
   for (const auto& entry : mNodeIPToNameMap) mNodeIPSet.insert(entry.first);

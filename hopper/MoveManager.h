@@ -21,8 +21,7 @@ using IPtoNameMap = std::map<std::string, std::string>;
 class MoveManager {
  public:
   // hosts: identifier -> name; every identifier becomes a target host.
-  // timeout is in seconds, -1 for none; targetOSID, the platform the hosts
-  // were chosen for, is not needed after that. out and err are not owned.
+  // timeout is in seconds, -1 for none. out and err are not owned.
   MoveManager(const IPtoNameMap& hosts, bool verboseMode, bool stopAgents, int timeout,
               System::OSID targetOSID, std::ostream& out, std::ostream& err);
   virtual ~MoveManager() = default;
@@ -69,6 +68,7 @@ class MoveManager {
   bool mVerboseMode;
   bool mStopAgents;
   int mTimeout;
+  System::OSID mTargetOSID;
   std::ostream& mStdout;
   std::ostream& mStderr;
   Mutex mAbortMutex;

@@ -133,6 +133,7 @@ SSLProvider::SSLProvider(bool requireTrustedCerts) : mRequireTrustedCerts(requir
 void SSLProvider::setTrustedCACerts(const char* file) {
   mCACertPem = file ? std::optional<std::string>(file) : std::nullopt;
   if (SSL_CTX_load_verify_locations(mImpl.get(), file, nullptr) != 1) throwLibraryError();
+  mHaveCA = true;
 }
 
 void SSLProvider::setOwnCertAndKey(const char* file) {
@@ -140,6 +141,7 @@ void SSLProvider::setOwnCertAndKey(const char* file) {
   if (SSL_CTX_use_PrivateKey_file(mImpl.get(), file, SSL_FILETYPE_PEM) != 1) {
     throwLibraryError();
   }
+  mHaveOwnCert = true;
 }
 
 void SSLProvider::setAllowedCiphers(const char* list) {

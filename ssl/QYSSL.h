@@ -119,6 +119,8 @@ class SSLProvider : public Provider {
 
   ContextPtr mImpl;
   Mutex mMutex;  // serialises handshakes
+  bool mHaveCA = false;
+  bool mHaveOwnCert = false;
   bool mRequireTrustedCerts;
   std::optional<std::string> mCACertPem;
   std::vector<std::string> mCNs;
