@@ -60,6 +60,7 @@ std::string ClusterManagerConnection::getError(int* code) const {
 bool ClusterManagerConnection::connect(const std::string& host, int port,
                                        qysec::Provider* provider, int timeout) {
   mError.clear();
+  mTimeout = timeout;
   if (provider != nullptr) mCMSecurityProvider = provider;
 
   const size_t colon = host.find(':');

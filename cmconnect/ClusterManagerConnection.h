@@ -124,6 +124,7 @@ class ClusterManagerConnection {
   std::map<int64_t, int> mHTTPCodeMap;
   std::map<int, int> mCurlCodeMap;
   Timer mReqTimer;
+  int mTimeout = 0;
   std::array<char, CURL_ERROR_SIZE> mCurlErrMsg{};
   std::shared_ptr<ClusterManagerSpy> mSpy;
   qysec::Provider* mCMSecurityProvider = nullptr;

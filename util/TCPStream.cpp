@@ -25,6 +25,7 @@ uint32_t getBE32(const char* in) {
 
 TCPStreamBuf::TCPStreamBuf(TCPSocket* socket)
     : mSocket(socket),
+      mPutBackSize(kPutBackSize),
       mBufSize(kBufSize),
       mOutBufSize(kOutBufSize),
       mBufferIn(kPutBackSize + kBufSize),
@@ -33,7 +34,7 @@ TCPStreamBuf::TCPStreamBuf(TCPSocket* socket)
 }
 
 void TCPStreamBuf::reset() {
-  char* in = mBufferIn.data() + kPutBackSize;
+  char* in = mBufferIn.data() + mPutBackSize;
   setg(in, in, in);
   char* out = mBufferOut.data() + kCRCHeaderSize;
   setp(out, out + mOutBufSize);
@@ -44,8 +45,8 @@ void TCPStreamBuf::reset() {
 void TCPStreamBuf::setInputBufferSize(int size) {
   HC_ASSERT(buffered() == 0 && size > 0);
   mBufSize = size;
-  mBufferIn.assign(static_cast<size_t>(kPutBackSize + size), 0);
-  char* in = mBufferIn.data() + kPutBackSize;
+  mBufferIn.assign(static_cast<size_t>(mPutBackSize + size), 0);
+  char* in = mBufferIn.data() + mPutBackSize;
   setg(in, in, in);
 }
 
@@ -153,8 +154,8 @@ int TCPStreamBuf::fillInput(char* dest, int maxLength) {
 }
 
 void TCPStreamBuf::keepPutBack(const char* end, std::streamsize count) {
-  const std::streamsize keep = std::min<std::streamsize>(count, kPutBackSize);
-  char* data = mBufferIn.data() + kPutBackSize;
+  const std::streamsize keep = std::min<std::streamsize>(count, mPutBackSize);
+  char* data = mBufferIn.data() + mPutBackSize;
   std::memmove(data - keep, end - keep, static_cast<size_t>(keep));
   setg(data - keep, data, data);
 }
@@ -162,7 +163,7 @@ void TCPStreamBuf::keepPutBack(const char* end, std::streamsize count) {
 TCPStreamBuf::int_type TCPStreamBuf::underflow() {
   if (gptr() < egptr()) return traits_type::to_int_type(*gptr());
   keepPutBack(gptr(), gptr() - eback());
-  char* data = mBufferIn.data() + kPutBackSize;
+  char* data = mBufferIn.data() + mPutBackSize;
   const int n = fillInput(data, mBufSize);
   if (n <= 0) lost(n == 0 ? "connection closed by the peer" : "connection lost or timed out");
   setg(eback(), data, data + n);

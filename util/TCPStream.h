@@ -84,6 +84,7 @@ class TCPStreamBuf : public std::streambuf {
   [[noreturn]] static void lost(const char* what);
 
   TCPSocket* mSocket;
+  int mPutBackSize;
   int mBufSize;
   int mOutBufSize;
   std::vector<char> mBufferIn;   // put-back area, then data
