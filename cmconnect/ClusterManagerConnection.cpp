@@ -145,7 +145,11 @@ bool ClusterManagerConnection::send(const std::string& request, XMLTree& reply,
     curl_easy_setopt(h, CURLOPT_HTTPGET, 1L);
   }
   std::ostringstream text;
-  return doSendHTTPStreaming(request, text) && parseXMLResponse(text.str(), reply);
+  if (!doSendHTTPStreaming(request, &text)) return false;
+  // A failed attempt may have left a longer body behind the final one.
+  const std::streamoff length = text.tellp();
+  return parseXMLResponse(text.str().substr(0, length < 0 ? 0 : static_cast<size_t>(length)),
+                          reply);
 }
 
 void ClusterManagerConnection::setURLOptions(const std::string& request) {
@@ -168,22 +172,21 @@ void ClusterManagerConnection::setURLOptions(const std::string& request) {
   curl_easy_setopt(h, CURLOPT_TCP_NODELAY, 1L);
 }
 
-bool ClusterManagerConnection::doSendHTTPStreaming(const std::string& request,
-                                                   std::ostringstream& body) {
+bool ClusterManagerConnection::doSendHTTPStreaming(const std::string& request, std::ostream* out) {
   CURL* h = mCurl.get();
-  // ReceiveData takes the pointer back as a std::ostream*.
-  curl_easy_setopt(h, CURLOPT_WRITEDATA, static_cast<void*>(static_cast<std::ostream*>(&body)));
+  curl_easy_setopt(h, CURLOPT_WRITEDATA, static_cast<void*>(out));
   ++mSendMsgCount;
   setURLOptions(request);
   if (mMaxRetries <= 0) return reportTransferFailure(CURLE_OK, 0);
 
+  const std::streampos start = out->tellp();
   long pause = mRetryInterval;
   CURLcode result = CURLE_OK;
   long httpCode = 0;
   for (int attempt = 0;;) {
-    // The body is the last attempt's alone.
-    body.str("");
-    body.clear();
+    // Every attempt writes its body from the same place.
+    out->clear();
+    if (start != std::streampos(-1)) out->seekp(start);
     mCurlErrMsg[0] = '\0';
     mReqTimer.start();
     result = curl_easy_perform(h);

@@ -14,7 +14,6 @@
 #include <map>
 #include <memory>
 #include <ostream>
-#include <sstream>
 #include <string>
 
 #include "util/Mutex.h"
@@ -100,7 +99,7 @@ class ClusterManagerConnection {
 
   void setHandleOptions(int timeout);
   bool send(const std::string& request, XMLTree& reply, const std::string* body);
-  bool doSendHTTPStreaming(const std::string& request, std::ostringstream& body);
+  bool doSendHTTPStreaming(const std::string& request, std::ostream* out);
   void setURLOptions(const std::string& request);
   bool reportTransferFailure(CURLcode result, long httpCode);
   bool parseXMLResponse(const std::string& text, XMLTree& tree);
