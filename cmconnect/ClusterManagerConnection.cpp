@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "ssl/QYSSL.h"
+#include "util/Assert.h"
 #include "util/StringUtilities.h"
 #include "util/System.h"
 #include "util/TCPSocket.h"
@@ -64,13 +65,19 @@ bool ClusterManagerConnection::connect(const std::string& host, int port,
   if (provider != nullptr) mCMSecurityProvider = provider;
 
   const size_t colon = host.find(':');
-  mOrigHost = host.substr(0, colon);
-  mHostPlusPort = colon == std::string::npos ? host + ":" + std::to_string(port) : host;
+  if (colon == std::string::npos) {
+    mHostPlusPort = host + ":" + std::to_string(port);
+    mOrigHost = host;
+  } else {
+    mHostPlusPort = host;
+    mOrigHost = host.substr(0, colon);
+  }
 
   if (provider == nullptr) {
     // Plain HTTP goes to the resolved IPv4 address.
-    std::string name = mOrigHost;
-    std::string portText = mHostPlusPort.substr(mOrigHost.size() + 1);
+    const size_t split = mHostPlusPort.find(':');
+    std::string name = mHostPlusPort.substr(0, split);
+    std::string portText = mHostPlusPort.substr(split + 1);
     removeTrailingLeadingSpace(name);
     removeTrailingLeadingSpace(portText);
     std::string address;
@@ -144,12 +151,18 @@ bool ClusterManagerConnection::send(const std::string& request, XMLTree& reply,
   } else {
     curl_easy_setopt(h, CURLOPT_HTTPGET, 1L);
   }
-  std::ostringstream text;
-  if (!doSendHTTPStreaming(request, &text)) return false;
+  std::string text;
+  return doSendHTTP(request, &text) && parseXMLResponse(text, reply);
+}
+
+bool ClusterManagerConnection::doSendHTTP(const std::string& request, std::string* text) {
+  HC_ASSERT(text != nullptr);
+  std::ostringstream stream;
+  if (!doSendHTTPStreaming(request, &stream)) return false;
   // A failed attempt may have left a longer body behind the final one.
-  const std::streamoff length = text.tellp();
-  return parseXMLResponse(text.str().substr(0, length < 0 ? 0 : static_cast<size_t>(length)),
-                          reply);
+  const std::streamoff length = stream.tellp();
+  *text = stream.str().substr(0, length < 0 ? 0 : static_cast<size_t>(length));
+  return true;
 }
 
 void ClusterManagerConnection::setURLOptions(const std::string& request) {
