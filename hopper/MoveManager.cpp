@@ -69,7 +69,9 @@ void MoveManager::reportBadNodesByIP(const BadNodeList& badNodes) {
 }
 
 void MoveManager::reportBadNodeByIP(const std::string& host, int code) {
-  reportBadNodesByIP({{host, code}});
+  std::ostringstream line;
+  genBadNodeErrMsg(line, mClientHostName, std::make_pair(host, code));
+  writeMassaged(line.str());
 }
 
 void MoveManager::reportBusyNodesByIP(const BusyNodeList& busyNodes) {

@@ -29,11 +29,13 @@ bool populateNodeMap(const std::string& cm, System::OSID osid,
   if (!connection.connect(cm, kDefaultCMPort, provider, kTransferTimeoutSeconds) ||
       !connection.sendHTTPMessage(agentListRequest(osid, goodHostsOnly), reply, nullptr)) {
     std::cerr << "Error while requesting the host list from CM: " << connection.getError() << "\n";
+    std::cerr.flush();
     return false;
   }
   XMLTree* quarry = reply.getSubTree("Quarry");
   if (quarry == nullptr) {
     std::cerr << "Protocol error while communicating with the CM\n";
+    std::cerr.flush();
     return false;
   }
   XMLTree* agentList = quarry->getSubTree("AgentList");
