@@ -154,9 +154,13 @@ void Logger::rollLog() {
     ++count;
   }
   if (!shiftBacklogs(count)) return;
+  if (mFilesToRetain <= 0) {
+    openLogFile(false);
+    return;
+  }
   closeFileStream();
   const std::string first = backlogName(1);
-  if (mFilesToRetain <= 0 || System::retryMove(mPath, first, false)) {
+  if (System::retryMove(mPath, first, false)) {
     openLogFile(false);
     return;
   }
