@@ -100,6 +100,7 @@ class SignalProcessing {
   Condition mCond;
   CallbackMap mCallbacks;
   State mState = unconfigured;
+  int mPendingWakeUps = 0;
   ThreadId mDispatcher = 0;
   Observer mObserver;
 };

