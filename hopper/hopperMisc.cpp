@@ -70,7 +70,7 @@ int connectToHopperNew(TCPStream& stream, const std::string& host, int port, int
   const std::string reply = Protocol::readString(stream);
   if (reply != "OK") {
     HC_LOG_INFO("Attempting to connect to server " << host
-                << " with the new version request.  Server replied with " << reply
+                << " with C2H_NEW_GET_VERSION.  Server replied with " << reply
                 << " Probably an older version server " << ", but expected protocol version "
                 << kHopperProtocolVersion);
     stream.close();

@@ -94,7 +94,8 @@ void Logger::finish(int mask, LogStream& stream) {
 
 void Logger::closeFileStream() {
   if (!mFileStream) return;
-  mFileStream->close();  // writes out the buffer; a failure only sets the failbit
+  mFileStream->flush();
+  mFileStream->close();  // a failed close only sets the failbit
   mFileStream.reset();
   mOutputStream = nullptr;
 }
@@ -110,6 +111,7 @@ void Logger::openLogFile(bool truncate) {
   mFileStream = System::make_ofstream(
       mPath, std::ios::out | (truncate ? std::ios::trunc : std::ios::app | std::ios::ate), true);
   if (!mFileStream->good()) {
+    mFileStream->close();
     mFileStream.reset();
     mOutputStream = &std::clog;
     std::clog << "Unable to open log file: " << mPath << std::endl;

@@ -31,7 +31,8 @@ void SaveError::capture() { mCode = errno; }
 void SaveError::restore() const { errno = mCode; }
 
 std::string getErrorMessageStr(bool showCode, const unsigned long* code, ErrorType type) {
-  SaveError saveErrno;  // the network error store is errno too
+  SaveError saveSystem;
+  SaveNetworkError saveNetwork;
   const unsigned long number = code ? *code : static_cast<unsigned long>(getLastError(type));
   std::string text = platformText(static_cast<int>(number));
   if (text.empty()) {

@@ -14,6 +14,8 @@
 #include <ctime>
 #include <utility>
 
+#include "util/Assert.h"
+
 extern char** environ;
 
 namespace System {
@@ -33,9 +35,16 @@ OSID makeOSID(const char* name) {
 }
 
 bool fileExists(const std::string& path, SymLinkMode mode) {
-  if (mode == FOLLOW_SYMLINK) return ::access(path.c_str(), F_OK) == 0;
-  FileAttributes attrs;
-  return attrs.stat(path, DONT_FOLLOW_SYMLINK);
+  switch (mode) {
+    case FOLLOW_SYMLINK:
+      return ::access(path.c_str(), F_OK) == 0;
+    case DONT_FOLLOW_SYMLINK: {
+      FileAttributes attrs;
+      return attrs.stat(path, DONT_FOLLOW_SYMLINK);
+    }
+  }
+  HC_ASSERT(false);
+  return false;
 }
 
 int remove(const std::string& path, bool) {

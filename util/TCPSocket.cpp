@@ -256,16 +256,19 @@ void TCPSocket::connect(const std::string& host, int port, long timeoutMs) {
     mFd = mConnector->connect(host, port, timeoutMs);
     return;
   }
-  // Resolved first, so that a name that does not resolve leaves nothing to close.
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  addr.sin_addr = addressesOf(host).front();
   // Close-on-exec from birth: set later, a fork in another thread could
   // inherit the descriptor. Non-blocking until connected, so that the wait
   // happens in poll where its limits apply.
   mFd = System::FileDescriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!mFd.valid()) failAndClose(errno, "couldn't create client socket: ");
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  try {
+    addr.sin_addr = addressesOf(host).front();
+  } catch (const exception& e) {  // the host does not resolve
+    failAndClose(e.what());
+  }
   if (::connect(mFd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0 &&
       !System::errorMeansInProgress()) {
     mLastError = errno;

@@ -38,7 +38,6 @@ void changeMask(int how, const std::vector<int>& signals) {
   for (int sig : signals) sigaddset(&set, sig);
   const int ern = pthread_sigmask(how, &set, nullptr);
   HC_ASSERT(ern == 0);
-  (void)ern;
 }
 
 }  // namespace

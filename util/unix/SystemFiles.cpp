@@ -41,7 +41,13 @@ void fillFrom(FileAttributes& a, const struct stat& st) {
 }  // namespace
 
 bool FileAttributes::stat(const std::string& path, SymLinkMode mode) {
-  return statAt(AT_FDCWD, path, mode);
+  struct stat st;
+  const int rc = retryOnInterrupt([&] {
+    return mode == DONT_FOLLOW_SYMLINK ? ::lstat(path.c_str(), &st) : ::stat(path.c_str(), &st);
+  });
+  if (rc != 0) return false;
+  fillFrom(*this, st);
+  return true;
 }
 
 bool FileAttributes::statFd(int fd) {
