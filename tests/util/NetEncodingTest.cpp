@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "support/FakeDaemon.h"
+#include "util/TCPStream.h"
 
 using namespace System;
 
@@ -24,6 +25,19 @@ TEST(NetEncodingTest, LongValuesAndShortReads) {
   EXPECT_EQ(text, std::string("ab\0\0\0", 5));
   std::istringstream negative(WireBytes().i32(-1).bytes());
   EXPECT_THROW(readSmallBuf(negative, text), std::length_error);
+}
+
+// The client's list readers trust the daemon: a list cut short still
+// replaces the target, with what arrived and defaults for the rest.
+TEST(NetEncodingTest, TrustedListCutShortStillReplacesItsTarget) {
+  auto ends = TCPSocket::pair();
+  const std::string bytes = WireBytes().i32(3).str("a").i32(2).raw("b");
+  ASSERT_TRUE(writeAll(ends.second.get(), bytes.data(), bytes.size()));
+  ends.second.close();
+  TCPStream in(std::make_unique<TCPSocket>(ends.first.release()));
+  StringList names = {"old"};
+  EXPECT_THROW(in >> names, LinkLost);
+  EXPECT_EQ(names, (StringList{"a", std::string("b\0", 2), ""}));
 }
 
 TEST(NetEncodingTest, BoundedReadersRefuseBeforeAllocating) {
