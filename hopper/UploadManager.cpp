@@ -304,8 +304,8 @@ bool UploadManager::upload(const std::string& localPath, const std::string& remo
 }
 
 bool UploadManager::commit() {
-  if (!mPOutStream) return true;  // nothing was sent
   if (mVerboseMode) mStdout << "Committing upload" << std::endl;
+  if (!mPOutStream) return true;  // nothing was sent
   std::string failedHead;
   // A head that fails the commit is asked again once (it may have dropped
   // just the connection); failing twice drops it, which bounds the loop.

@@ -287,4 +287,8 @@ TEST_F(UploadManagerTest, VerboseDotsPerMillionBytes) {
   FakeDaemon daemon(connector, "127.0.0.2");
   EXPECT_TRUE(manager({&daemon}, true)->upload(file("f", TempDir::pattern(2500000)), "/d/f"));
   EXPECT_EQ(out.str(), "..success\nCommitting upload\n");
+  out.str("");  // the commit is announced even when nothing went out
+  std::filesystem::create_symlink("f", dir.file("link"));
+  EXPECT_FALSE(manager({&daemon}, true)->upload(dir.file("link"), "/d/l"));
+  EXPECT_EQ(out.str(), "Committing upload\n");
 }
