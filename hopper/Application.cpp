@@ -123,7 +123,8 @@ void Application::initialize() {
     } else if (std::strcmp(level, "debug") == 0) {
       log.setGlobalMask(LOG_INFO | LOG_DEBUG);
     }
-    log.setLogFile(wasOptionPresent(ARG_LOGFILE) ? getOption(ARG_LOGFILE, "") : defaultLogFile());
+    const char* file = getOption(ARG_LOGFILE, "");  // absent or empty: the default
+    log.setLogFile(*file != '\0' ? file : defaultLogFile());
     HC_LOG_INFO("Logging enabled for " << mProgramName);
   } else if (wasOptionPresent(ARG_LOGFILE)) {
     throw std::runtime_error("Logfile option requires a log level.");

@@ -27,6 +27,7 @@ class TestApp : public Application {
   int run() override { calls += "R"; return body(); }
   void usage() override { calls += "U"; std::cerr << "USAGE"; }
   void terminate() override { calls += "T"; onTerminate(); }
+  std::string defaultLogFile() const override { return defaultLog; }
   Words positional() const { return Words(mArgs.begin(), mArgs.end()); }
 
   // Runs start over words (argv[0] first), which must outlive the object.
@@ -41,6 +42,7 @@ class TestApp : public Application {
 
   std::function<int()> body = [] { return 0; };
   std::function<void()> onTerminate = [] {};
+  std::string defaultLog;
   std::string calls;  // U = usage, R = run, T = terminate, in call order
   std::string err;    // standard error during start()
 };
@@ -105,6 +107,13 @@ TEST(ApplicationTest, LoggingOptionsSetLevelAndFile) {
     logger.setGlobalMask(0);
     logger.setLogFile("");
   }
+  TestApp app;  // an empty file name stands for the default one
+  app.defaultLog = dir.file("default");
+  Words words = {"daemon-x", "--log-level=info", "--logfile="};
+  EXPECT_EQ(0, app.startWith(words)) << app.err;
+  EXPECT_EQ(app.defaultLog, logger.getPath());
+  logger.setGlobalMask(0);
+  logger.setLogFile("");
 }
 
 TEST(ApplicationDeathTest, HelpExitsAtOnceAndASecondInstanceAborts) {
