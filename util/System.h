@@ -75,9 +75,10 @@ class FileAttributes {
 
 namespace System {
 
-// Target platform identifier.
+// Target platform identifier; OS_DEFAULT is the platform this tool runs on.
 enum OSID {
-  OS_INVALID = -1, OS_NONE = 0, OS_WIN32 = 1, OS_SOLARIS = 2, OS_LINUX = 3, OS_SOLARIS_X86 = 4
+  OS_INVALID = -1, OS_NONE = 0, OS_WIN32 = 1, OS_SOLARIS = 2, OS_LINUX = 3, OS_SOLARIS_X86 = 4,
+  OS_DEFAULT = OS_LINUX
 };
 
 // Case-insensitive: null -> OS_NONE; "windows", "solaris", "linux",
