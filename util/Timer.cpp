@@ -30,8 +30,8 @@ Timer& Timer::operator+=(const Timer& t) {
   HC_ASSERT(!running() && !t.running());
   mTotalTime += t.mTotalTime;
   mNumIntervals += t.mNumIntervals;
-  // Plain minimum: a timer without intervals brings its shortest of 0 along,
-  // which the statistics that sum timers have always shown.
+  // A plain minimum, kept as the statistics always had it: an added timer
+  // without intervals brings its shortest of 0 along.
   if (t.mShortest < mShortest) mShortest = t.mShortest;
   if (t.mLongest > mLongest) mLongest = t.mLongest;
   return *this;
