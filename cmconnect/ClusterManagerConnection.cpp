@@ -223,10 +223,12 @@ bool ClusterManagerConnection::doSendHTTPStreaming(const std::string& request, s
     }
     if (++attempt >= mMaxRetries) break;
     if (gotStatus && !mRetryOnHTTPError) break;
-    System::sleep(pause);
+    pauseBeforeRetry(pause);
   }
   return reportTransferFailure(result, httpCode);
 }
+
+void ClusterManagerConnection::pauseBeforeRetry(long ms) { System::sleep(ms); }
 
 bool ClusterManagerConnection::reportTransferFailure(CURLcode result, long httpCode) {
   if (result == CURLE_OK && httpCode == 401) {

@@ -92,6 +92,11 @@ class ClusterManagerConnection {
   void replaceSpy(std::shared_ptr<ClusterManagerSpy> spy);
   void removeSpy();
 
+ protected:
+  // The wait between two transfer attempts; tests see the pauses through it
+  // without waiting them out.
+  virtual void pauseBeforeRetry(long ms);
+
  private:
   struct HandleFree {
     void operator()(CURL* handle) const { curl_easy_cleanup(handle); }

@@ -4,6 +4,7 @@
 #include <stdlib.h>
 
 #include <sstream>
+#include <vector>
 
 #include "ssl/QYSSL.h"
 #include "support/FakeCM.h"
@@ -13,6 +14,13 @@
 namespace {
 
 using CMC = ClusterManagerConnection;
+
+// Records the pauses between attempts instead of waiting them out.
+struct PauseSpy : CMC {
+  using CMC::CMC;
+  void pauseBeforeRetry(long ms) override { pauses.push_back(ms); }
+  std::vector<long> pauses;
+};
 
 std::string error(const CMC& connection) {
   int code = 0;
@@ -69,10 +77,12 @@ TEST(ClusterManagerConnection, HTTPErrorsAreRetriedOnlyWhenAsked) {
   FakeCM cm;
   cm.start("127.0.0.1", {"500"});
   qysec::SSLProvider provider(false);
-  CMC connection(10, 4, true), twice(10, 2, true), once(10, 5, false);
+  PauseSpy connection(10, 4, true);
+  CMC twice(10, 2, true), once(10, 5, false);
   EXPECT_FALSE(connection.connect(cm.hostPort(), 0, &provider, 10));
   EXPECT_EQ(error(connection), "3010 Sending HTTP command failed with curl error(0): HTTP code 500");
   EXPECT_EQ(cm.requests().size(), 4u);
+  EXPECT_EQ(connection.pauses, (std::vector<long>{10, 10, 10}));  // an answer keeps the pause
   cm.reconfigure({"401"});
   EXPECT_FALSE(twice.connect(cm.hostPort(), 0, &provider, 10));
   EXPECT_EQ(error(twice), "3007 Invalid password for user 'brisk'");
@@ -89,10 +99,12 @@ TEST(ClusterManagerConnection, TransportFailures) {
     return std::atoi(text.c_str() + text.find(key) + key.size());
   };
   qysec::SSLProvider provider(false);
-  CMC refused(10, 3, true), secured(10, 6, true), plain(10, 6, true);
+  PauseSpy refused(10, 3, true);
+  CMC secured(10, 6, true), plain(10, 6, true);
   EXPECT_FALSE(refused.connect("127.0.0.1:" + std::to_string(FakeDaemon::unusedPort()), 0, &provider, 10));
   EXPECT_EQ(error(refused), "3009 Unable to connect to CM: '127.0.0.1'");
   EXPECT_EQ(attempts(refused), 3);
+  EXPECT_EQ(refused.pauses, (std::vector<long>{20, 30}));  // no answer: the pause grows
   EXPECT_FALSE(secured.connect(HC_UNRESOLVABLE_HOST, 8031, &provider, 10));
   EXPECT_EQ(error(secured), "3006 Couldn't resolve CM host: '" HC_UNRESOLVABLE_HOST "'");
   EXPECT_EQ(attempts(secured), 1);
