@@ -30,29 +30,13 @@ std::string error(const CMC& connection) {
 
 }  // namespace
 
-// Paths and the account over HTTPS are checked with the agent-list query.
-TEST(ClusterManagerConnection, PlainHTTPGoesToTheResolvedAddress) {
-  FakeCM cm;
-  FakeCM::Options options;
-  options.plain = true;
-  const int port = cm.start("127.0.0.1", options);
-  CMC connection(50, 3, true);
-  XMLTree reply;
-  ASSERT_TRUE(connection.connect("localhost", port, nullptr, 10)) << connection.getError();
-  EXPECT_EQ(connection.getHostPlusPort(), "127.0.0.1:" + std::to_string(port));
-  EXPECT_TRUE(connection.sendHTTPStringMessage("agent_list.xml", reply, "<x>1</x>"));
-  const auto requests = cm.requests();
-  ASSERT_EQ(requests.size(), 2u);
-  EXPECT_EQ(requests[1].method + " " + requests[1].path + " " + requests[1].auth,
-            "POST /quarry/service/agent_list.xml brisk:vqmzt");
-}
-
 TEST(ClusterManagerConnection, ReplyEnvelopeErrors) {
   FakeCM cm;
   cm.start("127.0.0.1", {});
   qysec::SSLProvider provider(false);
   CMC connection(50, 3, true);
   ASSERT_TRUE(connection.connect(cm.hostPort(), 0, &provider, 10));
+  EXPECT_EQ(cm.requests().at(0).auth, "brisk:vqmzt");
   const std::string failure = "<?xml version=\"1.0\"?><Quarry><Status>Failure</Status><ErrorMessage>";
   const struct { std::string body, error; } cases[] = {  // a failure reported by the CM, then faulty replies
       {failure + "no%20such platform</ErrorMessage></Quarry>", "3002 no such platform"},
@@ -100,7 +84,7 @@ TEST(ClusterManagerConnection, TransportFailures) {
   };
   qysec::SSLProvider provider(false);
   PauseSpy refused(10, 3, true);
-  CMC secured(10, 6, true), plain(10, 6, true);
+  CMC secured(10, 6, true);
   EXPECT_FALSE(refused.connect("127.0.0.1:" + std::to_string(FakeDaemon::unusedPort()), 0, &provider, 10));
   EXPECT_EQ(error(refused), "3009 Unable to connect to CM: '127.0.0.1'");
   EXPECT_EQ(attempts(refused), 3);
@@ -108,9 +92,6 @@ TEST(ClusterManagerConnection, TransportFailures) {
   EXPECT_FALSE(secured.connect(HC_UNRESOLVABLE_HOST, 8031, &provider, 10));
   EXPECT_EQ(error(secured), "3006 Couldn't resolve CM host: '" HC_UNRESOLVABLE_HOST "'");
   EXPECT_EQ(attempts(secured), 1);
-  EXPECT_FALSE(plain.connect(HC_UNRESOLVABLE_HOST ":80", 8031, nullptr, 10));
-  EXPECT_EQ(error(plain), "3006 Couldn't resolve CM host: '" HC_UNRESOLVABLE_HOST "'");
-  EXPECT_EQ(attempts(plain), 0);
 }
 
 TEST(ClusterManagerConnection, ProxyFromEnvironmentIsBypassed) {

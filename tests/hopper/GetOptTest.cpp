@@ -74,20 +74,3 @@ TEST(GetOptTest, AgreesWithLibcScannerOnRandomArgumentVectors) {
     }
   }
 }
-
-// Where we deliberately differ from the library: a prefix of two synonyms
-// (rows with the same value) is still ambiguous.
-TEST(GetOptTest, PrefixOfSynonymsIsAmbiguous) {
-  GetOpt::Option table[] = {{"good-nodes-only", 0, nullptr, 507, nullptr},
-                            {"good-hosts-only", 0, nullptr, 507, nullptr}, {}};
-  std::vector<const char*> args = {"--good", "--good-h", "--good-hosts-only=x", "-o"};
-  GetOpt scanner(args, ":o:", table);
-  EXPECT_EQ('?', scanner.next(false));
-  EXPECT_EQ(0, scanner.optopt);
-  EXPECT_EQ(507, scanner.next(false));
-  scanner.optopt = 99;
-  EXPECT_EQ('?', scanner.next(false));  // a value for a switch leaves optopt alone
-  EXPECT_EQ(99, scanner.optopt);
-  EXPECT_EQ(':', scanner.next(false));  // the leading ':' reports a missing value
-  EXPECT_EQ('o', scanner.optopt);
-}

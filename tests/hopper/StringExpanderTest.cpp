@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "hopper/MultiBaseCounter.h"
 #include "support/Thrown.h"
 
 namespace {
@@ -32,15 +31,6 @@ TEST(StringExpanderTest, ExpandsPatternsAndRemovesDuplicates) {
   EXPECT_EQ(Words({"h5", "xa"}), nodesOf("h[5-5] x[a-a]"));  // a range of one value
   // Duplicates go, the first occurrence stays; comparison is exact.
   EXPECT_EQ(Words({"h2", "h1", "H1", "h1:2000", "h3"}), nodesOf("h2 h[1-2] H1 h1:2000 h{1-3} h[1,1]"));
-  Words nodes = {"b", "x"};
-  parseNodesArg("a b x c", nodes);
-  EXPECT_EQ(Words({"b", "x", "a", "c"}), nodes);
-  Words alternatives = {"kept"};
-  StringExpander::parsePattern(" 9-10\t\v\f\r\nb,,b ", alternatives);
-  EXPECT_EQ(Words({"kept", "9", "10", "b", "b"}), alternatives);
-  MultiBaseCounter counter({2});
-  EXPECT_TRUE(!counter.reachedMax() && (++counter).reachedMax() && counter.isValid() && counter[0] == 1);
-  EXPECT_FALSE((++counter).isValid());
 }
 
 TEST(StringExpanderTest, RejectsMalformedPatternsWithTheirMessages) {

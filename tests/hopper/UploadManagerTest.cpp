@@ -1,12 +1,9 @@
-// The client's upload engine against scripted fake daemons over socket
-// pairs: the bytes it sends, how it handles each begin and file status, lost
-// and stalled heads, signals, the time limit and files changing underneath.
+// The client's upload engine against scripted fake daemons over socket pairs.
 #include "hopper/UploadManager.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <csignal>
 #include <filesystem>
 #include <sstream>
 
@@ -20,6 +17,7 @@ namespace {
 
 const int kNew = 0x5533303f, kBegin = 0x55333038, kFile = 0x5533303a, kCommit = 0x5533303b,
           kAbort = 0x5533303c;
+using Codes = std::vector<int>;
 
 class UploadManagerTest : public ::testing::Test {
  protected:
@@ -41,9 +39,7 @@ class UploadManagerTest : public ::testing::Test {
   static WireBytes announce(long size, const std::string& name, const std::string& path, int mode) {
     return WireBytes().i32(kFile).i64(size).str(name).str(path).i32(mode);
   }
-  static std::string hello() { return WireBytes().i32(kNew).i32(5).str(getVersionString()); }
 
-  // The fakes are reached over local socket pairs, not the network.
   PairConnector connector;
   TempDir dir;
   std::ostringstream out, err;
@@ -51,7 +47,7 @@ class UploadManagerTest : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(UploadManagerTest, WireBytesOfFilesAndTree) {
+TEST_F(UploadManagerTest, WireBytesOfFilesAndTreeThenTheCommit) {
   FakeDaemon daemon(connector, "127.0.0.2");
   const std::string a = file("a.txt", "alpha", 0640);
   file("tree/x", "x", 0600);
@@ -59,23 +55,19 @@ TEST_F(UploadManagerTest, WireBytesOfFilesAndTree) {
   std::filesystem::create_symlink("x", dir.file("tree/link"));
   ASSERT_EQ(mkfifo(dir.file("tree/pipe").c_str(), 0644), 0);
   EXPECT_FALSE(manager({&daemon})->uploadBatch({{a, "/dst/a.txt"}, {dir.file("tree"), "/dst"}}));
-
-  // Only the client's bytes: the fake records what it read.
   const std::string expected =
-      WireBytes().raw(hello()).i32(kBegin).i32(1).str(daemon.hostId()).flag(true)
-          .raw(announce(5, "a.txt", "/dst/a.txt", 0640)).raw("alpha")
+      WireBytes().i32(kNew).i32(5).str(getVersionString()).i32(kBegin).i32(1).str(daemon.hostId())
+          .flag(true).raw(announce(5, "a.txt", "/dst/a.txt", 0640)).raw("alpha")
           .raw(announce(2, "y", "/dst/tree/sub/y", 0755)).raw("yy")
           .raw(announce(1, "x", "/dst/tree/x", 0600)).raw("x").i32(kCommit);
   ASSERT_TRUE(daemon.waitForClosedConnections(1, 5000));
   EXPECT_EQ(daemon.connection(0).received, expected);
   EXPECT_EQ(err.str(), "Skipping " + dir.file("tree/link") + " because it is a symlink\n" +
                            "Skipping " + dir.file("tree/pipe") + " because it is a named pipe\n");
-
   // The batch result is that of the last entry alone.
   EXPECT_TRUE(manager({&daemon})->uploadBatch({{dir.file("tree/link"), "/d"}, {a, "/d"}}));
-  EXPECT_FALSE(manager({&daemon})->uploadBatch({{a, "/d"}, {dir.file("tree/link"), "/d"}}));
   EXPECT_THROW(manager({&daemon})->upload(a, "tmp/x"), std::runtime_error);
-  EXPECT_EQ(daemon.connectionCount(), 3);  // the relative target never connected
+  EXPECT_EQ(daemon.connectionCount(), 2);  // the relative target never connected
 }
 
 TEST_F(UploadManagerTest, BeginStatusesAndReports) {
@@ -89,31 +81,27 @@ TEST_F(UploadManagerTest, BeginStatusesAndReports) {
   script.beginStatus = 3;
   script.beginBad = {{"127.0.0.5:1", 0}};
   script.beginBusy = {"127.0.0.6:1"};
-  partial.setScriptFor(1, script);
   script.beginText = "trouble near " + busy.hostId();
-  partial.setScriptFor(0, script);
+  partial.setScript(script);
   const IPtoNameMap others = {{"127.0.0.5:1", "host5"}, {"127.0.0.6:1", "host6"}};
-  auto first = manager({&busy, &odd, &partial}, false, -1, others);
-  first->beginUpload();
-  EXPECT_EQ(first->nodeSet(), NodeSet{partial.hostId()});
+  auto m = manager({&busy, &odd, &partial}, false, -1, others);
+  m->beginUpload();
+  EXPECT_EQ(m->nodeSet(), NodeSet{partial.hostId()});
   const std::string lists = "host6: Server busy\n" + TCPSocket::getHostName() +
                             ": Unable to connect or lost connection to host5.\n";
   EXPECT_EQ(err.str(), "host2: Server busy\n" + lists +
                            "Protocol error while communicating with host4: trouble near host2\n");
-  // The whole set goes out in order; the flag is true when agents stay up.
-  EXPECT_EQ(partial.connection(0).received, hello() + WireBytes().i32(kBegin).i32(3)
-                                                .str(partial.hostId()).str("127.0.0.5:1")
-                                                .str("127.0.0.6:1").flag(true).bytes());
+  script.beginText = "";
+  partial.setScript(script);
   err.str("");
   manager({&partial}, false, -1, others)->beginUpload();
   EXPECT_EQ(err.str(), lists);  // no protocol error line without a text
 }
 
-// Wherever the daemon's position falls, the data continues from it: at or
-// below what went out before the head was lost (the gap goes again, then the
-// rest), or beyond what this client sent (a file the daemons kept from an
-// earlier run). 24 MiB is far more than the socket buffers hold, so that
-// head is lost while most of the file is still unsent.
+// Wherever the daemon's position falls, the data continues from it: below
+// what went out before the head was lost (the gap goes again), or beyond what
+// this client sent. 24 MiB outgrows the socket buffers, so the head is lost
+// while most of the file is unsent.
 TEST_F(UploadManagerTest, DataContinuesFromTheDaemonsPosition) {
   const std::string small = TempDir::pattern(1000000), large = TempDir::pattern(24 << 20);
   const struct { const std::string& content; long position; bool headLost; } cases[] = {
@@ -132,37 +120,10 @@ TEST_F(UploadManagerTest, DataContinuesFromTheDaemonsPosition) {
     EXPECT_TRUE(manager({&head, &next})->upload(path, "/dst/big")) << c.position;
     ASSERT_TRUE((c.headLost ? next : head).waitForClosedConnections(1, 5000));
     const std::string data = (c.headLost ? next : head).connection(0).data;
-    EXPECT_EQ(data.size(), c.content.size() - c.position) << c.position;
     EXPECT_TRUE(data == c.content.substr(c.position)) << c.position;
     if (!c.headLost) continue;
-    EXPECT_EQ(head.connection(0).data, c.content.substr(0, 100000));
-    EXPECT_EQ(next.allCodes(), (std::vector<int>{kNew, kFile, kBegin, kFile, kCommit}));
-    EXPECT_PRED_FORMAT2(testing::IsSubstring, ": Unable to connect or lost connection to host2.\n",
-                        err.str());
-  }
-}
-
-// A daemon that dies part way through its reply to a file's data, in the
-// length or in the text, is a lost host: the partial reply is neither
-// padded into a file error nor read as success, and the file goes to the
-// next host.
-TEST_F(UploadManagerTest, ReplyCutShortIsALostConnection) {
-  const std::string content = TempDir::pattern(1000);
-  const std::string path = file("f", content);
-  for (int cutAfter : {2, 8}) {
-    FakeDaemon head(connector, "127.0.0.2"), next(connector, "127.0.0.3");
-    FakeDaemon::Script script;
-    script.fileReply = "disk full on host2";
-    script.cutReplyTo = FakeDaemon::kDataReceived;
-    script.cutReplyBytes = cutAfter;
-    head.setScriptFor(0, script);
-    err.str("");
-    EXPECT_TRUE(manager({&head, &next})->upload(path, "/d/f")) << cutAfter;
-    ASSERT_TRUE(next.waitForClosedConnections(1, 5000));
-    EXPECT_EQ(next.connection(0).data, content) << cutAfter;
-    EXPECT_EQ(err.str().find("disk"), std::string::npos) << err.str();
-    EXPECT_PRED_FORMAT2(testing::IsSubstring, ": Unable to connect or lost connection to host2.\n",
-                        err.str());
+    EXPECT_EQ(next.allCodes(), (Codes{kNew, kFile, kBegin, kFile, kCommit}));
+    EXPECT_HAS(err.str(), ": Unable to connect or lost connection to host2.\n");
   }
 }
 
@@ -172,71 +133,51 @@ TEST_F(UploadManagerTest, RefusedFileKeepsTheConnection) {
   script.fileStatus = 4;
   script.fileText = "no room on " + daemon.hostId();
   daemon.setScript(script);
-  EXPECT_FALSE(manager({&daemon})->uploadBatch(
-      {{file("a", "1"), "/d/a"}, {file("b", "2"), "/d/b"}}));
-  EXPECT_EQ(daemon.connectionCount(), 1);
-  EXPECT_EQ(daemon.allCodes(), (std::vector<int>{kNew, kBegin, kFile, kFile, kCommit}));
+  EXPECT_FALSE(manager({&daemon})->uploadBatch({{file("a", "1"), "/d/a"}, {file("b", "2"), "/d/b"}}));
+  EXPECT_EQ(daemon.allCodes(), (Codes{kNew, kBegin, kFile, kFile, kCommit}));
   EXPECT_EQ(err.str(), "host2: no room on host2\nhost2: no room on host2\n");
 }
 
-// The time limit ends every wait on the head: the run aborts with the
-// timeout ending, on a new connection when the old one broke off, and the
-// head is not taken for lost (the next host is never tried).
+// A head that stops answering, in a file's data or at the commit, ends the
+// run at the time limit with an abort on a new connection; it is not taken
+// for lost, so the next host is never tried.
 TEST_F(UploadManagerTest, TimeLimitEndsWaitsOnAStalledHead) {
-  struct Case {
-    int timeout;
-    long stallAfterDataBytes;
-    bool answerCommit;
-    std::string content;
-    std::vector<int> codes;
-  };
-  const Case cases[] = {
-      {0, -1, true, "x", {}},  // passed before the head was even reached
-      {2, 100000, true, TempDir::pattern(16 << 20), {kNew, kBegin, kFile, kNew, kAbort}},
-      {2, -1, false, "x", {kNew, kBegin, kFile, kCommit, kNew, kAbort}},
-  };
-  for (const Case& c : cases) {
+  for (const bool inData : {true, false}) {
     FakeDaemon head(connector, "127.0.0.2"), next(connector, "127.0.0.3");
     FakeDaemon::Script script;
-    script.stallAfterDataBytes = c.stallAfterDataBytes;
-    script.answerCommit = c.answerCommit;
+    script.stallAfterDataBytes = inData ? 100000 : -1;
+    script.answerCommit = inData;
     head.setScriptFor(0, script);
     err.str("");
-    auto m = manager({&head, &next}, false, c.timeout);
-    EXPECT_FALSE(m->upload(file("f", c.content), "/d/f"));
-    if (!c.codes.empty()) { ASSERT_TRUE(head.waitForClosedConnections(1, 10000)); }  // the abort
-    EXPECT_EQ(head.allCodes(), c.codes) << c.timeout;
+    auto m = manager({&head, &next}, false, 2);
+    EXPECT_FALSE(m->upload(file("f", inData ? TempDir::pattern(16 << 20) : "x"), "/d/f"));
+    ASSERT_TRUE(head.waitForClosedConnections(1, 10000));
+    const Codes stalled = inData ? Codes{kNew, kBegin, kFile, kNew, kAbort}
+                                 : Codes{kNew, kBegin, kFile, kCommit, kNew, kAbort};
+    EXPECT_EQ(head.allCodes(), stalled);
     EXPECT_EQ(next.connectionCount(), 0);
     EXPECT_EQ(err.str(), "\nAborting upload due to timeout...\n");
-    EXPECT_EQ(thrownMessage<std::runtime_error>([&] { m->abortCheck(); }), "Time limited exceeded");
   }
 }
 
-// A file that shrinks while it is sent ends the run with a read error, after
-// at least the whole blocks it still had, as when every block was read here.
+// A file that shrinks while it is sent ends the run with a read error.
 TEST_F(UploadManagerTest, FileShrinkingWhileSentEndsTheRun) {
   FakeDaemon daemon(connector, "127.0.0.2");
-  const std::string content = TempDir::pattern(1000000);
-  const std::string path = file("f", content);
+  const std::string path = file("f", TempDir::pattern(1000000));
   daemon.setOnMessage([&](int code) {
     if (code == kFile) std::filesystem::resize_file(path, 100000);
   });
   EXPECT_EQ(thrownMessage<std::runtime_error>([&] { manager({&daemon})->upload(path, "/d/f"); }),
             "Error reading file: " + path);
   ASSERT_TRUE(daemon.waitForClosedConnections(1, 5000));
-  const std::string data = daemon.connection(0).data;
-  EXPECT_GE(data.size(), 3u * UploadManager::kBlockSize);
-  EXPECT_TRUE(data == content.substr(0, data.size()));
+  EXPECT_EQ(daemon.allCodes(), (Codes{kNew, kBegin, kFile}));  // nothing committed
 }
 
-// Sources that cannot be read: an entry whose attributes or a directory
-// whose names cannot be read is reported and skipped while the rest of the
-// tree still goes (and the run fails); a file whose bytes cannot be read
-// ends the run before anything is committed.
-TEST_F(UploadManagerTest, UnreadableSourcesAreReported) {
+// An entry whose attributes, or a directory whose names, cannot be read is
+// reported and skipped; the rest of the tree still goes and the run fails.
+TEST_F(UploadManagerTest, UnreadableEntriesAreReportedAndSkipped) {
   struct : FileSystem {
-    std::string badEntry, badDir, badFile;
-    int badFd = -1;
+    std::string badEntry, badDir;
     bool stat(const std::string& path, FileAttributes& attrs, SymLinkMode mode) override {
       if (path != badEntry) return FileSystem::stat(path, attrs, mode);
       errno = EACCES;
@@ -246,16 +187,6 @@ TEST_F(UploadManagerTest, UnreadableSourcesAreReported) {
       if (path != badDir) return FileSystem::readDirectory(path, names);
       errno = EIO;
       return false;
-    }
-    System::FileDescriptor openForRead(const std::string& path) override {
-      System::FileDescriptor fd = FileSystem::openForRead(path);
-      if (path == badFile) badFd = fd.get();
-      return fd;
-    }
-    ssize_t preadFull(int fd, char* buf, size_t n, int64_t offset) override {
-      if (fd != badFd) return FileSystem::preadFull(fd, buf, n, offset);
-      errno = EIO;
-      return -1;
     }
   } fs;
   for (const char* name : {"a", "c", "d", "sub/b"}) file(std::string("tree/") + name, name);
@@ -267,28 +198,20 @@ TEST_F(UploadManagerTest, UnreadableSourcesAreReported) {
   EXPECT_FALSE(m->upload(dir.file("tree"), "/dst"));
   ASSERT_TRUE(daemon.waitForClosedConnections(1, 5000));
   EXPECT_EQ(daemon.connection(0).data, "ad");
-  EXPECT_EQ(daemon.allCodes(), (std::vector<int>{kNew, kBegin, kFile, kFile, kCommit}));
   EXPECT_EQ(err.str(), "Error while reading " + fs.badEntry + ": " + System::errorText(EACCES) +
                            "\nError while reading directory " + fs.badDir + ": " +
                            System::errorText(EIO) + "\n");
-
-  fs.badFile = dir.file("tree/a");
-  m = manager({&daemon});
-  m->setFileSystem(&fs);
-  EXPECT_EQ(thrownMessage<std::runtime_error>([&] { m->upload(fs.badFile, "/dst/a"); }),
-            "Error reading file: " + fs.badFile);
-  m.reset();
-  ASSERT_TRUE(daemon.waitForClosedConnections(2, 5000));
-  EXPECT_EQ(daemon.connection(1).data, "");
-  EXPECT_EQ(daemon.connection(1).received.find(WireBytes().i32(kCommit).bytes()), std::string::npos);
 }
 
 TEST_F(UploadManagerTest, VerboseDotsPerMillionBytes) {
   FakeDaemon daemon(connector, "127.0.0.2");
   EXPECT_TRUE(manager({&daemon}, true)->upload(file("f", TempDir::pattern(2500000)), "/d/f"));
   EXPECT_EQ(out.str(), "..success\nCommitting upload\n");
-  out.str("");  // the commit is announced even when nothing went out
-  std::filesystem::create_symlink("f", dir.file("link"));
-  EXPECT_FALSE(manager({&daemon}, true)->upload(dir.file("link"), "/d/l"));
-  EXPECT_EQ(out.str(), "Committing upload\n");
+}
+
+TEST_F(UploadManagerTest, NoReachableHostEndsTheRun) {
+  auto m = manager({}, false, -1, {{"127.0.0.9", "host9"}});  // nothing answers there
+  EXPECT_EQ(thrownMessage<NoNodesException>([&] { m->upload(file("f", "x"), "/d/f"); }),
+            "No good hosts left");
+  EXPECT_EQ(err.str(), TCPSocket::getHostName() + ": Unable to connect or lost connection to host9.\n");
 }
