@@ -125,7 +125,7 @@ bool ClusterManagerConnection::sendHTTPMessage(const std::string& request, XMLTr
                                                XMLTree* body) {
   if (body == nullptr) return send(request, reply, nullptr);
   std::ostringstream text;
-  text << *body;
+  text << body;
   const std::string serialised = text.str();
   return send(request, reply, &serialised);
 }

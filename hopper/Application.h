@@ -1,11 +1,7 @@
-// Application: the frame every command-line program of the system derives
-// from (the upload tool and the daemon alike).
-//
-// start() runs the program's whole life: parseArgs turns argv into a map
-// from option identifier to value plus the positional arguments, initialize
-// sets up logging, run does the work, and terminate always gets a chance to
-// clean up.  An exception escaping any step becomes one line on standard
-// error and exit status 1.  Exactly one Application exists at a time.
+// Application: the frame of every command-line program (the upload tool and
+// the daemon). start() runs parseArgs, initialize, run and, always,
+// terminate; an exception escaping any step becomes one line on standard
+// error and exit status 1. One Application exists at a time.
 
 #ifndef HIVE_HOPPER_APPLICATION_H_
 #define HIVE_HOPPER_APPLICATION_H_
@@ -19,10 +15,8 @@
 
 class Application {
  public:
-  // Identifiers of long options without a short form.  Values below 500 are
-  // short option characters ('h' = 104, 'v' = 118).  The values are fixed
-  // and shared by all tools; a tool with options of its own numbers them
-  // from 600 up and casts them to OptionID.
+  // Identifiers of long options without a short form (below 500: short
+  // option characters). Fixed and shared; a tool's own start at 600.
   enum OptionID : int32_t {
     ARG___ = 500,
     ARG_CM = 501,
@@ -48,51 +42,42 @@ class Application {
 
   using ArgMap = std::map<int32_t, const char*>;
 
-  // Keeps the option table (ended by a row with a null name) and the display
-  // name; every row whose value is a character (1 to 499) adds it to the
-  // short options.  Asserts that no other Application exists.
+  // Keeps the option table (ended by a null name) and the display name; rows
+  // valued 1 to 499 give the short options. Asserts it is the only one.
   Application(GetOpt::Option* options, const char* textName);
   Application(const Application&) = delete;
   Application& operator=(const Application&) = delete;
 
-  // The current instance; only valid while one exists.
   static Application& getInstance();
 
   // The last path component of argv[0], set by parseArgs.
   const std::string& getProgramName() const { return mProgramName; }
 
-  // parseArgs, initialize, run, then terminate in every case.  Returns run's
-  // status, or 1 when any step threw (its message goes to standard error).
+  // Returns run's status, or 1 when a step threw (its message on stderr).
   int start(int argc, char** argv);
 
-  // True when the option was given.  The char form asks for a short option
-  // (or the long rows that share its character).
+  // True when the option was given (the char form: a short option).
   bool wasOptionPresent(OptionID id) const;
   bool wasOptionPresent(char c) const;
-  // The option's value, or dflt when it was not given; an option without a
-  // value reads "true".
+  // The value ("true" for a switch), or dflt when not given.
   const char* getOption(OptionID id, const char* dflt) const;
-  // The value read as a base-10 integer the way strtol reads it ("12x" is
-  // 12, "x" is 0), or dflt when the option was not given.
+  // The value as strtol reads it ("12x" is 12, "x" is 0), or dflt.
   int getOptionAsInt(OptionID id, int dflt) const;
 
   // Does the program's work; the result is the exit status.
   virtual int run() = 0;
   // Prints the program's help.
   virtual void usage() = 0;
-  // Sets up logging: level "info" or "debug", file from the log-file option
-  // or defaultLogFile().  A log file without a level throws.
-  // Subclasses call it first.
+  // Logging: level "info" or "debug", file from the option or
+  // defaultLogFile(); a file without a level throws. Subclasses call it first.
   virtual void initialize();
-  // Where records go when no log file is named: /var/log/<program>.log; ""
-  // means standard error.
+  // /var/log/<program>.log; "" means standard error.
   virtual std::string defaultLogFile() const;
-  // Clean-up after run (also after a failure); nothing here.
+  // Clean-up after run, also after a failure.
   virtual void terminate();
   virtual ~Application();
-  // Fills the option map and the positional arguments.  Options must come
-  // before the first positional argument.  An invalid option prints the
-  // usage and throws; -h prints the usage and exits with status 0.
+  // Options must precede the positional arguments. An invalid option prints
+  // the usage and throws; -h prints it and exits with status 0.
   virtual void parseArgs(int argc, char** argv);
 
  protected:
@@ -105,7 +90,6 @@ class Application {
   std::string mShortOptions;
 
  private:
-  // The stored value of an option, or null.
   const char* lookup(int32_t id) const;
 
   static Application* sApplication;

@@ -1,15 +1,9 @@
-// GetOpt: the command-line option scanner behind Application::parseArgs.
-//
-// It scans a vector of argument texts (argv without argv[0]) in place and
-// understands short options and clusters of them ("-hv", "-ovalue"), long
-// options with an attached or a separate value ("--hosts=a", "--hosts a"),
-// unique prefixes of long names, "--" as the end of options and a lone "-"
-// as a positional argument.  It either stops at the first non-option or
-// permutes the skipped non-options behind the options, so that after the
-// last call the positional arguments run from optind to the end.
-//
-// One difference from the usual C library scanner is deliberate: a prefix
-// matching two rows is ambiguous even when both rows carry the same value.
+// GetOpt: the option scanner behind Application::parseArgs. It scans argv
+// (without argv[0]) in place: short options and clusters ("-hv", "-ovalue"),
+// long options with attached or separate values, unique prefixes, "--" and a
+// lone "-". It stops at the first non-option or permutes non-options behind
+// the options, which then end at optind. Unlike the C library, a prefix of
+// two rows is ambiguous even when both carry the same value.
 
 #ifndef HIVE_HOPPER_GETOPT_H_
 #define HIVE_HOPPER_GETOPT_H_
@@ -31,23 +25,18 @@ class GetOpt {
     const char* dfault;  // default value, carried for the tool, not used here
   };
 
-  // Scans args in place.  shortOpts lists the short option characters, each
-  // optionally followed by ':' (takes a value) or "::" (optional value); a
-  // leading ':' makes a missing short value return ':' instead of '?'.
-  // longOpts may be null.  Both must outlive the scanner.
+  // shortOpts: characters, each optionally followed by ':' (takes a value)
+  // or "::" (optional value); a leading ':' makes a missing value return ':'.
+  // longOpts may be null. Both must outlive the scanner.
   GetOpt(std::vector<const char*>& args, const char* shortOpts,
          const Option* longOpts);
 
-  // Returns the next option: its character or table value, 0 for a row with
-  // a flag, '?' for any error (optopt tells which option) and -1 once the
-  // options are exhausted.  optarg holds the option's value or null.  With
-  // stopAtNonOption the scan ends at the first positional argument;
-  // otherwise non-options are moved behind the options.
+  // The next option's character or value (optarg: its value), 0 for a row
+  // with a flag, '?' for an error (optopt tells which), -1 at the end.
   int next(bool stopAtNonOption);
 
-  // Characters that introduce an option (default "-").
+  // Defaults: "-" introduces an option; matching is case-sensitive.
   void setOptionCharacters(const std::string& chars) { mOptionCharacters = chars; }
-  // Whether names and short characters are matched case-sensitively (default).
   void setCaseSensitive(bool sensitive) { mCaseSensitive = sensitive; }
 
   // The block [start, end) of skipped non-options awaiting permutation.
@@ -66,9 +55,7 @@ class GetOpt {
   int endOfOptions();
   int parseShortOption();
   int parseLongOption();
-  // The exact match, else the only row the name is a prefix of, else null.
   const Option* findLongOption(const char* name, size_t length) const;
-  // Where c stands in the short option string (its ':' marks follow), or null.
   const char* findShortEntry(char c) const;
   void shiftNonOpts();
 

@@ -1,7 +1,6 @@
-// MoveManager: what one upload run shares across its steps and with the
-// signal thread: the target hosts and their names, the run's settings, the
-// abort state, and the reports of lost and busy hosts in the names the user
-// gave (daemon texts name hosts by address; the reports rewrite them).
+// MoveManager: what an upload run shares across its steps and with the
+// signal thread: target hosts and their names, settings, the abort state,
+// and reports of lost and busy hosts in the names the user gave.
 #ifndef HIVE_HOPPER_MOVEMANAGER_H_
 #define HIVE_HOPPER_MOVEMANAGER_H_
 
@@ -14,14 +13,14 @@
 #include "util/SignalProcessing.h"
 #include "util/System.h"
 
-// Host identifier (address or address:port, or a host name to resolve) to
-// the host entry as the user or the cluster manager wrote it.
+// Host identifier (address[:port], or a name to resolve) to the host entry
+// as the user or the cluster manager wrote it.
 using IPtoNameMap = std::map<std::string, std::string>;
 
 class MoveManager {
  public:
-  // hosts: identifier -> name; every identifier becomes a target host.
-  // timeout is in seconds, -1 for none. out and err are not owned.
+  // Every identifier of hosts is a target; timeout in seconds (-1: none);
+  // out and err are not owned.
   MoveManager(const IPtoNameMap& hosts, bool verboseMode, bool stopAgents, int timeout,
               System::OSID targetOSID, std::ostream& out, std::ostream& err);
   virtual ~MoveManager() = default;
@@ -39,26 +38,24 @@ class MoveManager {
   // path!" unless remotePath is absolute.
   void checkAbsolutePath(const std::string& remotePath) const;
 
-  // Replaces every host identifier in text by the host's name, identifiers
-  // in ascending order, each search starting again at the beginning.
+  // Replaces every host identifier in text by its name, in ascending order.
   void massageMsg(std::string& text) const;
 
-  // One line per host on the error stream, prefixed with this machine's
-  // name, identifiers rewritten into names.
+  // One line per host on the error stream, after this machine's name.
   void reportBadNodesByIP(const BadNodeList& badNodes);
   void reportBadNodeByIP(const std::string& host, int code);
-  // "<host>: Server busy", one line per host, rewritten into names.
+  // "<host>: Server busy", one line per host.
   void reportBusyNodesByIP(const BusyNodeList& busyNodes);
 
-  // The callback for terminating signals: reports "User signal received:
-  // <name>." on standard error and aborts the run.
+  // For terminating signals: "User signal received: <name>." on standard
+  // error, then abort.
   SignalProcessing::Callback terminalSignalProcessor();
 
   const NodeSet& nodeSet() const { return mNodeIPSet; }
 
  protected:
   SignalProcessing::Action ProcessTerminalSignal(int sig);
-  // The host's name for messages (the identifier itself when unknown).
+  // The host's name (the identifier itself when unknown).
   std::string nameOf(const std::string& host) const;
   void writeMassaged(std::string text);
 

@@ -1,13 +1,7 @@
-// RunnerApplication: the base of the cluster tools.
-//
-// On top of Application it owns the options every cluster tool shares
-// (--hosts, --cm, --platform, --timeout, --verbose, --version, --help),
-// their help text, the version banner, the signal set-up that must happen
-// while the process still has one thread, and the host map the upload
-// engine works from.  initialize() runs, in this order: the logging set-up,
-// --version, blockSignalsAndTrapSIGUSR1, initializeAssumingSignalsAreBlocked
-// and processSignals; subclasses override the last two and call the base
-// initializeAssumingSignalsAreBlocked first.
+// RunnerApplication: the base of the cluster tools. It owns their shared
+// options and help text, the version banner, the signal set-up that must run
+// while the process has one thread, and the host map the upload engine
+// works from.
 
 #ifndef HIVE_HOPPER_RUNNERAPPLICATION_H_
 #define HIVE_HOPPER_RUNNERAPPLICATION_H_
@@ -24,24 +18,20 @@ class RunnerApplication : public Application {
  public:
   RunnerApplication(GetOpt::Option* options, const char* textName);
 
-  // Writes the common switch text and a newline on standard output;
-  // subclasses print their header before it and their switches after it.
+  // The common switch text; subclasses print theirs around it.
   void usage() override;
-  // Logging, then --version (prints the banner and exits with 0), then the
-  // signal set-up, the options and the signal dispatch.
+  // Logging, --version (banner, exit 0), blockSignalsAndTrapSIGUSR1,
+  // initializeAssumingSignalsAreBlocked, processSignals.
   void initialize() override;
 
-  // "<display name> <version text>" and a newline on standard output.
   virtual void printVersion();
   // Ignores SIGPIPE, gives SIGUSR1 an empty handler and blocks the
-  // interactive shutdown signals.  Must run before any thread is created,
-  // so that every later thread inherits the mask.
+  // shutdown signals, before any thread exists to inherit the mask.
   virtual void blockSignalsAndTrapSIGUSR1();
-  // Reads the shared options and builds the host map, from --hosts or the
-  // cluster manager.  A malformed --hosts ends the process with status 2;
-  // every other failure throws std::runtime_error.
+  // Reads the shared options and builds the host map from --hosts or the
+  // CM. A malformed --hosts exits with status 2; other failures throw.
   virtual void initializeAssumingSignalsAreBlocked();
-  // Binds the shutdown signals to the tool's handling; nothing here.
+  // Binds the shutdown signals to the tool's handling.
   virtual void processSignals();
 
  protected:

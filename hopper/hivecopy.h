@@ -1,10 +1,5 @@
-// HiveCopy: the upload command.  It copies local files and directories to
+// HiveCopy: the upload command, which copies local files and directories to
 // the same absolute path on every host of the cluster.
-//
-// On top of the cluster tool base it reads the (source, target) pairs from
-// the command line or from a file list, creates the UploadManager from the
-// host map, hands the interactive shutdown signals to the manager while the
-// upload runs, and times the upload.
 
 #ifndef HIVE_HOPPER_HIVECOPY_H_
 #define HIVE_HOPPER_HIVECOPY_H_
@@ -22,26 +17,20 @@ class HiveCopy : public RunnerApplication {
  public:
   HiveCopy(GetOpt::Option* options, const char* textName);
 
-  // Uploads the pairs and prints "Upload time: <seconds> secs".  Returns 0
-  // when the upload succeeded, else 1.
+  // Uploads and prints "Upload time: <seconds> secs"; 0 on success, else 1.
   int run() override;
-  // The command's help text on standard output.
   void usage() override;
-  // The base's options, then the pairs (command line or file list), then
-  // the upload manager.  Throws std::runtime_error for missing or
-  // conflicting arguments and for a faulty file list.
+  // The base's options, the pairs, the upload manager. Throws for missing
+  // or conflicting arguments and a faulty file list.
   void initializeAssumingSignalsAreBlocked() override;
-  // Sends the interactive shutdown signals to the upload manager's
-  // terminal-signal callback on a dispatcher thread.
+  // The shutdown signals go to the upload manager on a dispatcher thread.
   void processSignals() override;
-  // Stops the dispatcher, then destroys the upload manager, so no callback
-  // can reach a destroyed manager.
+  // Stops the dispatcher before the manager goes, so no callback outlives it.
   void terminate() override;
 
-  // Appends the pairs of the "src => tgt" (or "src -> tgt") lines of
-  // fileName to pairs; a name starting with '-' reads standard input.
-  // Faulty lines are skipped and described in errors, one line each; a
-  // line longer than 198 characters ends the reading.
+  // Appends the pairs of fileName's "src => tgt" (or "->") lines; a name
+  // starting with '-' reads standard input. Faulty lines are described in
+  // errors, one line each; a line over 198 characters ends the reading.
   void processFileListFile(const char* fileName, FilePairs& pairs, std::string& errors);
 
  private:

@@ -1,6 +1,5 @@
-// Talking to a hopperd daemon before any upload: the message codes of the
-// daemon protocol, the version handshakes, and the version text shared by
-// the tools' --version output and the handshake.
+// Before any upload: the daemon protocol's message codes, the version
+// handshakes, and the version text of --version and the handshake.
 #ifndef HIVE_HOPPER_HOPPERMISC_H_
 #define HIVE_HOPPER_HOPPERMISC_H_
 
@@ -8,13 +7,11 @@
 
 #include "util/TCPStream.h"
 
-// The protocol version this client speaks; daemons speaking 4 or 5 are
-// accepted.
+// The protocol spoken here; daemons speaking 4 or 5 are accepted.
 const int kHopperProtocolVersion = 5;
 const int kHopperDefaultPort = 2411;
 
-// Message codes; every message starts with one as an int32. They all share
-// the high bytes 0x553330.
+// Message codes: every message starts with one as an int32.
 enum HopperMessageCode {
   C2H_GET_VERSION = 0x55333037,       // old version request; reply int32
   C2H_BEGIN_UPLOAD = 0x55333038,      // host set, bool !stopAgents
@@ -39,22 +36,18 @@ enum ResumeUploadStatus {
   // any other value: the file is refused, a text follows
 };
 
-// Connects stream to host:port and asks with C2H_NEW_GET_VERSION. Returns
-// the daemon's protocol version, or -1 (stream closed) when the daemon did
-// not answer "OK". timeoutMs covers the connect and the wait for the reply;
-// throws std::runtime_error "Handshake timed out." when it runs out.
-// Connection errors propagate as TCPSocket::exception or stream failures.
+// Connects and asks with C2H_NEW_GET_VERSION: the daemon's protocol, or -1
+// (stream closed) when it did not answer "OK". timeoutMs covers connect and
+// reply; throws "Handshake timed out." when it runs out.
 int connectToHopperNew(TCPStream& stream, const std::string& host, int port, int timeoutMs);
 
 // The same with the old request, for daemons that predate the new one.
 // Throws "Handshake timed out for getting server version." on time-out.
 int connectToHopperOld(TCPStream& stream, const std::string& host, int port, int timeoutMs);
 
-// The handshake both ends make before an upload: the new request, then the
-// old one when the daemon does not understand it. The whole exchange ends
-// within twice timeoutMs (and within the socket's own deadline, which it
-// keeps). Returns the daemon's protocol version; throws as the two above or
-// as the stream on a broken or silent peer.
+// The new request, then the old one when the daemon does not understand it,
+// all within twice timeoutMs (and the socket's deadline). Returns the
+// daemon's protocol; throws as the two above or as the stream.
 int connectToHopper(TCPStream& stream, const std::string& host, int port, int timeoutMs);
 // Protocol versions this side talks to: 4 and 5.
 bool acceptedVersion(int version);

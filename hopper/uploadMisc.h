@@ -1,10 +1,7 @@
-// The steps of the upload conversation with the head of the daemon chain:
-// choosing the head, beginning an upload, announcing a file, re-sending a
-// gap after a resume, and the report lines for lost hosts.
-//
-// Host identifiers are "address" or "address:port" (default port 2411). The
-// node set is ordered; its first element is always the head. Every function
-// lets LinkLost, the stream's exception for a lost link, propagate.
+// The steps of the upload conversation with the head of the daemon chain,
+// and the report lines for lost hosts. Hosts are "address[:port]" (default
+// 2411); the first of the ordered node set is the head. Every function lets
+// LinkLost, the stream's exception for a lost link, propagate.
 #ifndef HIVE_HOPPER_UPLOADMISC_H_
 #define HIVE_HOPPER_UPLOADMISC_H_
 
@@ -30,50 +27,42 @@ const int kBadNodeVersionMismatch = 1;
 const int kConnectTimeoutMs = 5000;
 
 // Connects to the first host of nodes that answers (with newProtocol: and
-// speaks protocol 4 or 5), dropping the others from nodes and appending them
-// to badNodes with their code. Returns the connected stream, or null when
-// no host is left. With a deadline (default Ticks(): none) every stream
-// carries it, and a host that fails once it has passed is not dropped: the
-// search ends there, returning null. connector (null: TCP) makes the
-// connections.
+// speaks 4 or 5), moving the others to badNodes with their code; null when
+// none is left. Every stream carries deadline (Ticks(): none); a host
+// failing after it is not dropped, and null is returned. connector (null:
+// TCP) makes the connections.
 std::unique_ptr<TCPStream> findGoodNode(NodeSet& nodes, BadNodeList& badNodes, bool newProtocol,
                                         const Ticks& deadline = Ticks(),
                                         Connector* connector = nullptr);
 
-// Sends the begin message with the whole node set and !stopAgents and acts
-// on the status (returned): 0 nothing; 1 the head goes to busyNodes; 3 the
-// daemon's bad and busy hosts are appended to the lists and its text written
-// to err; other statuses put (head, 0) on badNodes. Every named host leaves
-// nodes. For 1 and unknown statuses the stream is closed and reconnect set.
+// Sends the begin message and returns its status: 1 puts the head on
+// busyNodes; 3 appends the daemon's lists and writes its text to err; others
+// but 0 put (head, 0) on badNodes. Named hosts leave nodes; for 1 and
+// unknown statuses the stream is closed and reconnect set.
 int sendBeginUploadMsg(TCPStream& stream, NodeSet& nodes, bool stopAgents, BadNodeList& badNodes,
                        BusyNodeList& busyNodes, std::ostream& err, bool& reconnect);
 
-// Announces one file (size, last component of localPath, remotePath, mode)
-// and returns the head's answer: RESUME_OK with the position to send from,
-// or a refusal with its text (the connection stays usable). A daemon
-// without a session is sent a begin first (on a copy of nodes); one that
-// still has none after that is as good as lost, so it raises the stream's
-// failure like a lost link.
+// Announces one file and returns the head's answer: RESUME_OK with the
+// position to send from, or a refusal with its text. A daemon without a
+// session is sent a begin first; one that still has none raises LinkLost.
 AnnouncementReply sendResumeUploadMsg(TCPStream& stream, const NodeSet& nodes, bool stopAgents,
                                       long fileSize, int mode, const std::string& localPath,
                                       const std::string& remotePath);
 
-// Re-sends bytes [from, to) of the open file fd, read through fs at those
-// offsets (the descriptor's own offset does not move). False when the file
-// no longer holds them.
+// Re-sends bytes [from, to) of fd, read through fs at those offsets; false
+// when the file no longer holds them.
 bool catchupStream(long from, long to, int fd, FileSystem& fs, TCPStream& stream);
 
-// One report line: [prefix ": "] "Unable to connect or lost connection to "
-// host, or for a non-zero code "Protocol version mismatch communicating with "
-// host; then "." and a newline. The stream is flushed.
+// One flushed line: [prefix ": "] "Unable to connect or lost connection to "
+// host, or for other codes "Protocol version mismatch communicating with " host;
+// then ".".
 void genBadNodeErrMsg(std::ostream& out, const std::string& prefix,
                       const std::pair<std::string, int>& node);
 void genBadNodeErrMsg(std::ostream& out, const std::string& prefix, const std::string& host);
 // One line per pair, in list order.
 void genBadNodeListErrMsg(std::ostream& out, const std::string& prefix, const BadNodeList& nodes);
 
-// The last component of a path as the path splitter sees it ("x" for "a/x"
-// and for "a/x/", "f" for "f").
+// The last component as the path splitter sees it ("x" for "a/x" and "a/x/").
 std::string lastPathComponent(const std::string& path);
 
 #endif  // HIVE_HOPPER_UPLOADMISC_H_

@@ -1,12 +1,8 @@
 // Parser for the cluster manager's XML dialect: elements, text, the five
-// predefined entities, CDATA sections and a skipped XML declaration.
-// Attributes, comments and document types are deliberately not accepted.
-// A CDATA section's bytes join the surrounding text of its element as they
-// are; the text is then read back like any other (percent-decoded).
-//
-// A document is an optional declaration, then exactly one root element, with
-// nothing but white space around them. Anything else is malformed and is
-// reported by an exception; the parser never trusts the input's shape.
+// predefined entities, CDATA sections (their bytes join the element's text)
+// and a skipped declaration; no attributes, comments or document types. A
+// document is one root element with only white space around it; anything
+// else is reported by an exception.
 #ifndef HIVE_XMLPARSER_XMLPARSER_H_
 #define HIVE_XMLPARSER_XMLPARSER_H_
 
@@ -23,23 +19,21 @@ class XMLParser {
     using std::logic_error::logic_error;
   };
 
-  // Deepest element nesting accepted, the root counting as 1. XMLTree frees
-  // and writes its children recursively, so the limit keeps a hostile reply
-  // from exhausting the stack; real replies nest a handful of levels.
+  // Deepest nesting accepted (the root is 1): XMLTree recurses over its
+  // children, so a hostile reply must not exhaust the stack.
   static constexpr size_t kMaxDepth = 256;
 
-  // The parser holds no state, so one instance serves every thread.
+  // Stateless: one instance serves every thread.
   static const XMLParser& getInstance();
 
   XMLParser(const XMLParser&) = delete;
   XMLParser& operator=(const XMLParser&) = delete;
 
-  // Clears |tree| (children and text) and adds the root element of |text| as
-  // its child. Text inside an element, white space included, belongs to that
-  // element; white space outside the root is dropped. Throws
-  // XMLParserException on malformed input (see above; also control
-  // characters other than white space, tag names that are not XML names, and
-  // nesting beyond kMaxDepth); |tree| then holds what was built so far.
+  // Clears |tree| and adds the root element of |text| as its child; text
+  // inside an element, white space included, belongs to it. Throws
+  // XMLParserException on malformed input (also control characters, tag names
+  // that are not XML names, nesting beyond kMaxDepth); |tree| then holds what
+  // was built so far.
   void parse(const std::string& text, XMLTree& tree) const;
 
   // Blank, tab, line feed and carriage return.

@@ -96,19 +96,6 @@ void XMLTree::appendCharacter(char c) {
   mEscapedCurrent = false;
 }
 
-void XMLTree::appendCDATA(const std::string& content) {
-  mNodeValue += content;
-  mDirty = true;
-  mEscapedCurrent = false;
-  static const std::string kClose = "]]>";
-  if (mIsCDATA) {
-    mCDATA.insert(mCDATA.size() - kClose.size(), content);
-  } else {
-    mIsCDATA = true;
-    mCDATA = "<![CDATA[" + content + kClose;
-  }
-}
-
 void XMLTree::unEscape() const {
   std::string decoded;
   URL::decode(mNodeValue, decoded);
@@ -180,11 +167,6 @@ void XMLTree::write(std::ostream& out) const {
     child->write(out);
     out << "</" << name << '>';
   }
-}
-
-std::ostream& operator<<(std::ostream& out, const XMLTree& tree) {
-  tree.write(out);
-  return out;
 }
 
 std::ostream& operator<<(std::ostream& out, const XMLTree* tree) {

@@ -1,10 +1,7 @@
-// Element tree of the cluster manager's XML dialect: nested named elements
-// with text and no attributes. Parsed replies and request bodies both use it.
-//
-// Element text travels percent-encoded, so a node keeps its raw text and
-// decodes it (URL::decode) the first time it is read. Children live in a
-// multimap: equal names keep insertion order, distinct names are ordered by
-// byte-wise comparison of the names.
+// Element tree of the cluster manager's XML dialect (named elements with
+// text, no attributes), for parsed replies and request bodies. Text travels
+// percent-encoded and is decoded on first read. Children with equal names
+// keep insertion order; distinct names are in byte-wise order.
 #ifndef HIVE_XMLPARSER_XMLTREE_H_
 #define HIVE_XMLPARSER_XMLTREE_H_
 
@@ -29,9 +26,6 @@ class XMLTree {
   void clear();
   // Appends one raw byte to the node's text.
   void appendCharacter(char c);
-  // Appends the content of a CDATA section: it joins the raw text and the
-  // node becomes a CDATA node whose read-back form wraps every section read.
-  void appendCDATA(const std::string& content);
   bool isCDATA() const { return mIsCDATA; }
 
   // Replaces the text by its percent-decoded form.
@@ -52,14 +46,13 @@ class XMLTree {
   // Every child called |name|, in insertion (document) order.
   std::vector<XMLTree*> getSubTrees(const std::string& name);
 
-  // Create a child holding |value| (raw, not CDATA) and return it; the tree
-  // keeps ownership.
+  // Create a child holding |value| (raw, not CDATA); the tree owns it.
   XMLTree* addSubTree(const std::string& name, const std::string& value);
   XMLTree* addSubTree(const std::string& name, unsigned long number);
   XMLTree* addCDATA(const std::string& name, const std::string& value);
 
-  // Writes the children (not the node's own text) as
-  // "<name>" value children "</name>", in map order, without white space.
+  // Writes the children (not the node's own text) as "<name>" value
+  // children "</name>", in map order, without white space.
   void write(std::ostream& out) const;
 
  private:
@@ -77,7 +70,6 @@ class XMLTree {
   bool mIsCDATA = false;
 };
 
-std::ostream& operator<<(std::ostream& out, const XMLTree& tree);
 std::ostream& operator<<(std::ostream& out, const XMLTree* tree);
 
 #endif  // HIVE_XMLPARSER_XMLTREE_H_
