@@ -1,9 +1,7 @@
-// HTTP(S) client of the cluster manager (CM). One connection owns one libcurl
-// easy handle: connect() performs the CM's version handshake, every request
-// goes below "/quarry/service/", failed transfers are retried with a pause,
-// and each reply is checked for the "Quarry" envelope with its Status.
-// Failures are reported by a false result; getError() tells the text and a
-// numeric code (see ErrorCode).
+// HTTP(S) client of the cluster manager (CM) over one libcurl handle:
+// connect() makes the CM's handshake, requests go below "/quarry/service/",
+// failed transfers are retried with a pause, and replies must carry the
+// "Quarry" envelope. Failures return false; getError() tells text and code.
 #ifndef HIVE_CMCONNECT_CLUSTERMANAGERCONNECTION_H_
 #define HIVE_CMCONNECT_CLUSTERMANAGERCONNECTION_H_
 
@@ -49,23 +47,21 @@ class ClusterManagerConnection {
     kCMCodeBase = 3100,        // the CM's own ErrorCode n is reported as 3100 + n
   };
 
-  // |retryInterval| in milliseconds; |maxRetries| transfer attempts per
-  // request; |retryOnHTTPError| retries replies with a status other than 200.
+  // |retryInterval| in ms; |maxRetries| attempts per request;
+  // |retryOnHTTPError| retries replies with a status other than 200.
   ClusterManagerConnection(int retryInterval, int maxRetries, bool retryOnHTTPError);
   virtual ~ClusterManagerConnection() = default;
   ClusterManagerConnection(const ClusterManagerConnection&) = delete;
   ClusterManagerConnection& operator=(const ClusterManagerConnection&) = delete;
 
-  // Prepares a new handle for |host| (which may carry its own ":port",
-  // overriding |port|) and sends the handshake. |provider| (not owned, may be
-  // null) selects https unless it is named "http"; without one the name is
-  // resolved here and plain HTTP goes to the address. |timeout| in seconds
-  // bounds every transfer. Must not run while another thread sends.
+  // A new handle for |host| (its own ":port" overrides |port|), then the
+  // handshake. |provider| (may be null) selects https unless named "http";
+  // without one plain HTTP goes to the resolved address. |timeout| in
+  // seconds bounds every transfer. Not while another thread sends.
   bool connect(const std::string& host, int port, qysec::Provider* provider, int timeout);
 
-  // Sends |request| (path and query below the service path) and parses the
-  // reply envelope into |reply|. A non-null |body| makes it a POST of the
-  // serialised tree. Thread-safe: requests on one connection are serialised.
+  // Sends |request| (below the service path) and parses the reply into
+  // |reply|; a |body| makes it a POST of the tree. Thread-safe.
   bool sendHTTPMessage(const std::string& request, XMLTree& reply, XMLTree* body);
   // The same with a ready text body (always a POST).
   bool sendHTTPStringMessage(const std::string& request, XMLTree& reply, const std::string& body);

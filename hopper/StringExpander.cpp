@@ -7,8 +7,6 @@
 #include <stdexcept>
 #include <unordered_set>
 
-#include "hopper/MultiBaseCounter.h"
-
 namespace {
 
 const char kSeparators[] = ", \v\f\t\r\n";
@@ -57,6 +55,33 @@ void addItem(const std::string& item, std::vector<std::string>& out) {
 }
 
 }  // namespace
+
+MultiBaseCounter::MultiBaseCounter(const std::vector<uint64_t>& bases)
+    : mDigitBases(bases), mDigits(bases.size(), 0) {
+  if (std::find(bases.begin(), bases.end(), 0) != bases.end()) {
+    throw std::runtime_error("MultiBaseCounter: bases must be at least 1.");
+  }
+}
+
+MultiBaseCounter& MultiBaseCounter::operator++() {
+  if (reachedMax()) {
+    mIsValid = false;
+    return *this;
+  }
+  // Not at the maximum, so some digit below its top absorbs the carry.
+  for (size_t i = mDigits.size(); i-- > 0;) {
+    if (++mDigits[i] < mDigitBases[i]) break;
+    mDigits[i] = 0;
+  }
+  return *this;
+}
+
+bool MultiBaseCounter::reachedMax() const {
+  for (size_t i = 0; i < mDigits.size(); ++i) {
+    if (mDigits[i] != mDigitBases[i] - 1) return false;
+  }
+  return true;
+}
 
 void StringExpander::parsePattern(const std::string& content,
                                   std::vector<std::string>& alternatives) {

@@ -1,40 +1,55 @@
-// StringExpander: expansion of the host patterns given to --hosts.
-//
-// A host word may hold range and list patterns in square brackets or braces:
-// "host[1-3]" gives host1, host2, host3; "host[5,7]" gives host5, host7;
-// "host-{a-c}" gives host-a, host-b, host-c.  Patterns do not nest.  A word
-// with several patterns yields every combination, the rightmost pattern
-// varying fastest.  Malformed patterns raise std::runtime_error with a text
-// meant for the user.
-
+// Expansion of the host patterns given to --hosts. A word may hold range and
+// list patterns in brackets or braces ("host[1-3]", "host[5,7]",
+// "host-{a-c}"), which do not nest; several patterns give every combination,
+// the rightmost varying fastest. Malformed patterns raise std::runtime_error
+// with a text for the user.
 #ifndef HIVE_HOPPER_STRINGEXPANDER_H_
 #define HIVE_HOPPER_STRINGEXPANDER_H_
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
+// An odometer whose digits each have their own base: digit i selects an
+// alternative of pattern i.
+class MultiBaseCounter {
+ public:
+  // All digits 0 and valid; throws std::runtime_error when any base is 0.
+  explicit MultiBaseCounter(const std::vector<uint64_t>& bases);
+  // The next combination; stepping past the maximum (or any step without
+  // digits) makes the counter invalid instead.
+  MultiBaseCounter& operator++();
+  uint64_t operator[](size_t i) const { return mDigits[i]; }
+  size_t size() const { return mDigits.size(); }
+  bool isValid() const { return mIsValid; }
+  // Every digit at its base minus 1, or no digits.
+  bool reachedMax() const;
+
+ private:
+  std::vector<uint64_t> mDigitBases;
+  std::vector<uint64_t> mDigits;
+  bool mIsValid = true;
+};
+
 class StringExpander {
  public:
-  // Appends every expansion of word to out.  A word without patterns is
-  // appended once, unchanged.
+  // Appends every expansion of word (itself when it has no pattern) to out.
   static void expand(const std::string& word, std::vector<std::string>& out);
 
-  // Replaces literals and patterns with the pieces of word: the literal texts
-  // around the patterns (always one more than patterns) and, for each
-  // pattern, its list of alternatives.
+  // Replaces literals and patterns with the pieces of word: the texts around
+  // the patterns (one more than patterns) and each pattern's alternatives.
   static void tokenize(const std::string& word, std::vector<std::string>& literals,
                        std::vector<std::vector<std::string>>& patterns);
 
-  // Appends the alternatives described by the text between one pair of
-  // brackets: items separated by commas or white space, each a plain value,
-  // a decimal range "8-10" or a one-character range "a-c".
+  // Appends the alternatives of one pattern's content: items separated by
+  // commas or white space, each a value, "8-10" or "a-c".
   static void parsePattern(const std::string& content,
                            std::vector<std::string>& alternatives);
 };
 
-// Appends the hosts of all white-space-separated words of value to nodes,
-// expanded, then removes duplicates keeping the first occurrence and the
-// order of the rest.  Throws std::runtime_error at the first malformed word.
+// Appends the expanded words of value to nodes, then removes duplicates
+// keeping first occurrences in order. Throws at the first malformed word.
 void parseNodesArg(const char* value, std::vector<std::string>& nodes);
 
 #endif  // HIVE_HOPPER_STRINGEXPANDER_H_

@@ -11,13 +11,10 @@ namespace qysec {
 class Provider;
 }
 
-// Asks the CM at |cm| (default port 8031 unless it carries ":port") for the
-// agents of platform |osid| — with |goodHostsOnly| only enabled agents that
-// are up — and sets hosts[host name] = address for each, later duplicates
-// winning; an agent without a host name is skipped. |provider| (not owned,
-// may be null) selects TLS. On failure writes the reason to standard error,
-// leaves |hosts| as it was and returns false; a CM that lists no agents is
-// not a failure.
+// Asks the CM at |cm| (port 8031 unless given) for the agents of |osid|
+// (with |goodHostsOnly|, enabled ones that are up) and sets hosts[name] =
+// address for each named one. |provider| (may be null) selects TLS. On
+// failure writes the reason to standard error and returns false.
 bool populateNodeMap(const std::string& cm, System::OSID osid,
                      std::map<std::string, std::string>& hosts, bool goodHostsOnly,
                      qysec::Provider* provider);

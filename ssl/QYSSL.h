@@ -1,7 +1,6 @@
-// Transport security for the cluster manager client. A Provider is a factory
-// of secured sockets over connected descriptors; SSLProvider is the TLS 1.2
-// implementation and SSLSocket the session it hands out. The provider's name
-// also tells the HTTP client which scheme to use ("ssl" means https).
+// Transport security for the cluster manager client: a Provider makes
+// secured sockets over connected descriptors; SSLProvider is the TLS 1.2 one
+// and SSLSocket its session. The name "ssl" tells the HTTP client: https.
 #ifndef HIVE_SSL_QYSSL_H_
 #define HIVE_SSL_QYSSL_H_
 
@@ -48,9 +47,8 @@ class Socket {
 class Provider {
  public:
   virtual ~Provider() = default;
-  // Run the server or client side of the handshake on |fd| (which stays
-  // owned by the caller) and return the new socket. Throw HandshakeError on
-  // failure.
+  // The server or client handshake on |fd| (still the caller's); throw
+  // HandshakeError on failure.
   virtual std::unique_ptr<Socket> accept(int fd) = 0;
   virtual std::unique_ptr<Socket> connect(int fd) = 0;
   virtual const char* name() const = 0;
@@ -65,8 +63,7 @@ class SSLSocket : public Socket {
   SSLSocket(const SSLSocket&) = delete;
   SSLSocket& operator=(const SSLSocket&) = delete;
 
-  // A session that wants to read during a read or a write means the peer
-  // asked for renegotiation, which is refused with a runtime error.
+  // A renegotiation request from the peer is refused with a runtime error.
   int write(const void* data, int length) override;
   int read(void* data, int length) override;
   bool isReadable() override;
@@ -75,11 +72,10 @@ class SSLSocket : public Socket {
   SessionPtr mImpl;
 };
 
-// TLS 1.2 on OpenSSL. With trusted certificates required, only strong ECDHE
-// ciphers are offered, the peer must present a certificate that verifies
-// against the loaded CA, and, when an access list is set, carries an allowed
-// common name or organisational unit. Without the requirement the library's
-// defaults apply and any peer is accepted.
+// TLS 1.2 on OpenSSL. With trusted certificates required: strong ECDHE
+// ciphers only, and a peer certificate that verifies against the CA and,
+// with an access list, carries an allowed CN or OU. Without: the library's
+// defaults, any peer.
 class SSLProvider : public Provider {
  public:
   // Throws std::runtime_error naming the failing step.
