@@ -56,8 +56,6 @@ std::string ClusterManagerConnection::getError(int* code) const {
   return mError;
 }
 
-// ------------------------------------------------------------------ connect
-
 bool ClusterManagerConnection::connect(const std::string& host, int port,
                                        qysec::Provider* provider, int timeout) {
   mError.clear();
@@ -84,7 +82,6 @@ bool ClusterManagerConnection::connect(const std::string& host, int port,
     try {
       address = TCPSocket::getHostIP(name);
     } catch (const TCPSocket::exception&) {  // the name does not resolve
-      address.clear();
     }
     if (address.empty()) {
       return fail("Couldn't resolve CM host: '" + name + "'", kUnresolvedHost, false);
@@ -92,7 +89,6 @@ bool ClusterManagerConnection::connect(const std::string& host, int port,
     mHostPlusPort = address + ":" + portText;
   }
 
-  mCurl.reset();
   mCurl.reset(curl_easy_init());
   if (!mCurl) return fail("Failed to initialize the curl handle", kTransferFailed, false);
   setHandleOptions(timeout);
@@ -118,8 +114,6 @@ void ClusterManagerConnection::setHandleOptions(int timeout) {
   // the empty proxy also overrides https_proxy and all_proxy.
   if (System::getenv("http_proxy") != nullptr) curl_easy_setopt(h, CURLOPT_PROXY, "");
 }
-
-// --------------------------------------------------------------------- send
 
 bool ClusterManagerConnection::sendHTTPMessage(const std::string& request, XMLTree& reply,
                                                XMLTree* body) {
@@ -259,8 +253,6 @@ size_t ClusterManagerConnection::ReceiveData(char* data, size_t size, size_t cou
   return bytes;
 }
 
-// ----------------------------------------------------------------- envelope
-
 bool ClusterManagerConnection::parseXMLResponse(const std::string& text, XMLTree& tree) {
   try {
     XMLParser::getInstance().parse(text, tree);
@@ -282,8 +274,6 @@ bool ClusterManagerConnection::parseXMLResponse(const std::string& text, XMLTree
   return fail(message + ": Unparseable error code \"" + codeText + "\" sent by CM.",
               kUnparseableCode, true);
 }
-
-// --------------------------------------------------------------- utilities
 
 void ClusterManagerConnection::escape(std::string& text) {
   char* escaped = curl_escape(text.c_str(), 0);

@@ -14,8 +14,7 @@ Application* Application::sApplication = nullptr;
 
 namespace {
 
-// The file-name function gives "" for a bare name, but a program started
-// through PATH usually has no '/' in argv[0] and must still be named.
+// getFileName gives "" for a bare name, as argv[0] is when run through PATH.
 std::string lastPathComponent(const std::string& path) {
   return path.find('/') == std::string::npos ? path : getFileName(path);
 }
@@ -25,8 +24,7 @@ std::string lastPathComponent(const std::string& path) {
 Application::Application(GetOpt::Option* options, const char* textName)
     : mProgramTextName(textName), mOptions(options) {
   for (const GetOpt::Option* row = mOptions; row != nullptr && row->name != nullptr; ++row) {
-    // Identifiers of 500 and up have no short form; 0 and below are no
-    // characters (a NUL would cut the option string short).
+    // 500 and up have no short form; a NUL would cut the string short.
     if (row->val > 0 && row->val <= 499) mShortOptions += static_cast<char>(row->val);
   }
   HC_ASSERT(sApplication == 0);

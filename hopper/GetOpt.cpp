@@ -53,8 +53,7 @@ bool GetOpt::isOption(int index) const {
 }
 
 void GetOpt::settlePermutation() {
-  // Keep the block within what has been scanned, so that calling next()
-  // again after it returned -1 is harmless.
+  // Within what was scanned, so a call after -1 is harmless.
   if (mNonOptEnd > optind) mNonOptEnd = optind;
   if (mNonOptStart > optind) mNonOptStart = optind;
 

@@ -46,9 +46,8 @@ void MoveManager::massageMsg(std::string& text) const {
     const std::string& address = entry.first;
     const std::string& name = entry.second;
     if (address.empty() || address == name) continue;
-    // The next search starts after the name just inserted: a name may hold
-    // its address, or form it again with the text that follows, and a search
-    // from the beginning would then never end.
+    // Search on after the inserted name, which may hold or re-form its
+    // address: from the beginning the loop might never end.
     for (size_t at = text.find(address); at != std::string::npos;
          at = text.find(address, at + name.size())) {
       text.replace(at, address.size(), name);

@@ -45,9 +45,6 @@ const char* const kCommonSwitches =
 
 }  // namespace
 
-RunnerApplication::RunnerApplication(GetOpt::Option* options, const char* textName)
-    : Application(options, textName) {}
-
 void RunnerApplication::usage() { std::cout << kCommonSwitches << std::endl; }
 
 void RunnerApplication::initialize() {
@@ -79,8 +76,7 @@ void RunnerApplication::initializeAssumingSignalsAreBlocked() {
     try {
       parseNodesArg(getOption(ARG_NODES, ""), mNodeList);
     } catch (const std::runtime_error& e) {
-      // A malformed host list is told apart from every other failure by
-      // its exit status, and nothing has been set up that needs undoing.
+      // Its own exit status; nothing set up needs undoing yet.
       std::cerr << "Error parsing --hosts argument: " << e.what() << std::endl;
       std::exit(2);
     }
@@ -96,8 +92,7 @@ void RunnerApplication::initializeAssumingSignalsAreBlocked() {
   mStopAgents = wasOptionPresent(ARG_STOP_AGENTS);
   mVerbose = wasOptionPresent(ARG_VERBOSE);
 
-  // Only 0 is refused: anything that does not read as a number reads as 0,
-  // while a negative value passes on unchanged.
+  // Only 0 is refused: it is what a non-number reads as; negatives pass.
   mTimeout = getOptionAsInt(ARG_TIMEOUT, -1);
   if (mTimeout == 0) {
     throw std::runtime_error(std::string("Timeout value must be > 0: \"") +

@@ -16,7 +16,7 @@
 
 class RunnerApplication : public Application {
  public:
-  RunnerApplication(GetOpt::Option* options, const char* textName);
+  using Application::Application;
 
   // The common switch text; subclasses print theirs around it.
   void usage() override;

@@ -16,9 +16,8 @@ namespace {
 const long kBytesPerDot = 1000000;
 const char kTimeLimitReason[] = "Time limited exceeded";
 
-// The monotonic reading at which a wall-clock deadline falls (none for
-// Time::max); one already passed maps to now. Socket waits measure
-// monotonic time, which a clock change cannot stretch.
+// The monotonic reading of a wall-clock deadline (none for Time::max), as
+// socket waits measure it: a clock change cannot stretch them.
 Ticks monotonicAt(const Time& deadline) {
   if (deadline == Time::max) return Ticks();
   const Time now = Time::now();
@@ -27,9 +26,8 @@ Ticks monotonicAt(const Time& deadline) {
   return Ticks::currentTime() + Ticks(std::max<int64_t>(left, 0));
 }
 
-// True when a commit reply reports a file that did not land (a failed
-// rename, a lost or short staged copy, a failed agent command): any line but
-// a lost host's.
+// True when a commit reply holds any line but a lost host's: a file that
+// did not land.
 bool reportsFileErrors(const std::string& reply) {
   std::istringstream lines(reply);
   for (std::string line; std::getline(lines, line);) {
@@ -40,9 +38,8 @@ bool reportsFileErrors(const std::string& reply) {
   return false;
 }
 
-// The directory a local directory lands in below remoteDir: its last
-// component, or remoteDir itself when the source ends in '/' (its contents
-// are copied into the target).
+// Where a local directory lands: remoteDir joined with its last component,
+// or remoteDir itself when it ends in '/'.
 std::string targetDirectory(const std::string& localDir, const std::string& remoteDir) {
   if (!localDir.empty() && localDir.back() == '/') return remoteDir;
   return pathConcat(remoteDir, lastPathComponent(localDir));
@@ -92,8 +89,7 @@ void UploadManager::dropHead() {
 
 void UploadManager::beginUpload() {
   HC_ASSERT(mPOutStream.get() == 0);
-  // Each round either returns or drops at least one host, so the node set
-  // bounds the loop (findGoodNode throws when it is empty).
+  // Each round returns or drops a host, so the node set bounds the loop.
   while (!aborted()) {
     findGoodNode(nullptr, true);
     if (!mPOutStream) return;  // the time limit passed
@@ -118,7 +114,8 @@ void UploadManager::beginUpload() {
     if (status == BEGIN_SOME_FAILED) {
       reportBadNodesByIP(bad);
       if (!text.str().empty()) {
-        printError("Protocol error while communicating with " + nameOf(head) + ": " + text.str());
+        writeMassaged("Protocol error while communicating with " + nameOf(head) + ": " +
+                      text.str() + "\n");
       }
     }
     if (!reconnect) return;
@@ -161,7 +158,7 @@ bool UploadManager::sendFile(int file, const std::string& localPath, const std::
   const AnnouncementReply announced =
       sendResumeUploadMsg(*mPOutStream, mNodeIPSet, mStopAgents, size, mode, localPath, remotePath);
   if (announced.mStatus != RESUME_OK) {
-    printError(*mNodeIPSet.begin() + ": " + announced.mText);
+    writeMassaged(*mNodeIPSet.begin() + ": " + announced.mText + "\n");
     return false;
   }
   mWire = Wire::SendingData;
@@ -173,26 +170,19 @@ bool UploadManager::sendFile(int file, const std::string& localPath, const std::
   const std::string reply = Protocol::readReply(*mPOutStream, *mNodeIPSet.begin());
   mWire = Wire::Idle;
   if (mVerboseMode) mStdout << (reply.empty() ? "success" : "failed") << std::endl;
-  if (!reply.empty()) printError(reply);
+  if (!reply.empty()) writeMassaged(reply + "\n");
   return reply.empty();
-}
-
-void UploadManager::printError(std::string text) {
-  massageMsg(text);
-  mStderr << text << std::endl;
 }
 
 void UploadManager::resumeFrom(int file, const std::string& localPath, long position, long size,
                                long& sent) {
   if (position >= 0 && position < sent) {
-    // The new head lost bytes that went to the old one: they go again, and
-    // the data carries on from sent.
+    // The new head lacks bytes that went to the old one: they go again.
     if (!catchupStream(position, sent, file, *mFS, *mPOutStream)) {
       throw std::runtime_error("Error reading file: " + localPath);
     }
   } else if (position > sent) {
-    // The daemons already hold more than was sent through this client (a
-    // file resumed from an earlier run): send only the rest.
+    // The daemons hold more than was sent (from an earlier run): skip it.
     sent = std::min(position, size);
   }
 }
@@ -208,9 +198,8 @@ bool UploadManager::sendData(int file, const std::string& localPath, long size, 
     }
     return !timeLimitPassed() && !aborted();
   };
-  // The kernel moves large files' bytes itself. A small file's few blocks
-  // go through the stream in one write: setting a descriptor up for the
-  // kernel's copy costs more system calls than it saves.
+  // The kernel moves large files' bytes itself; for a few blocks, setting up
+  // its copy costs more system calls than it saves.
   if (size - sent >= kSendFileMinimum && !aborted()) {
     switch (mPOutStream->sendFile(file, sent, size - sent, kBlockSize, blockSent)) {
       case TCPStream::FileSend::kDone:
@@ -308,7 +297,7 @@ bool UploadManager::commit() {
   if (!mPOutStream) return true;  // nothing was sent
   std::string failedHead;
   // A head that fails the commit is asked again once (it may have dropped
-  // just the connection); failing twice drops it, which bounds the loop.
+  // only the connection); failing twice drops it.
   while (mPOutStream) {
     const std::string head = *mNodeIPSet.begin();
     try {
@@ -342,17 +331,15 @@ void UploadManager::finishAborted() {
           << std::endl;
   if (!mPOutStream) return;
   if (mWire == Wire::SendingData || mWire == Wire::Broken) {
-    // In the middle of a file's data (or of any message) the daemon would
-    // take the abort for part of it: drop this connection and send the abort
-    // on a new one to the same head, which takes over the upload the old
-    // one left.
+    // Mid-message the daemon would take the abort for data: send it on a
+    // new connection to the same head, which takes the upload over.
     mPOutStream = reconnectToHead();
     mWire = Wire::Idle;
     if (!mPOutStream) return;
   }
   try {
-    // The abort must not hang on a daemon that has stopped answering, and
-    // must not end at once at the run's deadline, which has usually passed.
+    // Not bound by the run's deadline (usually passed), nor hanging on a
+    // silent daemon.
     TCPSocket& socket = mPOutStream->socket();
     socket.setDeadline(Ticks());
     socket.setReadTimeout(kConnectTimeoutMs);

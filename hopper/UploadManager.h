@@ -80,7 +80,6 @@ class UploadManager : public MoveManager {
                    const std::string& directoryTarget);
   bool sendFile(int file, const std::string& localPath, const std::string& remotePath, long size,
                 int mode, long& sent, long& dotBytes);
-  void printError(std::string text);
   // Re-sends [position, sent) when the daemon holds less than was sent, or
   // skips ahead to position when it holds more.
   void resumeFrom(int file, const std::string& localPath, long position, long size, long& sent);

@@ -41,8 +41,7 @@ bool populateNodeMap(const std::string& cm, System::OSID osid,
   XMLTree* agentList = quarry->getSubTree("AgentList");
   if (agentList == nullptr) return true;
   for (XMLTree* agent : agentList->getSubTrees("Agent")) {
-    // An agent without a host name would become an upload host "" (the
-    // first of the sorted set, so the head).
+    // A nameless agent would become host "", the first, so the head.
     const std::string& name = agent->getSingleSubTreeValue("Host");
     if (!name.empty()) hosts[name] = agent->getSingleSubTreeValue("IPAddress");
   }

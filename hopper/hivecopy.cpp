@@ -76,11 +76,9 @@ const char* const kUsageTail =
 // Longest file-list line; the read buffer holds one more for the NUL.
 const int kMaxListLine = 198;
 
-// Checks one trimmed, non-comment line: appends its pair and returns "", or
-// returns the words that describe its fault.
+// Appends the pair of one trimmed line and returns "", or its fault's words.
 const char* parseListLine(const std::string& line, FilePairs& pairs) {
-  // The first delimiter form found wins, so "->" inside a source is kept
-  // when the line also holds "=>".
+  // "=>" wins wherever it is, so a source may hold "->".
   size_t delimiter = line.find("=>");
   if (delimiter == std::string::npos) delimiter = line.find("->");
   if (delimiter == std::string::npos) return ": Missing delimiter on line ";
@@ -101,8 +99,8 @@ void readFileList(std::istream& in, const std::string& fileName, FilePairs& pair
   char buffer[kMaxListLine + 1];
   for (int lineNumber = 1; !in.eof(); ++lineNumber) {
     in.getline(buffer, sizeof buffer);
-    // A failure short of the end either cut a long line (whose rest would
-    // be read as a new line) or is a read error: either way reading stops.
+    // A long line was cut (its rest would read as a new line) or reading
+    // failed: either way reading stops.
     if (in.fail() && !in.eof()) {
       if (in.gcount() == kMaxListLine) {
         messages << fileName << ": Line too long on line " << lineNumber << "\n";
@@ -121,9 +119,6 @@ void readFileList(std::istream& in, const std::string& fileName, FilePairs& pair
 }
 
 }  // namespace
-
-HiveCopy::HiveCopy(GetOpt::Option* options, const char* textName)
-    : RunnerApplication(options, textName) {}
 
 void HiveCopy::usage() {
   std::cout << kUsageHeader;
@@ -162,8 +157,7 @@ void HiveCopy::pairsFromArguments() {
     mFilePairs.emplace_back(mArgs[0], mArgs[1]);
     return;
   }
-  // Several sources: the last argument is the target directory, and each
-  // source lands in it under its own last component.
+  // Several sources land in the last argument under their last components.
   const std::string target = mArgs.back();
   for (size_t i = 0; i + 1 < mArgs.size(); ++i) {
     const std::string source = mArgs[i];

@@ -15,7 +15,7 @@ extern GetOpt::Option gOptions[];
 
 class HiveCopy : public RunnerApplication {
  public:
-  HiveCopy(GetOpt::Option* options, const char* textName);
+  using RunnerApplication::RunnerApplication;
 
   // Uploads and prints "Upload time: <seconds> secs"; 0 on success, else 1.
   int run() override;

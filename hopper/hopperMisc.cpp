@@ -34,9 +34,8 @@ std::string buildStamp() {
   return stamp;
 }
 
-// Connects, sends the new or the old version request and waits for the
-// reply to start within what is left of timeoutMs; throws timedOut when it
-// does not (a connect that used the whole time-out leaves nothing to wait).
+// Connects, sends a version request and waits for the reply to start
+// within what is left of timeoutMs; throws timedOut when it does not.
 void requestVersion(TCPStream& stream, const std::string& host, int port, int timeoutMs,
                     bool newRequest, const char* timedOut) {
   Timer timer;
@@ -86,8 +85,7 @@ int connectToHopperOld(TCPStream& stream, const std::string& host, int port, int
 }
 
 int connectToHopper(TCPStream& stream, const std::string& host, int port, int timeoutMs) {
-  // A peer that starts a reply and never finishes it must not hold the
-  // handshake past its time.
+  // A peer that never finishes its reply must not hold the handshake.
   TCPSocket& socket = stream.socket();
   const Ticks kept = socket.getDeadline();
   const Ticks limit = Ticks::currentTime() + Ticks(int64_t(timeoutMs) * 2 * 1000000);

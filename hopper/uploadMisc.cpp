@@ -10,12 +10,10 @@
 
 namespace {
 
-// A daemon that keeps answering "no session" right after a successful begin
-// is broken; give up on it rather than loop.
+// A daemon still without a session after this many begins is broken.
 const int kMaxSessionRestarts = 3;
 
-// Connects (and with newProtocol hand-shakes) stream to the host; returns the
-// bad-node code when the host is not usable, -1 when it is.
+// Connects (and with newProtocol hand-shakes); the bad-node code, or -1.
 int tryHost(TCPStream& stream, const std::string& host, bool newProtocol) {
   std::string address;
   int port = kHopperDefaultPort;
@@ -39,8 +37,7 @@ std::unique_ptr<TCPStream> findGoodNode(NodeSet& nodes, BadNodeList& badNodes, b
   while (!nodes.empty()) {
     const std::string head = *nodes.begin();
     auto stream = std::make_unique<TCPStream>();
-    // Set before connecting: the socket keeps it across the handshakes'
-    // reconnects.
+    // Set before connecting: the socket keeps it across reconnects.
     stream->socket().setDeadline(deadline);
     stream->socket().setConnector(connector);
     const int code = tryHost(*stream, head, newProtocol);
@@ -92,8 +89,8 @@ AnnouncementReply sendResumeUploadMsg(TCPStream& stream, const NodeSet& nodes, b
     stream.flush();
     const AnnouncementReply reply = Protocol::readAnnouncementReply(stream);
     if (reply.mStatus != RESUME_NO_SESSION) return reply;
-    // A new head after a reconnect: begin on this connection, then announce
-    // again. Its host reports are not this file's business.
+    // A new head after a reconnect: begin on this connection (its host
+    // reports are not this file's business), then announce again.
     NodeSet copy = nodes;
     BadNodeList bad;
     BusyNodeList busy;

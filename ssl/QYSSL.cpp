@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <sstream>
 #include <string_view>
 #include <utility>
 
@@ -42,13 +43,7 @@ std::string errorText(unsigned long code) {
   throw HandshakeError("SSL handshake failure: " + reason);
 }
 
-struct BioFree {
-  void operator()(BIO* bio) const { BIO_free(bio); }
-};
-struct CertificateFree {
-  void operator()(X509* cert) const { X509_free(cert); }
-};
-struct Utf8Free {
+struct Utf8Free {  // OPENSSL_free is a macro
   void operator()(unsigned char* text) const { OPENSSL_free(text); }
 };
 
@@ -79,12 +74,6 @@ int sessionResult(SSL* session, int result) {
 
 }  // namespace
 
-// ---------------------------------------------------------------- SSLSocket
-
-void SessionFree::operator()(SSL* session) const { SSL_free(session); }
-
-void ContextFree::operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
-
 SSLSocket::SSLSocket(SessionPtr session) : mImpl(std::move(session)) {}
 
 SSLSocket::~SSLSocket() {
@@ -104,8 +93,6 @@ int SSLSocket::read(void* data, int length) {
 }
 
 bool SSLSocket::isReadable() { return SSL_pending(mImpl.get()) > 0; }
-
-// -------------------------------------------------------------- SSLProvider
 
 SSLProvider::SSLProvider(bool requireTrustedCerts) : mRequireTrustedCerts(requireTrustedCerts) {
   initializeLibraryOnce();
@@ -150,13 +137,8 @@ void SSLProvider::setAllowedCiphers(const char* list) {
 
 void SSLProvider::setACL(const char* acl) {
   if (acl == nullptr) return;
-  const std::string text(acl);
-  size_t start = 0;
-  while (start <= text.size()) {
-    size_t comma = text.find(',', start);
-    if (comma == std::string::npos) comma = text.size();
-    const std::string piece = text.substr(start, comma - start);
-    start = comma + 1;
+  std::istringstream pieces(acl);
+  for (std::string piece; std::getline(pieces, piece, ',');) {
     if (piece.empty()) continue;
     auto [type, value] = splitACLEntry(piece);
     std::vector<std::string>& list = type == "cn" ? mCNs : mOUs;
@@ -174,7 +156,7 @@ std::unique_ptr<Socket> SSLProvider::handshake(int fd, Mode mode) {
   Mutex::Lock lock(mMutex);
   ERR_clear_error();
   SessionPtr session(SSL_new(mImpl.get()));
-  std::unique_ptr<BIO, BioFree> bio(BIO_new_socket(fd, BIO_NOCLOSE));
+  std::unique_ptr<BIO, Deleter<BIO_free>> bio(BIO_new_socket(fd, BIO_NOCLOSE));
   if (!session || !bio) handshakeFailure(errorText(ERR_get_error()));
   // One reference serves both directions; the session owns it from here.
   SSL_set_bio(session.get(), bio.get(), bio.get());
@@ -192,7 +174,7 @@ std::unique_ptr<Socket> SSLProvider::handshake(int fd, Mode mode) {
 }
 
 void SSLProvider::checkPeer(SSL* session) const {
-  std::unique_ptr<X509, CertificateFree> peer(SSL_get1_peer_certificate(session));
+  std::unique_ptr<X509, Deleter<X509_free>> peer(SSL_get1_peer_certificate(session));
   if (!peer) handshakeFailure("no peer certificate");
   if (SSL_get_verify_result(session) != X509_V_OK) handshakeFailure("peer not verified");
   if (!verify(peer.get())) handshakeFailure("peer not allowed");

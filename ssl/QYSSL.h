@@ -4,7 +4,7 @@
 #ifndef HIVE_SSL_QYSSL_H_
 #define HIVE_SSL_QYSSL_H_
 
-#include <openssl/types.h>
+#include <openssl/ssl.h>
 
 #include <memory>
 #include <optional>
@@ -22,15 +22,14 @@ class HandshakeError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Deleters, so that every library object lives in a std::unique_ptr.
-struct SessionFree {
-  void operator()(SSL* session) const;
+// Frees a library object held in a std::unique_ptr.
+template <auto Free>
+struct Deleter {
+  template <class T>
+  void operator()(T* object) const { Free(object); }
 };
-struct ContextFree {
-  void operator()(SSL_CTX* context) const;
-};
-using SessionPtr = std::unique_ptr<SSL, SessionFree>;
-using ContextPtr = std::unique_ptr<SSL_CTX, ContextFree>;
+using SessionPtr = std::unique_ptr<SSL, Deleter<SSL_free>>;
+using ContextPtr = std::unique_ptr<SSL_CTX, Deleter<SSL_CTX_free>>;
 
 // A connected, secured byte stream.
 class Socket {
