@@ -78,12 +78,10 @@ int GetOpt::endOfOptions() {
 }
 
 const char* GetOpt::findShortEntry(char c) const {
-  if (mCaseSensitive) return std::strchr(mShortOpts.c_str(), c);
-  const char folded = foldCase(c);
-  for (const char& s : mShortOpts) {
-    if (foldCase(s) == folded) return &s;
-  }
-  return nullptr;
+  const auto it = std::find_if(mShortOpts.begin(), mShortOpts.end(), [&](char s) {
+    return mCaseSensitive ? s == c : foldCase(s) == foldCase(c);
+  });
+  return it == mShortOpts.end() ? nullptr : &*it;
 }
 
 int GetOpt::parseShortOption() {

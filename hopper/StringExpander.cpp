@@ -77,10 +77,8 @@ MultiBaseCounter& MultiBaseCounter::operator++() {
 }
 
 bool MultiBaseCounter::reachedMax() const {
-  for (size_t i = 0; i < mDigits.size(); ++i) {
-    if (mDigits[i] != mDigitBases[i] - 1) return false;
-  }
-  return true;
+  return std::equal(mDigits.begin(), mDigits.end(), mDigitBases.begin(),
+                    [](uint64_t digit, uint64_t base) { return digit == base - 1; });
 }
 
 void StringExpander::parsePattern(const std::string& content,
@@ -147,12 +145,7 @@ void parseNodesArg(const char* value, std::vector<std::string>& nodes) {
     while (words >> word) StringExpander::expand(word, nodes);
   }
   std::unordered_set<std::string> seen;
-  size_t kept = 0;
-  for (size_t i = 0; i < nodes.size(); ++i) {
-    if (seen.insert(nodes[i]).second) {
-      if (kept != i) nodes[kept] = std::move(nodes[i]);
-      ++kept;
-    }
-  }
-  nodes.resize(kept);
+  nodes.erase(std::remove_if(nodes.begin(), nodes.end(),
+                             [&seen](const std::string& n) { return !seen.insert(n).second; }),
+              nodes.end());
 }

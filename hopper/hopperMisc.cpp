@@ -1,7 +1,8 @@
 #include "hopper/hopperMisc.h"
 
-#include <cstdio>
-#include <cstring>
+#include <ctime>
+#include <iomanip>
+#include <sstream>
 #include <stdexcept>
 
 #include "hopper/Protocol.h"
@@ -20,17 +21,12 @@ const char* const kProductNotice =
     "File distribution for build clusters: hivecopy uploads, hopperd relays.\n"
     "This software is provided as is, without warranty of any kind.\n";
 
-// The compile date as YYYY.MM.DD_HH:MM:SS.
+// The compile time as YYYY.MM.DD_HH:MM:SS.
 std::string buildStamp() {
-  static const char* const kMonths = "JanFebMarAprMayJunJulAugSepOctNovDec";
-  const char* date = __DATE__;  // "Mmm dd yyyy"
-  const char* found = std::strstr(kMonths, std::string(date, 3).c_str());
-  const int month = found ? static_cast<int>(found - kMonths) / 3 + 1 : 0;
-  int day = 0;
-  int year = 0;
-  std::sscanf(date + 4, "%d %d", &day, &year);
-  char stamp[64];
-  std::snprintf(stamp, sizeof stamp, "%04d.%02d.%02d_%s", year, month, day, __TIME__);
+  std::tm when{};
+  std::istringstream(__DATE__ " " __TIME__) >> std::get_time(&when, "%b %d %Y %H:%M:%S");
+  char stamp[32];
+  std::strftime(stamp, sizeof stamp, "%Y.%m.%d_%H:%M:%S", &when);
   return stamp;
 }
 

@@ -68,7 +68,6 @@ void appendEscaped(const std::string& text, std::string& out) {
 void XMLTree::setValue(const std::string& value, bool isCDATA) {
   mNodeValue = value;
   mDirty = true;
-  mEscapedCurrent = false;
   if (isCDATA) {
     mIsCDATA = true;
     mCDATA = "<![CDATA[" + value + "]]>";
@@ -77,7 +76,6 @@ void XMLTree::setValue(const std::string& value, bool isCDATA) {
 
 void XMLTree::clearValue() {
   mNodeValue.clear();
-  mEscapedCurrent = false;
 }
 
 void XMLTree::clear() {
@@ -85,7 +83,6 @@ void XMLTree::clear() {
   mNodeValue.clear();
   mEscapedNodeValue.clear();
   mDirty = false;
-  mEscapedCurrent = true;
   mCDATA.clear();
   mIsCDATA = false;
 }
@@ -93,7 +90,6 @@ void XMLTree::clear() {
 void XMLTree::appendCharacter(char c) {
   mNodeValue.push_back(c);
   mDirty = true;
-  mEscapedCurrent = false;
 }
 
 void XMLTree::unEscape() const {
@@ -111,11 +107,8 @@ const std::string& XMLTree::getValue() const {
 
 const std::string& XMLTree::getEscapedValue() const {
   if (mDirty) unEscape();
-  if (!mEscapedCurrent) {
-    mEscapedNodeValue.clear();
-    appendEscaped(mNodeValue, mEscapedNodeValue);
-    mEscapedCurrent = true;
-  }
+  mEscapedNodeValue.clear();
+  appendEscaped(mNodeValue, mEscapedNodeValue);
   return mEscapedNodeValue;
 }
 

@@ -65,7 +65,6 @@ class XMLTree {
   mutable std::string mNodeValue;
   mutable std::string mEscapedNodeValue;
   mutable bool mDirty = false;
-  mutable bool mEscapedCurrent = true;
   std::string mCDATA;
   bool mIsCDATA = false;
 };
