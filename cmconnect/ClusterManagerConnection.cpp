@@ -6,7 +6,6 @@
 #include <sstream>
 
 #include "ssl/QYSSL.h"
-#include "util/Assert.h"
 #include "util/StringUtilities.h"
 #include "util/System.h"
 #include "util/TCPSocket.h"
@@ -110,8 +109,7 @@ void ClusterManagerConnection::setHandleOptions(int timeout) {
   curl_easy_setopt(h, CURLOPT_FORBID_REUSE, mKeepAlive ? 0L : 1L);
   curl_easy_setopt(h, CURLOPT_ERRORBUFFER, mCurlErrMsg.data());
   curl_easy_setopt(h, CURLOPT_IPRESOLVE, static_cast<long>(CURL_IPRESOLVE_V4));
-  // CM traffic never goes through a proxy, even one set in the environment;
-  // the empty proxy also overrides https_proxy and all_proxy.
+  // Never a proxy; the empty one also overrides https_proxy and all_proxy.
   if (System::getenv("http_proxy") != nullptr) curl_easy_setopt(h, CURLOPT_PROXY, "");
 }
 
@@ -145,18 +143,12 @@ bool ClusterManagerConnection::send(const std::string& request, XMLTree& reply,
   } else {
     curl_easy_setopt(h, CURLOPT_HTTPGET, 1L);
   }
-  std::string text;
-  return doSendHTTP(request, &text) && parseXMLResponse(text, reply);
-}
-
-bool ClusterManagerConnection::doSendHTTP(const std::string& request, std::string* text) {
-  HC_ASSERT(text != nullptr);
-  std::ostringstream stream;
-  if (!doSendHTTPStreaming(request, &stream)) return false;
+  std::ostringstream text;
+  if (!doSendHTTPStreaming(request, &text)) return false;
   // A failed attempt may have left a longer body behind the final one.
-  const std::streamoff length = stream.tellp();
-  *text = stream.str().substr(0, length < 0 ? 0 : static_cast<size_t>(length));
-  return true;
+  const std::streamoff length = text.tellp();
+  return parseXMLResponse(text.str().substr(0, length < 0 ? 0 : static_cast<size_t>(length)),
+                          reply);
 }
 
 void ClusterManagerConnection::setURLOptions(const std::string& request) {

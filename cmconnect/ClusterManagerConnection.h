@@ -100,7 +100,6 @@ class ClusterManagerConnection {
 
   void setHandleOptions(int timeout);
   bool send(const std::string& request, XMLTree& reply, const std::string* body);
-  bool doSendHTTP(const std::string& request, std::string* text);
   bool doSendHTTPStreaming(const std::string& request, std::ostream* out);
   void setURLOptions(const std::string& request);
   bool reportTransferFailure(CURLcode result, long httpCode);

@@ -129,9 +129,7 @@ RelayIdentity readRelayIdentity(TCPStream& in) {
   return identity;
 }
 
-int readCode(TCPStream& in) {
-  return Wire::getInt32(in);
-}
+int readCode(TCPStream& in) { return Wire::getInt32(in); }
 
 BeginReply readBeginReply(TCPStream& in) {
   BeginReply reply;

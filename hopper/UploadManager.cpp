@@ -47,11 +47,6 @@ std::string targetDirectory(const std::string& localDir, const std::string& remo
 
 }  // namespace
 
-UploadManager::UploadManager(const IPtoNameMap& hosts, bool verboseMode, bool stopAgents,
-                             int timeout, System::OSID targetOSID, std::ostream& out,
-                             std::ostream& err)
-    : MoveManager(hosts, verboseMode, stopAgents, timeout, targetOSID, out, err) {}
-
 void UploadManager::validatePaths(const FilePairs& pairs) const {
   for (const auto& pair : pairs) {
     FileAttributes attributes;

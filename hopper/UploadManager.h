@@ -34,8 +34,7 @@ class UploadManager : public MoveManager {
   // Files with at least this many bytes left go out by sendfile.
   static const long kSendFileMinimum = 4 * kBlockSize;
 
-  UploadManager(const IPtoNameMap& hosts, bool verboseMode, bool stopAgents, int timeout,
-                System::OSID targetOSID, std::ostream& out, std::ostream& err);
+  using MoveManager::MoveManager;
 
   // Where connections go (null: TCP) and what sources are read through;
   // neither is owned.

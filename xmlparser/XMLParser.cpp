@@ -23,15 +23,13 @@ bool isNameCharacter(char c) {
   return isNameStart(c) || (c >= '0' && c <= '9') || c == '-' || c == '.';
 }
 
-// Rejects what the dialect does not know ("<!--", "<!DOCTYPE", "<>") as well
-// as stray markup characters that a truncated or garbled tag leaves behind.
+// Rejects "<!--", "<!DOCTYPE", "<>" and what a garbled tag leaves behind.
 bool isName(const std::string& name) {
   if (name.empty() || !isNameStart(name[0])) return false;
   return std::all_of(name.begin(), name.end(), isNameCharacter);
 }
 
-// One pass over the text with a stack of open elements; the bottom entry is
-// the target tree, which stands for the document and takes only the root.
+// One pass with a stack of open elements over the target tree (the document).
 class Parse {
  public:
   Parse(const std::string& text, XMLTree& document) : mText(text) {
@@ -139,15 +137,13 @@ class Parse {
     if (outsideRoot()) parserError("Found a CDATA section outside the root element");
     const size_t end = mText.find("]]>", mPos);
     if (end == std::string::npos) parserError("Terminated inside a CDATA section");
-    // The section's bytes join the element's text unchanged (no entity
-    // references, no markup) and are then decoded like the rest of it.
+    // The bytes join the text as they are, decoded later like the rest.
     XMLTree* tree = mOpen.back().tree;
     for (size_t i = mPos; i < end; ++i) tree->appendCharacter(mText[i]);
     mPos = end + 3;
   }
 
-  // Called at a '&'. A reference runs to the next ';'; an '&' with no ';'
-  // before the next markup is an ordinary character.
+  // At a '&': a reference runs to the next ';', unless markup comes first.
   void entity() {
     const size_t semi = nextAfter(';', mNextSemi);
     const size_t lt = nextAfter('<', mNextLt);
@@ -167,9 +163,7 @@ class Parse {
     mPos = semi + 1;
   }
 
-  // Position of the first |c| after mPos. |cache| keeps the last answer while
-  // it is still ahead, so a long run of '&' without ';' is not rescanned to
-  // the end for every '&'.
+  // The first |c| after mPos; |cache| saves rescanning for every '&'.
   size_t nextAfter(char c, size_t& cache) const {
     if (cache != std::string::npos && cache <= mPos) cache = mText.find(c, mPos + 1);
     return cache;

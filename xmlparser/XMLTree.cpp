@@ -13,8 +13,7 @@ bool isAsciiAlnum(unsigned char c) {
   return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
 
-// True when the '&' at |pos| starts one of the five predefined entity
-// references, which must not be escaped a second time.
+// Whether the '&' at |pos| starts a predefined entity (not escaped again).
 bool startsEntityReference(const std::string& text, size_t pos) {
   static const char* const kNames[] = {"lt;", "gt;", "amp;", "quot;", "apos;"};
   for (const char* name : kNames) {
@@ -23,9 +22,7 @@ bool startsEntityReference(const std::string& text, size_t pos) {
   return false;
 }
 
-// A blank right before one of these would let a line break separate the
-// punctuation from the word it belongs to, so it is written as a
-// non-breaking space instead.
+// A blank before these is non-breaking, so a line break cannot part them.
 bool bindsToPrecedingBlank(char c) {
   return c == ',' || c == '.' || c == '/' || c == ':' || c == ';';
 }
@@ -134,8 +131,7 @@ std::vector<XMLTree*> XMLTree::getSubTrees(const std::string& name) {
 }
 
 XMLTree* XMLTree::insertChild(const std::string& name, const std::string& value, bool isCDATA) {
-  // multimap::emplace places an equal key after the existing ones, which is
-  // what keeps repeated elements in document order.
+  // multimap::emplace keeps equal names in insertion order.
   XMLTree* child = mChildren.emplace(name, std::make_unique<XMLTree>())->second.get();
   child->setValue(value, isCDATA);
   return child;
