@@ -61,20 +61,13 @@ bool ClusterManagerConnection::connect(const std::string& host, int port,
   mTimeout = timeout;
   if (provider != nullptr) mCMSecurityProvider = provider;
 
-  const size_t colon = host.find(':');
-  if (colon == std::string::npos) {
-    mHostPlusPort = host + ":" + std::to_string(port);
-    mOrigHost = host;
-  } else {
-    mHostPlusPort = host;
-    mOrigHost = host.substr(0, colon);
-  }
-
+  // A host with its own ":port" ignores |port|.
+  mOrigHost = host.substr(0, host.find(':'));
+  mHostPlusPort = mOrigHost.size() == host.size() ? host + ":" + std::to_string(port) : host;
   if (provider == nullptr) {
     // Plain HTTP goes to the resolved IPv4 address.
-    const size_t split = mHostPlusPort.find(':');
-    std::string name = mHostPlusPort.substr(0, split);
-    std::string portText = mHostPlusPort.substr(split + 1);
+    std::string name = mOrigHost;
+    std::string portText = mHostPlusPort.substr(mOrigHost.size() + 1);
     removeTrailingLeadingSpace(name);
     removeTrailingLeadingSpace(portText);
     std::string address;

@@ -157,20 +157,7 @@ bool UploadManager::sendFile(int file, const std::string& localPath, const std::
     return false;
   }
   mWire = Wire::SendingData;
-  resumeFrom(file, localPath, static_cast<long>(announced.mPosition), size, sent);
-  const bool complete = sendData(file, localPath, size, sent, dotBytes);
-  if (sent >= size) mWire = Wire::AwaitingReply;
-  if (!complete) return false;
-  mPOutStream->flush();
-  const std::string reply = Protocol::readReply(*mPOutStream, *mNodeIPSet.begin());
-  mWire = Wire::Idle;
-  if (mVerboseMode) mStdout << (reply.empty() ? "success" : "failed") << std::endl;
-  if (!reply.empty()) writeMassaged(reply + "\n");
-  return reply.empty();
-}
-
-void UploadManager::resumeFrom(int file, const std::string& localPath, long position, long size,
-                               long& sent) {
+  const long position = static_cast<long>(announced.mPosition);
   if (position >= 0 && position < sent) {
     // The new head lacks bytes that went to the old one: they go again.
     if (!catchupStream(position, sent, file, *mFS, *mPOutStream)) {
@@ -180,6 +167,15 @@ void UploadManager::resumeFrom(int file, const std::string& localPath, long posi
     // The daemons hold more than was sent (from an earlier run): skip it.
     sent = std::min(position, size);
   }
+  const bool complete = sendData(file, localPath, size, sent, dotBytes);
+  if (sent >= size) mWire = Wire::AwaitingReply;
+  if (!complete) return false;
+  mPOutStream->flush();
+  const std::string reply = Protocol::readReply(*mPOutStream, *mNodeIPSet.begin());
+  mWire = Wire::Idle;
+  if (mVerboseMode) mStdout << (reply.empty() ? "success" : "failed") << std::endl;
+  if (!reply.empty()) writeMassaged(reply + "\n");
+  return reply.empty();
 }
 
 bool UploadManager::sendData(int file, const std::string& localPath, long size, long& sent,
@@ -259,8 +255,7 @@ bool UploadManager::uploadDirectory(const std::string& localDir, const std::stri
   for (const std::string& name : names) {
     if (name == "." || name == "..") continue;
     if (aborted()) return false;
-    const bool ok = uploadEntry(pathConcat(localDir, name), pathConcat(target, name), target);
-    result = ok && result;
+    result = uploadEntry(pathConcat(localDir, name), pathConcat(target, name), target) && result;
   }
   return result;
 }

@@ -77,11 +77,9 @@ class UploadManager : public MoveManager {
   // A file to fileTarget, or a directory into directoryTarget.
   bool uploadEntry(const std::string& localPath, const std::string& fileTarget,
                    const std::string& directoryTarget);
+  // Announces the file and sends it from where the daemon stands.
   bool sendFile(int file, const std::string& localPath, const std::string& remotePath, long size,
                 int mode, long& sent, long& dotBytes);
-  // Re-sends [position, sent) when the daemon holds less than was sent, or
-  // skips ahead to position when it holds more.
-  void resumeFrom(int file, const std::string& localPath, long position, long size, long& sent);
   // Sends bytes [sent, size), advancing sent; false when aborted.
   bool sendData(int file, const std::string& localPath, long size, long& sent, long& dotBytes);
   // Aborts the run and returns true once the time limit has passed.
