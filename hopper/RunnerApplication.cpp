@@ -99,14 +99,24 @@ void RunnerApplication::initializeAssumingSignalsAreBlocked() {
                              getOption(ARG_TIMEOUT, "") + "\" invalid.");
   }
 
-  if (mNodeList.empty()) {
-    hostsFromClusterManager();
-  } else {
-    hostsFromNodeList();
+  if (!mNodeList.empty()) {
+    for (const std::string& entry : mNodeList) {
+      std::string host = entry;
+      int port = 0;
+      parseHostPort(entry, host, port);
+      std::string address;
+      try {
+        address = TCPSocket::getHostIP(host);
+      } catch (const std::exception& e) {
+        // One unknown host does not stop the run; the others still get it.
+        std::cerr << e.what() << std::endl;
+        continue;
+      }
+      const std::string key = port == 0 ? address : address + ":" + std::to_string(port);
+      mNodeIPToNameMap[key] = entry;
+    }
+    return;
   }
-}
-
-void RunnerApplication::hostsFromClusterManager() {
   if (mCM == nullptr) {
     std::cerr << "A CM or list of hosts is required!" << std::endl;
     usage();
@@ -123,24 +133,6 @@ void RunnerApplication::hostsFromClusterManager() {
     std::cerr << "No hosts found; you may have to use the --platform option." << std::endl;
     usage();
     throw std::runtime_error("");
-  }
-}
-
-void RunnerApplication::hostsFromNodeList() {
-  for (const std::string& entry : mNodeList) {
-    std::string host = entry;
-    int port = 0;
-    parseHostPort(entry, host, port);
-    std::string address;
-    try {
-      address = TCPSocket::getHostIP(host);
-    } catch (const std::exception& e) {
-      // One unknown host does not stop the run; the others still get it.
-      std::cerr << e.what() << std::endl;
-      continue;
-    }
-    const std::string key = port == 0 ? address : address + ":" + std::to_string(port);
-    mNodeIPToNameMap[key] = entry;
   }
 }
 

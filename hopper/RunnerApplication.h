@@ -44,10 +44,6 @@ class RunnerApplication : public Application {
   int32_t mTimeout = -1;                // seconds; -1 when not given
   IPtoNameMap mNodeIPToNameMap;         // address[:port] -> entry as written
   bool mVerbose = false;
-
- private:
-  void hostsFromClusterManager();
-  void hostsFromNodeList();
 };
 
 #endif  // HIVE_HOPPER_RUNNERAPPLICATION_H_

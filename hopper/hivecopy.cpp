@@ -141,28 +141,20 @@ void HiveCopy::initializeAssumingSignalsAreBlocked() {
       std::cerr << errors << std::endl;
       throw std::runtime_error("Aborting upload");
     }
+  } else if (mArgs.size() < 2) {
+    usage();
+    throw std::runtime_error("Missing arguments");
+  } else if (mArgs.size() == 2) {
+    mFilePairs.emplace_back(mArgs[0], mArgs[1]);
   } else {
-    pairsFromArguments();
+    // Several sources land in the last argument under their last components.
+    const std::string target = mArgs.back();
+    for (size_t i = 0; i + 1 < mArgs.size(); ++i) {
+      mFilePairs.emplace_back(mArgs[i], pathConcat(target, lastPathComponent(mArgs[i])));
+    }
   }
   mUploadMgr = std::make_unique<UploadManager>(mNodeIPToNameMap, mVerbose, mStopAgents, mTimeout,
                                                mPlatform, std::cout, std::cerr);
-}
-
-void HiveCopy::pairsFromArguments() {
-  if (mArgs.size() < 2) {
-    usage();
-    throw std::runtime_error("Missing arguments");
-  }
-  if (mArgs.size() == 2) {
-    mFilePairs.emplace_back(mArgs[0], mArgs[1]);
-    return;
-  }
-  // Several sources land in the last argument under their last components.
-  const std::string target = mArgs.back();
-  for (size_t i = 0; i + 1 < mArgs.size(); ++i) {
-    const std::string source = mArgs[i];
-    mFilePairs.emplace_back(source, pathConcat(target, lastPathComponent(source)));
-  }
 }
 
 void HiveCopy::processFileListFile(const char* fileName, FilePairs& pairs, std::string& errors) {

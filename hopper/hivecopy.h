@@ -34,8 +34,6 @@ class HiveCopy : public RunnerApplication {
   void processFileListFile(const char* fileName, FilePairs& pairs, std::string& errors);
 
  private:
-  void pairsFromArguments();
-
   FilePairs mFilePairs;
   std::unique_ptr<UploadManager> mUploadMgr;
 };

@@ -130,15 +130,11 @@ std::vector<XMLTree*> XMLTree::getSubTrees(const std::string& name) {
   return found;
 }
 
-XMLTree* XMLTree::insertChild(const std::string& name, const std::string& value, bool isCDATA) {
+XMLTree* XMLTree::addSubTree(const std::string& name, const std::string& value) {
   // multimap::emplace keeps equal names in insertion order.
   XMLTree* child = mChildren.emplace(name, std::make_unique<XMLTree>())->second.get();
-  child->setValue(value, isCDATA);
+  child->setValue(value);
   return child;
-}
-
-XMLTree* XMLTree::addSubTree(const std::string& name, const std::string& value) {
-  return insertChild(name, value, false);
 }
 
 XMLTree* XMLTree::addSubTree(const std::string& name, unsigned long number) {
@@ -146,7 +142,9 @@ XMLTree* XMLTree::addSubTree(const std::string& name, unsigned long number) {
 }
 
 XMLTree* XMLTree::addCDATA(const std::string& name, const std::string& value) {
-  return insertChild(name, value, true);
+  XMLTree* child = addSubTree(name, value);
+  child->setValue(value, true);
+  return child;
 }
 
 void XMLTree::write(std::ostream& out) const {

@@ -58,8 +58,6 @@ class XMLTree {
  private:
   using Children = std::multimap<std::string, std::unique_ptr<XMLTree>>;
 
-  XMLTree* insertChild(const std::string& name, const std::string& value, bool isCDATA);
-
   Children mChildren;
   // The text is decoded on first read, hence mutable.
   mutable std::string mNodeValue;
