@@ -18,11 +18,6 @@ const char kAccount[] = "brisk:vqmzt";
 const char kServicePath[] = "/quarry/service/";
 const char kHandshakeRequest[] = "handshake.xml?ProtocolVersion=6";
 
-void initializeCurlOnce() {
-  static const bool initialized = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
-  (void)initialized;
-}
-
 template <typename Map>
 void writeCounts(std::ostream& out, const Map& counts) {
   long total = 0;
@@ -40,7 +35,7 @@ double milliseconds(const Ticks& t) { return static_cast<double>(t.nanos()) / 1e
 ClusterManagerConnection::ClusterManagerConnection(int retryInterval, int maxRetries,
                                                    bool retryOnHTTPError)
     : mRetryInterval(retryInterval), mMaxRetries(maxRetries), mRetryOnHTTPError(retryOnHTTPError) {
-  initializeCurlOnce();
+  [[maybe_unused]] static const bool curlReady = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
 }
 
 bool ClusterManagerConnection::fail(const std::string& message, int code, bool fromCM) {
@@ -221,14 +216,10 @@ bool ClusterManagerConnection::reportTransferFailure(CURLcode result, long httpC
     return fail("Unable to connect to CM (timed out): '" + mOrigHost + "'", kConnectTimedOut,
                 false);
   }
-  std::ostringstream message;
-  message << "Sending HTTP command failed with curl error(" << static_cast<int>(result) << "): ";
-  if (result == CURLE_OK) {
-    message << "HTTP code " << httpCode;
-  } else {
-    message << mCurlErrMsg.data();
-  }
-  return fail(message.str(), kTransferFailed, false);
+  const std::string detail =
+      result == CURLE_OK ? "HTTP code " + std::to_string(httpCode) : mCurlErrMsg.data();
+  return fail("Sending HTTP command failed with curl error(" + std::to_string(result) + "): " +
+                  detail, kTransferFailed, false);
 }
 
 size_t ClusterManagerConnection::ReceiveData(char* data, size_t size, size_t count, void* stream) {

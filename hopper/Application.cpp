@@ -91,8 +91,7 @@ void Application::parseArgs(int argc, char** argv) {
   mPathProgramName = argc > 0 ? argv[0] : "";
   mProgramName = lastPathComponent(mPathProgramName);
 
-  std::vector<const char*> args;
-  for (int i = 1; i < argc; ++i) args.push_back(argv[i]);
+  std::vector<const char*> args(argv + (argc > 0 ? 1 : 0), argv + argc);
   GetOpt scanner(args, mShortOptions.c_str(), mOptions);
 
   for (int c = scanner.next(true); c != -1; c = scanner.next(true)) {
@@ -128,5 +127,3 @@ void Application::initialize() {
     throw std::runtime_error("Logfile option requires a log level.");
   }
 }
-
-void Application::terminate() {}

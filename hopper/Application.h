@@ -74,7 +74,7 @@ class Application {
   // /var/log/<program>.log; "" means standard error.
   virtual std::string defaultLogFile() const;
   // Clean-up after run, also after a failure.
-  virtual void terminate();
+  virtual void terminate() {}
   virtual ~Application();
   // Options must precede the positional arguments. An invalid option prints
   // the usage and throws; -h prints it and exits with status 0.

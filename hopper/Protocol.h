@@ -141,24 +141,20 @@ FileInfo readFileInfo(TCPStream& in);
 FilePart readFilePart(TCPStream& in);
 // The next block's length (1 to min(remaining, kMaxRelayBlock)) and checksum.
 int readBlockHeader(TCPStream& in, int64_t remaining, uint32_t& crc);
-// The check items after the code.
 FileCheck readFileCheck(TCPStream& in);
 // The begin items after the code: host set and the stop-agents flag.
 void readBegin(TCPStream& in, std::vector<std::string>& hosts, bool& stopAgents);
 // The upload identifier must be 1 to 64 letters and digits.
 RelayIdentity readRelayIdentity(TCPStream& in);
-// The code that starts every message.
 int readCode(TCPStream& in);
 // The reply to a begin, with the lists and text for BEGIN_SOME_FAILED.
 BeginReply readBeginReply(TCPStream& in);
-// The reply to a file announcement.
 AnnouncementReply readAnnouncementReply(TCPStream& in);
 // An int64 position or size, checked to lie in [0, max].
 int64_t readPosition(TCPStream& in, int64_t max);
 void readAbortReply(TCPStream& in);
 // A RelayReply; an unknown tag throws Wire::LimitError.
 RelayMessage readRelayReply(TCPStream& in, const std::string& host);
-// The reply to H2H_LAST_FILE.
 LastFile readLastFileReply(TCPStream& in);
 // The daemon `host`'s reply after a file's data or a commit: its error
 // lines, "" for none. One over the string bound is read past and replaced by

@@ -135,5 +135,3 @@ void RunnerApplication::initializeAssumingSignalsAreBlocked() {
     throw std::runtime_error("");
   }
 }
-
-void RunnerApplication::processSignals() {}

@@ -32,7 +32,7 @@ class RunnerApplication : public Application {
   // CM. A malformed --hosts exits with status 2; other failures throw.
   virtual void initializeAssumingSignalsAreBlocked();
   // Binds the shutdown signals to the tool's handling.
-  virtual void processSignals();
+  virtual void processSignals() {}
 
  protected:
   System::OSID mPlatform = System::OS_NONE;

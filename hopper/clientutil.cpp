@@ -12,22 +12,18 @@ const int kAttemptsPerRequest = 6;
 const int kDefaultCMPort = 8031;
 const int kTransferTimeoutSeconds = 60;
 
-// The filter is sent as it stands: it is written already URL-encoded.
-std::string agentListRequest(System::OSID osid, bool goodHostsOnly) {
-  std::string request = "agent_list.xml?ShowAll=1&Filter=agentOSID=" + std::to_string(osid);
-  if (goodHostsOnly) request += "%20and%20agentEnabled=1%20and%20agentStatus=1";
-  return request;
-}
-
 }  // namespace
 
 bool populateNodeMap(const std::string& cm, System::OSID osid,
                      std::map<std::string, std::string>& hosts, bool goodHostsOnly,
                      qysec::Provider* provider) {
   ClusterManagerConnection connection(kRetryIntervalMs, kAttemptsPerRequest, true);
+  // The filter is sent as it stands: it is written already URL-encoded.
+  std::string request = "agent_list.xml?ShowAll=1&Filter=agentOSID=" + std::to_string(osid);
+  if (goodHostsOnly) request += "%20and%20agentEnabled=1%20and%20agentStatus=1";
   XMLTree reply;
   if (!connection.connect(cm, kDefaultCMPort, provider, kTransferTimeoutSeconds) ||
-      !connection.sendHTTPMessage(agentListRequest(osid, goodHostsOnly), reply, nullptr)) {
+      !connection.sendHTTPMessage(request, reply, nullptr)) {
     std::cerr << "Error while requesting the host list from CM: " << connection.getError() << "\n";
     std::cerr.flush();
     return false;

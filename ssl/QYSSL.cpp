@@ -21,12 +21,6 @@ const char kStrongCiphers[] =
     "ECDHE-ECDSA-CHACHA20-POLY1305:ECDHE-RSA-CHACHA20-POLY1305";
 const char kCurve[] = "prime256v1";
 
-void initializeLibraryOnce() {
-  static const bool initialized =
-      OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
-  (void)initialized;
-}
-
 std::string errorText(unsigned long code) {
   char buf[256];
   ERR_error_string_n(code, buf, sizeof buf);
@@ -95,7 +89,8 @@ int SSLSocket::read(void* data, int length) {
 bool SSLSocket::isReadable() { return SSL_pending(mImpl.get()) > 0; }
 
 SSLProvider::SSLProvider(bool requireTrustedCerts) : mRequireTrustedCerts(requireTrustedCerts) {
-  initializeLibraryOnce();
+  [[maybe_unused]] static const bool libraryReady =
+      OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
   const SSL_METHOD* method = TLS_method();
   if (method == nullptr) throw std::runtime_error("TLSv1_2_method");
   mImpl.reset(SSL_CTX_new(method));

@@ -71,14 +71,9 @@ void XMLTree::setValue(const std::string& value, bool isCDATA) {
   }
 }
 
-void XMLTree::clearValue() {
-  mNodeValue.clear();
-}
-
 void XMLTree::clear() {
   mChildren.clear();
   mNodeValue.clear();
-  mEscapedNodeValue.clear();
   mDirty = false;
   mCDATA.clear();
   mIsCDATA = false;

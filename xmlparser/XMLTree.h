@@ -21,7 +21,7 @@ class XMLTree {
   // becomes a CDATA node whose read-back form is "<![CDATA[" value "]]>".
   void setValue(const std::string& value, bool isCDATA = false);
   // Empties the node's text.
-  void clearValue();
+  void clearValue() { mNodeValue.clear(); }
   // Removes every child and the node's text; the node is no longer CDATA.
   void clear();
   // Appends one raw byte to the node's text.
