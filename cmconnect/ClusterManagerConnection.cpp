@@ -35,7 +35,8 @@ double milliseconds(const Ticks& t) { return static_cast<double>(t.nanos()) / 1e
 ClusterManagerConnection::ClusterManagerConnection(int retryInterval, int maxRetries,
                                                    bool retryOnHTTPError)
     : mRetryInterval(retryInterval), mMaxRetries(maxRetries), mRetryOnHTTPError(retryOnHTTPError) {
-  [[maybe_unused]] static const bool curlReady = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
+  [[maybe_unused]] static const bool curlReady =
+      curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
 }
 
 bool ClusterManagerConnection::fail(const std::string& message, int code, bool fromCM) {

@@ -51,8 +51,6 @@ class ClusterManagerConnection {
   // |retryOnHTTPError| retries replies with a status other than 200.
   ClusterManagerConnection(int retryInterval, int maxRetries, bool retryOnHTTPError);
   virtual ~ClusterManagerConnection() = default;
-  ClusterManagerConnection(const ClusterManagerConnection&) = delete;
-  ClusterManagerConnection& operator=(const ClusterManagerConnection&) = delete;
 
   // A new handle for |host| (its own ":port" overrides |port|), then the
   // handshake. |provider| (may be null) selects https unless named "http";

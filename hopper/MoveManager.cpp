@@ -68,9 +68,7 @@ void MoveManager::reportBadNodesByIP(const BadNodeList& badNodes) {
 }
 
 void MoveManager::reportBadNodeByIP(const std::string& host, int code) {
-  std::ostringstream line;
-  genBadNodeErrMsg(line, mClientHostName, std::make_pair(host, code));
-  writeMassaged(line.str());
+  reportBadNodesByIP({{host, code}});
 }
 
 void MoveManager::reportBusyNodesByIP(const BusyNodeList& busyNodes) {

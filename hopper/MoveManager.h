@@ -19,8 +19,7 @@ using IPtoNameMap = std::map<std::string, std::string>;
 
 class MoveManager {
  public:
-  // Every identifier of hosts is a target; timeout in seconds (-1: none);
-  // out and err are not owned.
+  // Every host identifier is a target; timeout in s (-1: none); out, err not owned.
   MoveManager(const IPtoNameMap& hosts, bool verboseMode, bool stopAgents, int timeout,
               System::OSID targetOSID, std::ostream& out, std::ostream& err);
   virtual ~MoveManager() = default;
@@ -34,8 +33,7 @@ class MoveManager {
   // Throws std::runtime_error with the recorded reason, if any. Thread-safe.
   void abortCheck();
 
-  // Throws std::runtime_error "Remote path \"<path>\" must be an absolute
-  // path!" unless remotePath is absolute.
+  // Throws "Remote path \"<path>\" must be an absolute path!" if it is not.
   void checkAbsolutePath(const std::string& remotePath) const;
 
   // Replaces every host identifier in text by its name, in ascending order.
@@ -47,8 +45,7 @@ class MoveManager {
   // "<host>: Server busy", one line per host.
   void reportBusyNodesByIP(const BusyNodeList& busyNodes);
 
-  // For terminating signals: "User signal received: <name>." on standard
-  // error, then abort.
+  // On a terminating signal: "User signal received: <name>." on stderr, then abort.
   SignalProcessing::Callback terminalSignalProcessor();
 
   const NodeSet& nodeSet() const { return mNodeIPSet; }

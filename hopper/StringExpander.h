@@ -1,8 +1,6 @@
-// Expansion of the host patterns given to --hosts. A word may hold range and
-// list patterns in brackets or braces ("host[1-3]", "host[5,7]",
-// "host-{a-c}"), which do not nest; several patterns give every combination,
-// the rightmost varying fastest. Malformed patterns raise std::runtime_error
-// with a text for the user.
+// Expansion of --hosts patterns: "host[1-3]", "host[5,7]", "host-{a-c}"
+// (no nesting); several give every combination, the rightmost varying
+// fastest. Malformed patterns raise std::runtime_error with a user's text.
 #ifndef HIVE_HOPPER_STRINGEXPANDER_H_
 #define HIVE_HOPPER_STRINGEXPANDER_H_
 
@@ -17,8 +15,7 @@ class MultiBaseCounter {
  public:
   // All digits 0 and valid; throws std::runtime_error when any base is 0.
   explicit MultiBaseCounter(const std::vector<uint64_t>& bases);
-  // The next combination; stepping past the maximum (or any step without
-  // digits) makes the counter invalid instead.
+  // The next combination; past the maximum the counter becomes invalid.
   MultiBaseCounter& operator++();
   uint64_t operator[](size_t i) const { return mDigits[i]; }
   size_t size() const { return mDigits.size(); }

@@ -36,13 +36,11 @@ class UploadManager : public MoveManager {
 
   using MoveManager::MoveManager;
 
-  // Where connections go (null: TCP) and what sources are read through;
-  // neither is owned.
+  // Where connections go (null: TCP) and sources are read from; not owned.
   void setConnector(Connector* connector) { mConnector = connector; }
   void setFileSystem(FileSystem* fs) { mFS = fs; }
 
-  // Every local path must exist and every remote path be absolute; throws
-  // std::runtime_error naming the first that is not.
+  // Throws std::runtime_error naming the first missing source or relative target.
   void validatePaths(const FilePairs& pairs) const;
 
   // Connects to the first usable host as the new head, reporting (and
@@ -55,8 +53,7 @@ class UploadManager : public MoveManager {
   // moving on while a head cannot take it. Connected unless aborted.
   void beginUpload();
 
-  // Sends one file (size bytes, permission bits mode) to remotePath.
-  // Returns true when every daemon stored it.
+  // Sends one file (permission bits mode); true when every daemon stored it.
   bool uploadFile(const std::string& localPath, const std::string& remotePath, long size, int mode);
   // Sends a tree into remoteDir joined with localDir's last component (none
   // when localDir ends in '/'). True when every entry succeeded; skipped

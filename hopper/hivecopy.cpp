@@ -123,8 +123,7 @@ void readFileList(std::istream& in, const std::string& fileName, FilePairs& pair
 void HiveCopy::usage() {
   std::cout << kUsageHeader;
   RunnerApplication::usage();
-  std::cout << kUsageTail;
-  std::cout.flush();
+  std::cout << kUsageTail << std::flush;
 }
 
 void HiveCopy::initializeAssumingSignalsAreBlocked() {

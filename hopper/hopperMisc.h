@@ -36,9 +36,8 @@ enum ResumeUploadStatus {
   // any other value: the file is refused, a text follows
 };
 
-// Connects and asks with C2H_NEW_GET_VERSION: the daemon's protocol, or -1
-// (stream closed) when it did not answer "OK". timeoutMs covers connect and
-// reply; throws "Handshake timed out." when it runs out.
+// Connects and asks with C2H_NEW_GET_VERSION: the daemon's protocol, or -1 (stream
+// closed) without "OK". Throws "Handshake timed out." past timeoutMs.
 int connectToHopperNew(TCPStream& stream, const std::string& host, int port, int timeoutMs);
 
 // The same with the old request, for daemons that predate the new one.

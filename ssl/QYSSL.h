@@ -59,8 +59,6 @@ class SSLSocket : public Socket {
   // |session| has completed its handshake.
   explicit SSLSocket(SessionPtr session);
   ~SSLSocket() override;
-  SSLSocket(const SSLSocket&) = delete;
-  SSLSocket& operator=(const SSLSocket&) = delete;
 
   // A renegotiation request from the peer is refused with a runtime error.
   int write(const void* data, int length) override;
@@ -79,8 +77,6 @@ class SSLProvider : public Provider {
  public:
   // Throws std::runtime_error naming the failing step.
   explicit SSLProvider(bool requireTrustedCerts);
-  SSLProvider(const SSLProvider&) = delete;
-  SSLProvider& operator=(const SSLProvider&) = delete;
 
   std::unique_ptr<Socket> accept(int fd) override;
   std::unique_ptr<Socket> connect(int fd) override;

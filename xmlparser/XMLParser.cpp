@@ -46,7 +46,11 @@ class Parse {
         ++mPos;
         markup();
       } else if (outsideRoot()) {
-        outsideText(c);
+        if (!XMLParser::isWhitespace(c)) {
+          parserError(mRootSeen ? "Found text after the root element"
+                                : "Looking for a < and found a non-whitespace character");
+        }
+        ++mPos;
       } else if (c == '&') {
         entity();
       } else {
@@ -65,14 +69,6 @@ class Parse {
   };
 
   bool outsideRoot() const { return mOpen.size() == 1; }
-
-  void outsideText(char c) {
-    if (!XMLParser::isWhitespace(c)) {
-      parserError(mRootSeen ? "Found text after the root element"
-                            : "Looking for a < and found a non-whitespace character");
-    }
-    ++mPos;
-  }
 
   // Called just after a '<'.
   void markup() {
