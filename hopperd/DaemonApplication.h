@@ -1,6 +1,4 @@
-// The daemon program: its switches, the start-up (logging, the journals
-// left by an earlier run, the listening socket, the shutdown signals), the
-// serving loop and an orderly stop.
+// The daemon program: its switches, start-up, serving loop and orderly stop.
 #ifndef HIVE_HOPPERD_DAEMONAPPLICATION_H_
 #define HIVE_HOPPERD_DAEMONAPPLICATION_H_
 
@@ -12,7 +10,6 @@
 
 class DaemonApplication : public Application {
  public:
-  // Option identifiers of the daemon alone, after the shared ones.
   enum DaemonOptionID {
     ARG_PORT = 600,
     ARG_BIND,
@@ -33,18 +30,14 @@ class DaemonApplication : public Application {
   void usage() override;
   // The switches; a positional argument prints the usage and throws.
   void parseArgs(int argc, char** argv) override;
-  // Standard error when systemd started us (its journal keeps it), else
-  // /var/log/hopperd.log.
+  // Standard error under systemd, else /var/log/hopperd.log.
   std::string defaultLogFile() const override;
-  // Logging, --version, signal blocking, the settings (a faulty switch
-  // throws with its message), journal clean-up, listening, signal dispatch
-  // (the shutdown signals stop the server; SIGHUP reopens the log file).
+  // Logging, --version, settings, journal clean-up, listening and signals
+  // (shutdown ones stop the server; SIGHUP reopens the log file).
   void initialize() override;
-  // Stops the signal dispatcher and the server.
   void terminate() override;
 
-  // The settings the switches describe; throws std::runtime_error naming
-  // the faulty switch.
+  // The settings; throws std::runtime_error naming a faulty switch.
   DaemonConfig readConfig() const;
 
  private:

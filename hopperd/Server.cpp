@@ -96,8 +96,7 @@ bool Server::stopWorkers(long waitMs) {
   }
   if (mWorkers.empty()) return true;
   HC_LOG_INFO(mWorkers.size() << " connections still busy at shutdown; not waiting for them");
-  // Each thread holds its connection (and the session table through it)
-  // by shared pointers taken at start; the process exits right after.
+  // The process exits right after; each thread holds what it uses.
   for (Worker& worker : mWorkers) worker.mThread.detach();
   mWorkers.clear();
   return false;

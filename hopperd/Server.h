@@ -1,8 +1,7 @@
-// The daemon's accept loop: one thread per accepted connection (up to the
-// configured caps, in all and per peer address; more are closed at once),
-// peers outside the allow list closed and logged, orphaned sessions
-// discarded when their resume window passes, and an orderly stop that aborts
-// the session on this host within a bounded time.
+// The daemon's accept loop: one thread per connection (up to the caps, in
+// all and per peer; peers beyond them or outside the allow list are closed
+// and logged), orphans discarded when their resume window passes, and a
+// stop that discards the session within a bounded time.
 #ifndef HIVE_HOPPERD_SERVER_H_
 #define HIVE_HOPPERD_SERVER_H_
 
@@ -28,13 +27,11 @@ class Server {
   void listen();
   // The port listened on (useful with port 0).
   int port() const { return mListener.getListenerPort(); }
-  // Serves until stop(); then discards the session on this host and ends
-  // every connection. Returns true once their threads have finished, false
-  // when some were still busy after kStopWaitMs (the caller exits anyway:
-  // the journal clean-up at the next start removes what they staged).
+  // Serves until stop(), then discards the session and ends every
+  // connection. False when some were still busy after kStopWaitMs.
   bool run();
   static const long kStopWaitMs = 1500;
-  // Asks run() to return; callable from any thread (the signal dispatcher).
+  // Asks run() to return; from any thread.
   void stop() { mStopping = true; }
 
  private:
@@ -45,7 +42,6 @@ class Server {
     std::shared_ptr<std::atomic<bool>> mDone;
   };
   void serve(std::unique_ptr<TCPSocket> socket);
-  // Joins finished workers.
   void joinFinished();
   // Interrupts every worker and joins those that end within waitMs; the
   // others are detached. True when all ended.

@@ -70,7 +70,7 @@ TEST_F(TargetPathTest, RefusesPathsOutsideTheRootOrTheAllowedPrefixes) {
 TEST_F(TargetPathTest, ChoosesTargetAndCreatesParents) {
   const TargetPath paths(root, {});
   EXPECT_EQ(refusal(paths, "/opt/existing", "f"), "");  // into an existing directory
-  EXPECT_EQ(result.mLocal, root + "/opt/existing/f");
+  EXPECT_EQ(result.mTarget, "/opt/existing/f");
   EXPECT_EQ(refusal(paths, "/opt/new/sub/", "f"), "");  // a trailing '/' names a directory
   EXPECT_EQ(result.mTarget, "/opt/new/sub/f");
   EXPECT_EQ(result.mCreatedDirs, (std::vector<std::string>{"/opt/new", "/opt/new/sub"}));
