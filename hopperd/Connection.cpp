@@ -1,8 +1,7 @@
 #include "hopperd/Connection.h"
 
 #include <algorithm>
-#include <iomanip>
-#include <sstream>
+#include <cstdio>
 
 #include "util/CRC.h"
 #include "util/Logger.h"
@@ -16,9 +15,9 @@ const int kGatherMs = 1;
 static_assert(kDataBlock >= size_t(kMaxRelayBlock), "a relayed block fits the buffer");
 
 std::string hex(int code) {
-  std::ostringstream text;
-  text << "0x" << std::hex << std::setw(8) << std::setfill('0') << static_cast<unsigned>(code);
-  return text.str();
+  char text[11];
+  std::snprintf(text, sizeof text, "0x%08x", static_cast<unsigned>(code));
+  return text;
 }
 
 }  // namespace
@@ -123,9 +122,13 @@ bool Connection::handle(int code) {
       Protocol::writeOldVersionReply(mStream);
       sendReply();
       return true;
-    case C2H_NEW_GET_VERSION:
-      handleNewVersion();
+    case C2H_NEW_GET_VERSION: {
+      const int clientProtocol = Protocol::readVersionRequest(mStream);
+      HC_LOG_DEBUG("Handshake from " << mPeer << ", protocol " << clientProtocol);
+      Protocol::writeVersionReply(mStream);
+      sendReply();
       return true;
+    }
     case H2H_RELAY_IDENTITY:
       mIdentity = Protocol::readRelayIdentity(mStream);
       return true;
@@ -161,13 +164,6 @@ bool Connection::handle(int code) {
                   << "; connection closed");
       return false;
   }
-}
-
-void Connection::handleNewVersion() {
-  const int clientProtocol = Protocol::readVersionRequest(mStream);
-  HC_LOG_DEBUG("Handshake from " << mPeer << ", protocol " << clientProtocol);
-  Protocol::writeVersionReply(mStream);
-  sendReply();
 }
 
 void Connection::handleBegin() {

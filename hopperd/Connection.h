@@ -32,7 +32,6 @@ class Connection : public SessionOwner, public std::enable_shared_from_this<Conn
   void sendReply();
   // False ends the connection.
   bool handle(int code);
-  void handleNewVersion();
   void handleBegin();
   void handleFile();
   void handlePart();

@@ -37,22 +37,18 @@ Application::OptionID id(DaemonApplication::DaemonOptionID option) {
   return static_cast<Application::OptionID>(option);
 }
 
-// When the switch was given, its value, a whole decimal number in [min, max],
-// goes to number; else an error names the switch.
+// A given switch's value, a decimal number in [min, max], goes to number.
 void readNumber(const Application& app, DaemonApplication::DaemonOptionID option,
                 const char* name, int min, int max, int& number) {
   if (!app.wasOptionPresent(id(option))) return;
   const std::string text = app.getOption(id(option), "");
-  long value = 0;
-  bool ok = !text.empty() && text.size() <= 9;
-  for (char c : text) {
-    ok = ok && c >= '0' && c <= '9';
-    if (ok) value = value * 10 + (c - '0');
-  }
-  if (!ok || value < min || value > max) {
+  const bool digits = !text.empty() && text.size() <= 9 &&
+                      text.find_first_not_of("0123456789") == std::string::npos;
+  const int value = digits ? std::stoi(text) : -1;  // min is never negative
+  if (value < min || value > max) {
     throw std::runtime_error(std::string("Invalid value for --") + name + ": " + text);
   }
-  number = static_cast<int>(value);
+  number = value;
 }
 
 void requireDirectory(const char* name, const std::string& path, bool create) {
@@ -128,8 +124,7 @@ void DaemonApplication::initialize() {
     std::cout << getVersionString();
     return;
   }
-  // Before any thread exists, so that every thread inherits the mask and
-  // only the dispatcher receives the shutdown signals.
+  // Before any thread exists, so that only the dispatcher gets the signals.
   Ticks::currentTime();
   SignalProcessing::block(System::sDaemonShutdownSignals);
   SignalProcessing::block({SIGHUP});
@@ -171,8 +166,7 @@ void DaemonApplication::parseArgs(int argc, char** argv) {
 
 int DaemonApplication::run() {
   if (mServer && !mServer->run()) {
-    // Threads still blocked (a command, a disk) hold the server's state;
-    // leave without tearing it down under them.
+    // Threads still blocked hold the server's state: do not tear it down.
     HC_LOG_INFO("Exiting with connections still busy");
     std::_Exit(0);
   }

@@ -80,14 +80,6 @@ void Downstream::close() {
   mStopReader = false;
 }
 
-std::vector<std::string> Downstream::remainingFrom(size_t index) const {
-  std::vector<std::string> hosts;
-  for (size_t i = index; i < mCandidates.size(); ++i) {
-    if (!mDropped.count(mCandidates[i])) hosts.push_back(mCandidates[i]);
-  }
-  return hosts;
-}
-
 bool Downstream::connect(const std::vector<std::string>& candidates, bool stopAgents,
                          BeginResult& result, const std::function<bool()>& abandoned) {
   close();
@@ -134,8 +126,12 @@ Downstream::Outcome Downstream::tryLink(size_t index, BeginResult& result) {
     mStream->socket().setKeepAlive(true);
     // The host links its own next host before it answers the begin.
     mStream->socket().setStallHandler([this] { return hostStillAnswers(); });
+    std::vector<std::string> remaining;
+    for (size_t i = index; i < mCandidates.size(); ++i) {
+      if (!mDropped.count(mCandidates[i])) remaining.push_back(mCandidates[i]);
+    }
     Protocol::writeRelayIdentity(*mStream, mIdentity);
-    Protocol::writeBegin(*mStream, remainingFrom(index), mStopAgents);
+    Protocol::writeBegin(*mStream, remaining, mStopAgents);
     mStream->flush();
     BeginReply reply = Protocol::readBeginReply(*mStream);
     if (reply.mStatus != BEGIN_OK && reply.mStatus != BEGIN_SOME_FAILED) {
@@ -211,11 +207,6 @@ bool Downstream::replyOverdue() {
   return hostStillAnswers();
 }
 
-void Downstream::checkLink() {
-  Mutex::Lock lock(mMutex);
-  if (mBroken) throw LinkLost("relay link lost");
-}
-
 bool Downstream::sendFinal(void (*write)(TCPStream&)) {
   return onLink([this, write] {
     {
@@ -227,20 +218,14 @@ bool Downstream::sendFinal(void (*write)(TCPStream&)) {
   });
 }
 
-std::string Downstream::awaitFinal() {
-  Mutex::Lock lock(mMutex);
-  mChanged.wait(lock, [this] { return mFinalsArrived >= mFinalsSent || mBroken; });
-  if (mFinalsArrived < mFinalsSent) throw LinkLost("relay link lost before its reply");
-  return mFinalReply;
-}
-
 std::string Downstream::finalReply(void (*write)(TCPStream&)) {
   for (size_t attempt = 0; linked() && attempt <= mCandidates.size(); ++attempt) {
-    try {
-      return awaitFinal();
-    } catch (const LinkLost&) {
-      if (!reroute() || !sendFinal(write)) break;
+    {
+      Mutex::Lock lock(mMutex);
+      mChanged.wait(lock, [this] { return mFinalsArrived >= mFinalsSent || mBroken; });
+      if (mFinalsArrived >= mFinalsSent) return mFinalReply;
     }
+    if (!reroute() || !sendFinal(write)) break;
   }
   return "";
 }
@@ -270,7 +255,10 @@ bool Downstream::onLink(const Step& step) {
   if (!ensureLinked()) return false;
   for (size_t attempt = 0; attempt <= mCandidates.size(); ++attempt) {
     try {
-      checkLink();
+      {
+        Mutex::Lock lock(mMutex);
+        if (mBroken) throw LinkLost("relay link lost");
+      }
       step();
       return true;
     } catch (const LinkLost&) {
@@ -357,7 +345,6 @@ void Downstream::resync(int64_t lastSeq, int64_t lastBytes) {
     if (!sendFromCopy(file.mCopy, file.mInfo.mRemotePath, to, error)) throw LinkLost(error);
     if (file.mCheck && to == file.mInfo.mSize) Protocol::writeFileCheck(*mStream, *file.mCheck);
   }
-  if (mPartState == STREAMING) mPartState = PENDING;
   mStream->flush();
 }
 

@@ -94,7 +94,6 @@ class Downstream {
   std::unique_ptr<TCPStream> newStream();
   // Stall handler: wait once more while the host answers a handshake.
   bool hostStillAnswers();
-  std::vector<std::string> remainingFrom(size_t index) const;
   // Drops the lost host and links to the next one. True when linked.
   bool reroute();
   // Links to the first host from index from on; failures count as lost.
@@ -108,14 +107,10 @@ class Downstream {
   // Stall handler of the reader: silence is fine unless a reply is owed.
   bool replyOverdue();
   void startReader();
-  // Throws LinkLost once the reader has found the link broken.
-  void checkLink();
   // Sends a commit or abort and counts its reply as owed.
   bool sendFinal(void (*write)(TCPStream&));
-  // Waits for the replies owed on this link; the last one's text.
-  std::string awaitFinal();
-  // awaitFinal(), rerouting and sending write's message again when the link
-  // breaks. "" when no host is left.
+  // Waits for the replies owed, rerouting and sending write's message again
+  // when the link breaks; the last reply's text, "" when no host is left.
   std::string finalReply(void (*write)(TCPStream&));
 
   // Sends a new host every file from the one it took last.

@@ -329,7 +329,6 @@ std::vector<Session::Entry*> Session::prepareForCommit(std::string& errors) {
   // One descriptor per file system holding staged files, to flush each once.
   std::map<int64_t, System::FileDescriptor> fileSystems;
   std::vector<Entry*> ready;
-  // Each run of files in one directory costs one fresh walk to it.
   std::string directory;
   System::FileDescriptor parent;
   for (const auto& entry : mEntries) {
@@ -341,13 +340,8 @@ std::vector<Session::Entry*> Session::prepareForCommit(std::string& errors) {
       error = file.remoteTarget() + ": incomplete, " + std::to_string(file.size()) + " of " +
               std::to_string(entry->mInfo.mSize) + " bytes received";
     } else if (!entry->mFailed) {
-      if (TargetPath::directoryOf(file.remoteTarget()) != directory || !parent) {
-        directory = TargetPath::directoryOf(file.remoteTarget());
-        parent = mTargets.openParent(file.remoteTarget(), error);
-        if (!parent) error = file.remoteTarget() + ": " + error;
-      }
-      prepared = parent && file.prepare(parent.get(), entry->mInfo.mSize, entry->mInfo.mMode,
-                                        error, attrs);
+      prepared = walkTo(file, directory, parent, error) &&
+                 file.prepare(parent.get(), entry->mInfo.mSize, entry->mInfo.mMode, error, attrs);
     }
     if (prepared && !fileSystems.count(attrs.mFSID.mDevice)) {
       System::FileDescriptor fd = file.openStaged(parent.get());
@@ -373,9 +367,17 @@ std::vector<Session::Entry*> Session::prepareForCommit(std::string& errors) {
   return ready;
 }
 
+bool Session::walkTo(const StagedFile& file, std::string& directory,
+                     System::FileDescriptor& parent, std::string& error) const {
+  const std::string dir = TargetPath::directoryOf(file.remoteTarget());
+  if (dir == directory && parent) return true;
+  directory = dir;
+  parent = mTargets.openParent(file.remoteTarget(), error);
+  if (!parent) error = file.remoteTarget() + ": " + error;
+  return bool(parent);
+}
+
 void Session::moveIntoPlace(const std::vector<Entry*>& ready, std::string& errors) {
-  // Files of one directory mostly come together: each run of them costs one
-  // walk to the directory and one flush of it after its renames.
   std::string directory;
   System::FileDescriptor parent;
   const auto flushDirectory = [&] {
@@ -387,13 +389,8 @@ void Session::moveIntoPlace(const std::vector<Entry*>& ready, std::string& error
   for (Entry* entry : ready) {
     StagedFile& file = *entry->mFile;
     std::string error;
-    if (TargetPath::directoryOf(file.remoteTarget()) != directory || !parent) {
-      flushDirectory();
-      directory = TargetPath::directoryOf(file.remoteTarget());
-      parent = mTargets.openParent(file.remoteTarget(), error);
-      if (!parent) error = file.remoteTarget() + ": " + error;
-    }
-    if (!parent || !file.moveInto(parent.get(), error)) {
+    if (TargetPath::directoryOf(file.remoteTarget()) != directory) flushDirectory();
+    if (!walkTo(file, directory, parent, error) || !file.moveInto(parent.get(), error)) {
       Protocol::appendLines(errors, line(error));
       file.discard();
     }

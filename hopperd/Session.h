@@ -98,6 +98,10 @@ class Session {
   bool resumable(const Entry* entry, const FileInfo& info) const;
   void keepCreatedDirs(const std::vector<std::string>& dirs);
   void runCommand(const std::string& command, std::string& errors);
+  // The parent of file's target: parent while it is directory's (files of
+  // one directory come together), else a fresh walk. False with error.
+  bool walkTo(const StagedFile& file, std::string& directory, System::FileDescriptor& parent,
+              std::string& error) const;
   // Commit costs one flush per file system and per directory: the complete
   // copies on flushed file systems...
   std::vector<Entry*> prepareForCommit(std::string& errors);

@@ -1,7 +1,6 @@
 #include "hopperd/SessionTable.h"
 
 #include <algorithm>
-#include <cinttypes>
 #include <cstdio>
 #include <random>
 
@@ -12,12 +11,8 @@ SessionTable::SessionTable(const DaemonConfig& config) : mConfig(config) {}
 
 std::string SessionTable::newSessionId() {
   std::random_device random;
-  std::string id;
-  char part[9];
-  for (int i = 0; i < 4; ++i) {
-    std::snprintf(part, sizeof part, "%08" PRIx32, uint32_t(random()));
-    id += part;
-  }
+  char id[33];
+  std::snprintf(id, sizeof id, "%08x%08x%08x%08x", random(), random(), random(), random());
   return id;
 }
 
