@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <memory>
 
-#include "hopperd/Journal.h"
 #include "hopperd/Session.h"
 #include "hopperd/StagedFile.h"
 #include "support/TempDir.h"
@@ -18,34 +17,32 @@ const std::string kSession = "0123456789abcdef0123456789abcdef";
 
 // A session of this host alone under dir/root, journaling in dir/state.
 struct LocalSession {
-  explicit LocalSession(const TempDir& dir, FileSystem* files = FileSystem::posix())
+  explicit LocalSession(const TempDir& dir, FileSystem* files = FileSystem::posix(),
+                        const std::string& allowedPaths = "")
       : root(dir.file("root")) {
     fs::create_directories(root);
     fs::create_directories(dir.file("state"));
     config.mRoot = root;
     config.mStateDir = dir.file("state");
     config.mFileSystem = files;
+    config.mAllowedPaths = TargetPath::parsePrefixes(allowedPaths);
     session = std::make_unique<Session>(kSession, std::vector<std::string>{"self"}, "127.0.0.1",
                                         config);
     reconnect();
   }
-  void reconnect() {  // what a client's begin after a reconnect does
+  void reconnect(bool stopAgents = false) {  // what a client's begin after a reconnect does
     BeginResult ignored;
-    session->begin({"self"}, false, ignored, [] { return false; });
+    session->begin({"self"}, stopAgents, ignored, [] { return false; });
   }
-  // Announces a file; the position to send from, or -1.
-  int64_t open(const std::string& remote, const std::string& base, int64_t size, int mode = 0644) {
+  // Announces a file: the position to send from, or -1 with the refusal.
+  int64_t open(const FileInfo& info, std::string& refusal) {
     int64_t start = -1;
-    std::string refusal;
-    return session->openFile(FileInfo{size, base, remote, mode}, start, refusal) ? start : -1;
+    return session->openFile(info, start, refusal) ? start : -1;
   }
-  // Sends a whole file; its refusal or its reply.
+  // Sends a whole file: its refusal or its reply.
   std::string send(const std::string& remote, const std::string& base, const std::string& bytes) {
-    int64_t start = -1;
     std::string refusal;
-    if (!session->openFile(FileInfo{int64_t(bytes.size()), base, remote, 0644}, start, refusal)) {
-      return refusal;
-    }
+    if (open(FileInfo{int64_t(bytes.size()), base, remote, 0644}, refusal) < 0) return refusal;
     session->fileData(bytes.data(), bytes.size());
     return session->closeFile();
   }
@@ -54,8 +51,7 @@ struct LocalSession {
   std::unique_ptr<Session> session;
 };
 
-// A file system that fails one kind of call on the files whose names hold
-// "victim".
+// Fails one kind of call on the files whose names hold "victim".
 class FaultyFileSystem : public FileSystem {
  public:
   enum Fault { NONE, DISK_FULL, SHORT_WRITE, FLIPPED_BYTE, FAILED_MKDIR, FAILED_RENAME, FAILED_FLUSH };
@@ -107,47 +103,99 @@ TEST(StagingTest, NamesSharingALongPrefixOrAHashKeepTheirOwnBytes) {
   EXPECT_EQ(TempDir::read(local.root + "/d/" + shared + "-two"), "two!!");
   EXPECT_EQ(TempDir::read(local.root + "/d/t"), "t1");
   EXPECT_EQ(filesUnder(local.root, true), std::vector<std::string>{taken});
-  EXPECT_LE(StagedFile::nameFor(shared, std::string(64, 'f'), 999).size(), 255u);
 }
 
-// What changes under a staged copy before commit fails its file alone,
-// leaving the target as it was: the copy lost, cut short, or its directory
-// swapped for a link to elsewhere (the commit walks to it afresh).
-TEST(StagingTest, AStagedCopyLostCutShortOrMovedFailsItsFileAlone) {
+// Every refusal comes before anything is made; a link is never followed,
+// and a link to a directory is no directory.
+TEST(StagingTest, RefusesPathsOutsideTheRootOrTheAllowedPrefixes) {
+  TempDir dir;
+  LocalSession local(dir, FileSystem::posix(), "/opt/, /srv/data");
+  const std::string outside = dir.file("outside"), longest(255, 'n'), tooLong(256, 'n');
+  fs::create_directories(local.root + "/opt/existing");
+  fs::create_directories(outside);
+  TempDir::write(local.root + "/opt/plain", "x");
+  fs::create_directory_symlink(outside, local.root + "/opt/escape");
+  fs::create_symlink(outside + "/f", local.root + "/opt/link");
+  const struct {
+    std::string remote, base, refusal;  // refusal: part of the reply; "" accepted
+  } cases[] = {
+      {"/opt/../etc/passwd", "f", "must be absolute and free of \"..\""},
+      {"relative/x", "f", "must be absolute"},
+      {"/optional/x", "f", "lies outside the allowed paths"},  // a prefix is whole components
+      {"/opt/escape/sub/f", "f", "/opt/escape: " + System::errorText(ELOOP)},
+      {"/opt/escape/f", "f", "/opt/escape: " + System::errorText(ELOOP)},
+      {"/opt/escape", "f", "/opt/escape: " + System::errorText(ELOOP)},
+      {"/opt/link", "f", "/opt/link: " + System::errorText(ELOOP)},
+      {"/opt/plain/sub/x", "f", "/opt/plain/sub/x: /opt/plain: Not a directory"},
+      {"/opt/", "existing", "/opt/existing: Is a directory"},
+      {"/opt/fits/" + longest, "f", ""},
+      {"/opt/new/" + tooLong + "/f", "f", "too long"},
+      {"/opt/new/", tooLong, "too long"},
+      {"//srv/./data//x", "f", ""},
+  };
+  for (const auto& c : cases) {
+    const std::string reply = local.send(c.remote, c.base, "new");
+    EXPECT_TRUE(c.refusal.empty() ? reply.empty() : reply.find(c.refusal) != std::string::npos)
+        << c.remote << ": " << reply;
+  }
+  EXPECT_EQ(local.session->commit(), "");
+  EXPECT_EQ(TempDir::read(local.root + "/srv/data/x"), "new");
+  EXPECT_TRUE(fs::is_empty(outside));
+  EXPECT_FALSE(fs::exists(local.root + "/opt/new"));
+}
+
+// A directory the abort removed is made afresh for the next file.
+TEST(StagingTest, AFileLandsInsideADirectoryAndCommitWalksAfresh) {
   TempDir dir;
   LocalSession local(dir);
-  for (const char* name : {"lost", "cut", "fine"}) {
-    TempDir::write(local.root + "/d/" + name, "old");
-    EXPECT_EQ(local.send(std::string("/d/") + name, name, "new!"), "");
-  }
-  EXPECT_EQ(local.send("/race/sub/", "f", "hello"), "");
-  ASSERT_TRUE(fs::remove(stagedPath(local.root, "lost")));
-  fs::resize_file(stagedPath(local.root, "cut"), 2);
+  fs::create_directories(local.root + "/existing");
+  TempDir::write(local.root + "/plain", "old");
+  EXPECT_EQ(local.send("/new/sub/", "f", "1"), "");  // a trailing '/' names a directory
+  local.session->abort();
+  EXPECT_FALSE(fs::exists(local.root + "/new"));
+  local.reconnect();
+  EXPECT_EQ(local.send("/existing", "f", "2"), "");
+  EXPECT_EQ(local.send("/plain", "f", "3"), "");
+  EXPECT_EQ(local.send("/new/sub/", "g", "4"), "");
+  EXPECT_EQ(local.send("/race/sub/", "f", "5"), "");
+  // A directory swapped for a link to elsewhere before commit.
   fs::rename(local.root + "/race/sub", local.root + "/race/moved");
   fs::create_directories(dir.file("outside"));
   fs::create_directory_symlink(dir.file("outside"), local.root + "/race/sub");
-  EXPECT_EQ(local.session->commit(),
-            "self: /d/lost: the staged copy is lost: " + System::errorText(ENOENT) +
-                "\nself: /d/cut: the staged copy holds 2 of 4 bytes"
-                "\nself: /race/sub/f: /race/sub: " + System::errorText(ELOOP));
-  EXPECT_EQ(TempDir::read(local.root + "/d/lost") + TempDir::read(local.root + "/d/cut"), "oldold");
-  EXPECT_EQ(TempDir::read(local.root + "/d/fine"), "new!");
-  EXPECT_TRUE(filesUnder(local.root + "/d", true).empty());
+  EXPECT_EQ(local.session->commit(), "self: /race/sub/f: /race/sub: " + System::errorText(ELOOP));
+  EXPECT_EQ(TempDir::read(local.root + "/existing/f") + TempDir::read(local.root + "/plain") +
+                TempDir::read(local.root + "/new/sub/g"), "234");
   EXPECT_TRUE(fs::is_empty(dir.file("outside")));
   EXPECT_FALSE(fs::exists(local.root + "/race/moved/f"));
 }
 
-// A file size limit stands in for a full disk under the journal: a
-// directory that cannot be journaled is not made, and its file is refused.
+TEST(StagingTest, AgentCommandsRunAroundTheRenamesWhenAsked) {
+  TempDir dir;
+  LocalSession local(dir);
+  const std::string target = local.root + "/f", log = dir.file("agents");
+  local.config.mStopAgentsCommand = "test -e " + target + " || echo stop >> " + log;
+  local.config.mStartAgentsCommand = "test -e " + target + " && echo start >> " + log + "; exit 3";
+  local.reconnect(true);
+  EXPECT_EQ(local.send("/f", "f", "x"), "");
+  EXPECT_EQ(local.session->commit(),
+            "self: Command \"" + local.config.mStartAgentsCommand + "\" failed: exit status 3");
+  EXPECT_EQ(TempDir::read(log), "stop\nstart\n");
+  local.reconnect(false);
+  EXPECT_EQ(local.send("/f", "f", "y"), "");
+  EXPECT_EQ(local.session->commit(), "");
+  EXPECT_EQ(TempDir::read(log) + TempDir::read(target), "stop\nstart\ny");
+}
+
+// A file size limit stands in for a full disk under the journal.
 TEST(StagingTest, ADirectoryTheJournalHasNoRoomForIsNotMade) {
   TempDir dir;
   LocalSession local(dir);
   EXPECT_EQ(local.send("/first", "first", "1"), "");
-  // The journal has room for one more directory record ("D /deep\n") only.
+  // Room for one more directory record ("D /deep\n") only.
+  const std::string journal = dir.file("state/" + kSession + ".journal");
   struct rlimit saved, small;
   ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &saved), 0);
   small = saved;
-  const std::string journal = dir.file("state/" + kSession + ".journal");
   small.rlim_cur = fs::file_size(journal) + 8;
   const sighandler_t previous = ::signal(SIGXFSZ, SIG_IGN);
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
@@ -164,21 +212,22 @@ TEST(StagingTest, ADirectoryTheJournalHasNoRoomForIsNotMade) {
 TEST(StagingTest, AResumedFileContinuesOnlyWhenAnnouncedExactlyAsBefore) {
   TempDir dir;
   LocalSession local(dir);
-  // Each differs from ("/r/", "f", 8, 0640) in one item; the last two name the same target.
+  std::string refusal;
+  const FileInfo file{8, "f", "/r/", 0640};
+  // Each differs in one item; the last two name the same target.
   const FileInfo others[] = {{9, "f", "/r/", 0640}, {8, "f", "/r/", 0600},
                              {8, "g", "/r/f", 0640}, {8, "f", "/r//", 0640}};
   for (const FileInfo& other : others) {
-    ASSERT_EQ(local.open("/r/", "f", 8, 0640), 0);  // no reconnect: afresh
+    ASSERT_EQ(local.open(file, refusal), 0);  // no reconnect: afresh
     local.session->fileData("ab", 2);
     local.reconnect();
-    EXPECT_EQ(local.open(other.mRemotePath, other.mBaseName, other.mSize, other.mMode), 0);
+    EXPECT_EQ(local.open(other, refusal), 0) << other.mSize << other.mBaseName << other.mMode;
   }
-  ASSERT_EQ(local.open("/r/", "f", 8, 0640), 0);
+  ASSERT_EQ(local.open(file, refusal), 0);
   local.session->fileData("0123", 4);
-  // Nobody reads it before commit.
   EXPECT_EQ(fs::status(stagedPath(local.root, "f")).permissions(), fs::perms(0600));
   local.reconnect();
-  ASSERT_EQ(local.open("/r/", "f", 8, 0640), 4);
+  ASSERT_EQ(local.open(file, refusal), 4);
   local.session->fileData("4567", 4);
   EXPECT_EQ(local.session->closeFile(), "");
   EXPECT_EQ(local.session->commit(), "");
@@ -186,48 +235,9 @@ TEST(StagingTest, AResumedFileContinuesOnlyWhenAnnouncedExactlyAsBefore) {
   EXPECT_EQ(fs::status(local.root + "/r/f").permissions(), fs::perms(0640));
 }
 
-TEST(StagingTest, CleanUpRemovesWhatAnUnfinishedSessionLeftAndNothingElse) {
-  TempDir dir;
-  const std::string root = dir.file("root"), state = dir.file("state"), outside = dir.file("out");
-  {
-    LocalSession crashed(dir);
-    EXPECT_EQ(crashed.send("/a/b/", "we\nird", "abc"), "");
-    EXPECT_EQ(crashed.send("/kept/", "f", "x"), "");
-    TempDir::write(root + "/kept/other", "y");
-    // Staged by another upload, beside one of this session's.
-    TempDir::write(root + "/kept/" + StagedFile::nameFor("f", "s3", 0), "z");
-  }  // the daemon stops without commit or abort
-  {
-    // Records that no session could have made are left alone.
-    Journal other(state, "s2", root);
-    std::string error;
-    const std::string stagedName = StagedFile::nameFor("f", "s2", 0);
-    TempDir::write(root + "/victim", "keep");
-    TempDir::write(outside + "/" + stagedName, "keep");
-    fs::create_directory_symlink(outside, root + "/link");
-    ASSERT_TRUE(other.recordStagedFile("/victim", error)) << error;
-    ASSERT_TRUE(other.recordStagedFile("/link/" + stagedName, error));
-    ASSERT_TRUE(other.recordDirectory("/link", error));
-    ASSERT_TRUE(other.recordDirectory("/kept/other", error));
-  }
-  // A record cut short by the crash may name a prefix of the real path.
-  const std::string journal = state + "/s2.journal";
-  TempDir::write(journal, TempDir::read(journal) + "D /a\nD /kep");
-  fs::create_directory(root + "/kep");
-  EXPECT_EQ(Journal::cleanUp(state), 2);
-  EXPECT_FALSE(fs::exists(root + "/a"));  // emptied (the odd name found), removed deepest first
-  EXPECT_TRUE(fs::exists(root + "/kept/other")) << "a directory in use stays";
-  EXPECT_TRUE(fs::exists(root + "/kep"));
-  EXPECT_EQ(filesUnder(root, true),
-            std::vector<std::string>{root + "/kept/" + StagedFile::nameFor("f", "s3", 0)});
-  EXPECT_EQ(TempDir::read(root + "/victim"), "keep");
-  EXPECT_EQ(filesUnder(outside, true).size(), 1u);
-  EXPECT_TRUE(fs::is_empty(state));
-}
-
-// Each fault of the disk ends with the file's error in its reply or the
-// commit's, the old target in place, the other files committed (unless no
-// file could be flushed) and nothing staged or made for it left.
+// Each fault ends with the file's error in its reply or the commit's, the
+// old target in place, the other files committed (unless none could be
+// flushed) and nothing staged or made for it left.
 TEST(StagingTest, DiskFaultsFailOnlyTheirFileAndLeaveNothingHalfDone) {
   using Fault = FaultyFileSystem::Fault;
   const std::string full = "self: Error writing /d/victim: " + System::errorText(ENOSPC);
