@@ -24,11 +24,9 @@ std::string addressText(uint32_t a) {
          std::to_string((a >> 8) & 255) + "." + std::to_string(a & 255);
 }
 
-}  // namespace
+uint32_t maskOf(int prefix) { return prefix == 0 ? 0 : ~uint32_t(0) << (32 - prefix); }
 
-uint32_t AllowList::maskOf(int prefix) {
-  return prefix == 0 ? 0 : ~uint32_t(0) << (32 - prefix);
-}
+}  // namespace
 
 std::optional<uint32_t> AllowList::parseAddress(const std::string& text) {
   uint32_t address = 0;

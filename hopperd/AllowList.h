@@ -27,8 +27,6 @@ class AllowList {
     uint32_t mBase;
     int mPrefix;
   };
-  static uint32_t maskOf(int prefix);
-
   std::vector<Network> mNetworks;
 };
 

@@ -204,7 +204,6 @@ void Connection::handleFile() {
     std::string refusal;
     const bool opened = mSession->openFile(info, start, refusal);
     if (!opened) HC_LOG_DEBUG("Refused " << info.mRemotePath << ": " << refusal);
-    // The reply carries the position only when opened, the text only when not.
     Protocol::writeAnnouncementReply(
         mStream, AnnouncementReply{opened ? RESUME_OK : RESUME_REFUSED, start, refusal});
     sendReply();

@@ -26,8 +26,7 @@ class Connection : public SessionOwner, public std::enable_shared_from_this<Conn
   void interrupt() override;
 
  private:
-  // Waits for the next message: without a session, up to the time-out.
-  // False when the peer closed or stayed silent.
+  // False when the peer closed or, without a session, stayed silent.
   bool waitForMessage();
   void sendReply();
   // False ends the connection.
@@ -39,9 +38,8 @@ class Connection : public SessionOwner, public std::enable_shared_from_this<Conn
   void handleCheck();
   void handleCommit();
   void handleAbort();
-  // Commit and abort: runs finish on the session owned, or else on this
-  // peer's orphan, and forgets it. False when the session went on without
-  // this connection (nothing is replied then).
+  // Commit and abort: runs finish on the session owned or this peer's
+  // orphan. False when the session went on without this connection.
   template <typename Finish>
   bool endSession(const Finish& finish);
   // Passes count bytes of file data to the session (dropped without one).
@@ -53,8 +51,7 @@ class Connection : public SessionOwner, public std::enable_shared_from_this<Conn
   // Throws when the waits for one block of file data passed the time-out.
   void checkPace(const Ticks& waitedBefore) const;
   // Runs step under the session's work lock while this connection owns the
-  // session. Else lets it go and returns false: the connection ends, so
-  // messages it read never reach the session behind the new owner's back.
+  // session; else lets it go and returns false (the connection ends).
   template <typename Step>
   bool inSession(const Step& step);
   // Reads at least one and at most max bytes; throws when the peer is gone.

@@ -147,7 +147,13 @@ Downstream::Outcome Downstream::tryLink(size_t index, BeginResult& result) {
     Protocol::writeLastFileRequest(*mStream);
     mStream->flush();
     const LastFile last = Protocol::readLastFileReply(*mStream);
-    startReader();
+    std::unique_ptr<TCPSocket> socket = mStream->socket().duplicate();
+    if (!socket) throw LinkLost("no descriptor for the link's replies");
+    socket->setReadTimeout(mIoTimeoutMs);
+    socket->setCancelFlag(&mCancelled);
+    socket->setStallHandler([this] { return replyOverdue(); });
+    mReplies = std::make_unique<TCPStream>(std::move(socket));
+    mReader = std::thread([this, replies = mReplies.get()] { readReplies(*replies); });
     if (!mAborting) resync(last.mSeq, last.mBytes);
   } catch (const std::runtime_error& e) {
     HC_LOG_INFO("Unable to relay to " << host << ": " << e.what());
@@ -156,16 +162,6 @@ Downstream::Outcome Downstream::tryLink(size_t index, BeginResult& result) {
   }
   HC_LOG_DEBUG("Relaying upload " << mIdentity.mUploadId << " to " << host);
   return LINKED;
-}
-
-void Downstream::startReader() {
-  std::unique_ptr<TCPSocket> socket = mStream->socket().duplicate();
-  if (!socket) throw LinkLost("no descriptor for the link's replies");
-  socket->setReadTimeout(mIoTimeoutMs);
-  socket->setCancelFlag(&mCancelled);
-  socket->setStallHandler([this] { return replyOverdue(); });
-  mReplies = std::make_unique<TCPStream>(std::move(socket));
-  mReader = std::thread([this, replies = mReplies.get()] { readReplies(*replies); });
 }
 
 void Downstream::readReplies(TCPStream& replies) {
@@ -237,7 +233,6 @@ bool Downstream::searchAfterLoss(size_t from) {
   const bool ok = search(from, failures);
   for (const auto& bad : failures.mBad) mLost.push_back(bad.first);
   for (const std::string& busy : failures.mBusy) mLost.push_back(busy);
-  mDropped.insert(mLost.begin(), mLost.end());
   return ok;
 }
 
@@ -267,8 +262,6 @@ bool Downstream::onLink(const Step& step) {
   }
   return false;
 }
-
-// ---- passing files on -----------------------------------------------------
 
 void Downstream::sendHeader(const FileInfo& info, int64_t end) {
   Protocol::writeFilePart(*mStream, FilePart{info, mCurrentSeq, mPosition, end - mPosition});
@@ -456,8 +449,6 @@ void Downstream::forgetFiles() {
   mPartState = NO_PART;
   mCurrentSeq = 0;
 }
-
-// ---- commit and abort -------------------------------------------------------
 
 void Downstream::sendCommit() {
   dropUnfinishedPart();

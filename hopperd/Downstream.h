@@ -32,8 +32,6 @@ class Downstream {
   Downstream(RelayIdentity identity, std::string self, int ioTimeoutMs,
              Connector* connector = nullptr);
   ~Downstream();
-  Downstream(const Downstream&) = delete;
-  Downstream& operator=(const Downstream&) = delete;
 
   // Links to the first of candidates that accepts the upload; the busy and
   // failed go to result. Stops when abandoned() is true. True when linked.
@@ -94,20 +92,16 @@ class Downstream {
   std::unique_ptr<TCPStream> newStream();
   // Stall handler: wait once more while the host answers a handshake.
   bool hostStillAnswers();
-  // Drops the lost host and links to the next one. True when linked.
   bool reroute();
   // Links to the first host from index from on; failures count as lost.
   bool searchAfterLoss(size_t from);
-  // Runs step on the link, rerouting and running it again when it breaks.
-  // False when no host is left.
+  // Runs step on the link, rerouting when it breaks; false when no host is left.
   template <typename Step>
   bool onLink(const Step& step);
 
   void readReplies(TCPStream& replies);
   // Stall handler of the reader: silence is fine unless a reply is owed.
   bool replyOverdue();
-  void startReader();
-  // Sends a commit or abort and counts its reply as owed.
   bool sendFinal(void (*write)(TCPStream&));
   // Waits for the replies owed, rerouting and sending write's message again
   // when the link breaks; the last reply's text, "" when no host is left.
@@ -120,9 +114,8 @@ class Downstream {
   void openLivePart();
   // Sends the bytes [mPosition, upTo) from the staged copy, or drops the file.
   void catchUp(int64_t upTo);
-  // Sends data as checked blocks; crc (may be null) covers all of it.
+  // crc (may be null) covers all of data.
   void sendFileBytes(const char* data, size_t n, const uint32_t* crc = nullptr);
-  // Sends [mPosition, to) of a staged copy; false with the error text.
   bool sendFromCopy(const StagedFile* copy, const std::string& path, int64_t to,
                     std::string& error);
   void dropFile(const std::string& why);
@@ -148,8 +141,7 @@ class Downstream {
   uint64_t mLinks = 0;                  // links closed so far
   std::thread mReader;
 
-  // Shared with the reader thread.
-  Mutex mMutex;
+  Mutex mMutex;  // and what follows: shared with the reader thread
   Condition mChanged;
   // Counts, not a flag: a reply read before its request is recorded counts.
   uint64_t mFinalsSent = 0;

@@ -14,6 +14,10 @@ namespace {
 
 const std::string kExtension = ".journal";
 
+bool endsWith(const std::string& s, const std::string& tail) {
+  return s.size() > tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
+}
+
 // One record per line: a kind letter, a blank, the path with '\\' and '\n'
 // escaped so that any file name survives.
 std::string escape(const std::string& path) {
@@ -39,11 +43,6 @@ std::string unescape(const std::string& text) {
   return out;
 }
 
-bool endsWith(const std::string& s, const std::string& tail) {
-  return s.size() > tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
-}
-
-// What a journal file holds, in record order.
 struct Contents {
   std::string mSessionId;
   std::string mRoot;  // empty when the journal was torn before its first record
@@ -59,8 +58,7 @@ bool read(const std::string& journalPath, Contents& out) {
   out.mSessionId = name.substr(0, name.size() - std::min(name.size(), kExtension.size()));
   std::string line;
   while (std::getline(*in, line)) {
-    // A record without its line end was torn by a crash: its path may be
-    // a prefix of the real one.
+    // A record without its line end was torn by a crash.
     if (in->eof() || line.size() < 3 || line[1] != ' ') continue;
     const std::string path = unescape(line.substr(2));
     if (line[0] == 'R') out.mRoot = path;
@@ -71,8 +69,7 @@ bool read(const std::string& journalPath, Contents& out) {
   return true;
 }
 
-// Only what the session could have made: normalised paths, staged names.
-// Returns the count of staged files removed.
+// Only what the session could have made; the count of staged files removed.
 int removeLeftovers(const Contents& contents) {
   int removed = 0;
   const TargetPath paths(contents.mRoot, {});

@@ -18,9 +18,8 @@ class Journal {
   Journal(const Journal&) = delete;
   Journal& operator=(const Journal&) = delete;
 
-  // Record the directory of a staged file to be created (once per
-  // directory), or a directory to be created (flushed to disk). False with
-  // the error text.
+  // Record the directory of a staged file to be created (once per directory)
+  // or a directory to be created (flushed to disk). False with the error text.
   bool recordStagedFile(const std::string& remote, std::string& error);
   bool recordDirectory(const std::string& remote, std::string& error);
 

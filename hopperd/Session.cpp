@@ -25,8 +25,6 @@ Session::Session(std::string id, std::vector<std::string> hosts, std::string cli
       mDownstream(RelayIdentity{mClientAddress, mId, mSelf}, mSelf,
                   config.mIoTimeoutSeconds * 1000, config.mConnector) {}
 
-Session::~Session() = default;
-
 void Session::begin(const std::vector<std::string>& hosts, bool stopAgents, BeginResult& result,
                     const std::function<bool()>& abandoned) {
   mStopAgents = stopAgents;
@@ -237,8 +235,7 @@ std::string Session::closeFile() {
   const FileCheck check{mCurrentSeq, mCurrentSize, mSum};
   // Sent before the read-back, so that every host reads its copy at once.
   if (whole) mDownstream.passCheck(check);
-  // Once the head answers, the next host gets the file even if this process
-  // dies. Relays send when they run out of input instead.
+  // Once the head answers, the next host gets the file even if the head dies.
   if (mFromClient) mDownstream.flush();
   if (whole) Protocol::appendLines(errors, verify(mCurrent, check));
   if (mCurrent && !mFromClient && mPartEndsFile && !mCurrent->mFailed) {
@@ -399,6 +396,7 @@ void Session::moveIntoPlace(const std::vector<Entry*>& ready, std::string& error
 }
 
 void Session::removeStaged() {
+  mDownstream.close();
   mDownstream.forgetFiles();
   for (const auto& entry : mEntries) entry->mFile->discard();
   mByTarget.clear();
@@ -412,13 +410,11 @@ void Session::removeStaged() {
 
 void Session::abort() {
   mDownstream.abort();
-  mDownstream.close();
   removeStaged();
   HC_LOG_INFO("Session " << mId << " aborted: " << mBytesReceived << " data bytes received");
 }
 
 void Session::discard() {
-  mDownstream.close();
   removeStaged();
   HC_LOG_INFO("Session " << mId << " discarded");
 }

@@ -28,9 +28,6 @@ class Session {
   // hosts[0] is this host's identifier as the sender named it.
   Session(std::string id, std::vector<std::string> hosts, std::string clientAddress,
           const DaemonConfig& config);
-  ~Session();
-  Session(const Session&) = delete;
-  Session& operator=(const Session&) = delete;
 
   const std::string& id() const { return mId; }
   const std::string& clientAddress() const { return mClientAddress; }
@@ -98,14 +95,11 @@ class Session {
   bool resumable(const Entry* entry, const FileInfo& info) const;
   void keepCreatedDirs(const std::vector<std::string>& dirs);
   void runCommand(const std::string& command, std::string& errors);
-  // The parent of file's target: parent while it is directory's (files of
-  // one directory come together), else a fresh walk. False with error.
+  // The parent of file's target: parent if in directory, else a fresh walk.
   bool walkTo(const StagedFile& file, std::string& directory, System::FileDescriptor& parent,
               std::string& error) const;
-  // Commit costs one flush per file system and per directory: the complete
-  // copies on flushed file systems...
+  // Commit flushes once per file system, then renames and flushes once per directory.
   std::vector<Entry*> prepareForCommit(std::string& errors);
-  // ...then renamed onto their targets, each directory flushed after.
   void moveIntoPlace(const std::vector<Entry*>& ready, std::string& errors);
   void removeStaged();
   std::string line(const std::string& text) const { return mSelf + ": " + text; }
@@ -121,7 +115,7 @@ class Session {
   Journal mJournal;
   Downstream mDownstream;
   std::vector<std::unique_ptr<Entry>> mEntries;  // announcement order
-  std::unordered_map<std::string, Entry*> mByTarget;  // keyed by remote target
+  std::unordered_map<std::string, Entry*> mByTarget;
   std::set<std::string> mKnownDirs;              // remote directories made
   std::vector<std::string> mCreatedDirs;         // the same, in creation order
   uint64_t mGeneration = 0;                      // counts (re)begins

@@ -54,8 +54,7 @@ class SessionTable {
                                     const std::string& peerAddress);
   // True while owner owns session (not taken over, orphaned or replaced).
   bool owns(const SessionOwner* owner, const Session& session);
-  // The owner's connection has ended: its session is orphaned, its relay
-  // link dropped.
+  // The owner's connection has ended: its session is orphaned.
   void release(const SessionOwner* owner);
   // The session has committed or aborted: forget it.
   void end(const std::shared_ptr<Session>& session);
@@ -66,7 +65,7 @@ class SessionTable {
   // busy with it (false when it gave up).
   bool discardAll(long waitMs);
 
-  // 32 hex digits from the system's random source.
+  // 32 random hex digits.
   static std::string newSessionId();
 
  private:
@@ -76,7 +75,6 @@ class SessionTable {
                                  const std::string& upstreamHost);
   std::shared_ptr<Session> create(const std::shared_ptr<SessionOwner>& owner,
                                   const BeginRequest& request);
-  // Takes the session out of the table; the caller discards it.
   std::shared_ptr<Session> detach();
   // Waits up to the grace for the session to be orphaned or gone.
   void graceFor(Mutex::Lock& lock);

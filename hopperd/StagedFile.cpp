@@ -29,10 +29,9 @@ std::string hashText(const std::string& text) {
   return hex;
 }
 
-}  // namespace
-
-std::string StagedFile::nameFor(const std::string& targetName, const std::string& sessionId,
-                                int attempt) {
+// "." + a prefix of targetName + "." + its hash [+ "-" attempt] + "." +
+// sessionId + ".staged"; at most 255 bytes.
+std::string nameFor(const std::string& targetName, const std::string& sessionId, int attempt) {
   const std::string suffix = "." + sessionId + kSuffix;
   std::string tag = "." + hashText(targetName);
   if (attempt > 0) tag += "-" + std::to_string(attempt);
@@ -41,6 +40,8 @@ std::string StagedFile::nameFor(const std::string& targetName, const std::string
       fixed < TargetPath::kMaxName ? TargetPath::kMaxName - fixed : 0;
   return "." + targetName.substr(0, room) + tag + suffix;
 }
+
+}  // namespace
 
 bool StagedFile::isStagedName(const std::string& name, const std::string& sessionId) {
   const std::string suffix = "." + sessionId + kSuffix;

@@ -20,10 +20,6 @@ class StagedFile {
   // journal it); false with error set refuses the file.
   using BeforeCreate = std::function<bool(const std::string& remoteStaged, std::string& error)>;
 
-  // "." + a prefix of targetName + "." + a 16-hex-digit hash of it [+ "-"
-  // attempt] + "." + sessionId + ".staged"; at most 255 bytes.
-  static std::string nameFor(const std::string& targetName, const std::string& sessionId,
-                             int attempt);
   // True when name (one component) is a staged name of the session.
   static bool isStagedName(const std::string& name, const std::string& sessionId);
 
@@ -37,9 +33,8 @@ class StagedFile {
   // Bytes staged so far.
   int64_t size() const { return mSize; }
 
-  // Creates the staged file empty in parentFd, the target's directory, after
-  // removing the one made before; a name taken by another file takes the
-  // next attempt's. False with the error text.
+  // Creates it empty in parentFd (the target's directory), replacing the one
+  // made before; a name another file holds takes the next attempt's.
   bool create(int parentFd, const BeforeCreate& beforeCreate, std::string& error);
   // Opens the existing staged file to append to it (a resumed file).
   bool reopen(std::string& error);
@@ -51,29 +46,25 @@ class StagedFile {
   // The CRC-32C of the staged bytes as read back from the file system.
   // False with the error text when they cannot be read.
   bool checksum(uint32_t& crc, std::string& error);
-  // Gives the open staged file the bits mode & 0777; false when closed or
-  // failed (commit then applies them).
+  // Gives the open staged file the bits mode & 0777 (else commit does).
   bool applyMode(int mode);
   void close() {
     mFd.close();
     mReader.close();
   }
-  // First step of commit, in parentFd from a fresh walk: checks that the
-  // staged file is a regular file of expectedSize bytes and gives it mode &
-  // 0777; its attributes go to attrs. False with the error text.
+  // First step of commit: checks that it is a regular file of expectedSize
+  // bytes and gives it mode & 0777; its attributes go to attrs.
   bool prepare(int parentFd, int64_t expectedSize, int mode, std::string& error,
                FileAttributes& attrs);
   // The staged file in parentFd open for reading (invalid on failure).
   System::FileDescriptor openStaged(int parentFd) const;
-  // Second step, once the bytes are durable: renames the staged file onto
-  // its target in parentFd. False with the error text.
+  // Second step, once the bytes are durable: renames it onto its target.
   bool moveInto(int parentFd, std::string& error);
   // Removes the staged file this object made; a missing one is fine.
   void discard();
 
  private:
   void setName(int attempt);
-  // Adds the n bytes just appended at at, read back, to the running checksum.
   void readBack(int64_t at, size_t n);
   std::string remoteStaged() const;
   System::FileDescriptor openExisting(bool forWrite, std::string& error) const;

@@ -11,7 +11,6 @@ namespace {
 
 std::string quoted(const std::string& s) { return "\"" + s + "\""; }
 
-// True when no component of the normalised path is longer than a name may be.
 bool namesFit(const std::string& path) {
   std::istringstream names(path);
   for (std::string name; std::getline(names, name, '/');) {

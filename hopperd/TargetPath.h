@@ -18,16 +18,14 @@
 
 class TargetPath {
  public:
-  // The longest name of one path component.
   static constexpr std::string::size_type kMaxName = 255;
 
   // Called with a remote directory before it is created; false (with error
   // set) refuses the file.
   using BeforeMakeDirectory = std::function<bool(const std::string& dir, std::string& error)>;
 
-  // root ("/" means none) is opened once; if it cannot be, every walk fails
-  // naming it. allowed: normalised prefixes, empty for any. fs must outlive
-  // this object.
+  // root ("/" means none) is opened once, else every walk fails naming it.
+  // allowed: normalised prefixes, empty for any. fs must outlive this object.
   TargetPath(std::string root, std::vector<std::string> allowed,
              FileSystem* fs = FileSystem::posix());
   TargetPath(const TargetPath&) = delete;
@@ -78,7 +76,6 @@ class TargetPath {
                               const BeforeMakeDirectory& beforeMake,
                               std::vector<std::string>* created, std::string& reason) const;
   bool statRemote(const std::string& remote, FileAttributes& attrs) const;
-  // The last staging walk when dir is the same, else a creating walk.
   int stagingDirectory(const std::string& dir, const BeforeMakeDirectory& beforeMake,
                        std::vector<std::string>* created, std::string& reason) const;
 
@@ -91,7 +88,7 @@ class TargetPath {
   std::string mRoot;
   std::vector<std::string> mAllowed;
   System::FileDescriptor mRootFd;
-  int mRootError = 0;  // why mRootFd could not be opened
+  int mRootError = 0;
 };
 
 #endif  // HIVE_HOPPERD_TARGETPATH_H_
