@@ -1,21 +1,11 @@
 #include "hopperd/AllowList.h"
 
+#include <sstream>
 #include <stdexcept>
 
 #include "util/StringUtilities.h"
 
 namespace {
-
-std::vector<std::string> splitOn(const std::string& text, char sep) {
-  std::vector<std::string> items;
-  std::string::size_type start = 0;
-  while (true) {
-    const std::string::size_type end = text.find(sep, start);
-    items.push_back(text.substr(start, end == std::string::npos ? std::string::npos : end - start));
-    if (end == std::string::npos) return items;
-    start = end + 1;
-  }
-}
 
 // Strict decimal in [0, max]: digits only, at most three of them.
 std::optional<int> parseSmall(const std::string& text, int max) {
@@ -34,27 +24,29 @@ std::string addressText(uint32_t a) {
          std::to_string((a >> 8) & 255) + "." + std::to_string(a & 255);
 }
 
+uint32_t maskOf(int prefix) { return prefix == 0 ? 0 : ~uint32_t(0) << (32 - prefix); }
+
 }  // namespace
 
-uint32_t AllowList::maskOf(int prefix) {
-  return prefix == 0 ? 0 : ~uint32_t(0) << (32 - prefix);
-}
-
 std::optional<uint32_t> AllowList::parseAddress(const std::string& text) {
-  const std::vector<std::string> parts = splitOn(text, '.');
-  if (parts.size() != 4) return std::nullopt;
   uint32_t address = 0;
-  for (const std::string& part : parts) {
-    const std::optional<int> octet = parseSmall(part, 255);
+  std::string::size_type start = 0;
+  for (int i = 0; i < 4; ++i) {
+    // The last part runs to the end: a dot in it fails it.
+    const std::string::size_type end = i < 3 ? text.find('.', start) : text.size();
+    const std::optional<int> octet =
+        end == std::string::npos ? std::nullopt : parseSmall(text.substr(start, end - start), 255);
     if (!octet) return std::nullopt;
     address = (address << 8) | uint32_t(*octet);
+    start = end + 1;
   }
   return address;
 }
 
 AllowList AllowList::parse(const std::string& text) {
   AllowList list;
-  for (std::string item : splitOn(text, ',')) {
+  std::istringstream items(text);
+  for (std::string item; std::getline(items, item, ',');) {
     removeTrailingLeadingSpace(item);
     if (item.empty()) continue;
     const std::string::size_type slash = item.find('/');

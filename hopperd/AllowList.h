@@ -1,6 +1,4 @@
-// The networks whose connections the daemon accepts: a list of IPv4
-// networks in CIDR notation ("10.0.0.0/8,127.0.0.1"), matched against the
-// peer address of every accepted connection.
+// The IPv4 networks whose connections the daemon accepts ("10.0.0.0/8,127.0.0.1").
 #ifndef HIVE_HOPPERD_ALLOWLIST_H_
 #define HIVE_HOPPERD_ALLOWLIST_H_
 
@@ -11,21 +9,17 @@
 
 class AllowList {
  public:
-  // Parses a comma-separated list of "a.b.c.d/n" items; a bare address means
-  // /32, blanks around items are ignored, host bits below the prefix are
-  // dropped. Throws std::runtime_error naming the faulty item; an empty list
-  // is an error too (it would refuse everybody).
+  // Parses comma-separated "a.b.c.d[/n]" items (blanks around them ignored).
+  // Throws std::runtime_error naming the faulty item, or for an empty list.
   static AllowList parse(const std::string& text);
 
-  // Dotted-quad text to a host-order address; nothing for anything else
-  // (missing or extra parts, values over 255, signs, blanks).
+  // Strict dotted-quad text to a host-order address; nothing otherwise.
   static std::optional<uint32_t> parseAddress(const std::string& text);
 
-  // True when the dotted-quad address lies in one of the networks; false for
-  // text that is not an address.
+  // True when the dotted-quad address lies in one of the networks.
   bool allows(const std::string& address) const;
 
-  // The networks in their normalised "a.b.c.d/n" form, comma-separated.
+  // The networks as "a.b.c.d/n", comma-separated.
   std::string toString() const;
 
  private:
@@ -33,8 +27,6 @@ class AllowList {
     uint32_t mBase;
     int mPrefix;
   };
-  static uint32_t maskOf(int prefix);
-
   std::vector<Network> mNetworks;
 };
 

@@ -1,8 +1,7 @@
 #include "hopperd/Connection.h"
 
 #include <algorithm>
-#include <iomanip>
-#include <sstream>
+#include <cstdio>
 
 #include "util/CRC.h"
 #include "util/Logger.h"
@@ -16,9 +15,9 @@ const int kGatherMs = 1;
 static_assert(kDataBlock >= size_t(kMaxRelayBlock), "a relayed block fits the buffer");
 
 std::string hex(int code) {
-  std::ostringstream text;
-  text << "0x" << std::hex << std::setw(8) << std::setfill('0') << static_cast<unsigned>(code);
-  return text.str();
+  char text[11];
+  std::snprintf(text, sizeof text, "0x%08x", static_cast<unsigned>(code));
+  return text;
 }
 
 }  // namespace
@@ -30,8 +29,7 @@ Connection::Connection(std::unique_ptr<TCPSocket> socket, SessionTable& table, i
       mStream(std::move(socket)),
       mPeer(mSocket->getRemoteHost()),
       mBuffer(kDataBlock) {
-  // A relayed block's header and data (and a small file's message and bytes)
-  // come in with one read.
+  // A relayed block's header and data come in with one read.
   mStream.streamBuf().setInputBufferSize(kDataBlock + 8);
   mSocket->setKeepAlive(true);
   mSocket->setReadTimeout(ioTimeoutMs);
@@ -42,14 +40,13 @@ bool Connection::waitForMessage() {
   mSocket->setDeadline(Ticks());
   if (mStream.streamBuf().buffered() > 0) return true;
   if (mSession) {
-    // What this host passes on waits until the input read with it is used
-    // up and a moment more, so that the files of a tree leave in a few large
-    // sends rather than one each (every send costs the next host a wake-up).
+    // What goes on waits until the input is used up and a moment more, so
+    // that a tree's files leave in a few large sends, not one each.
     bool queued = false;
     if (!inSession([&] { queued = mSession->downstreamQueued(); })) return false;
     if (queued) {
-      // A sleep, not a wait on the socket: an upstream that sends a file at
-      // a time (the head) then wakes this host once per pause, not per file.
+      // A sleep, not a wait on the socket: the head then wakes this host
+      // once per pause, not per file.
       System::sleep(kGatherMs);
       if (mSocket->isReadable(0)) return true;
       if (!inSession([this] { mSession->flushDownstream(); })) return false;
@@ -125,9 +122,13 @@ bool Connection::handle(int code) {
       Protocol::writeOldVersionReply(mStream);
       sendReply();
       return true;
-    case C2H_NEW_GET_VERSION:
-      handleNewVersion();
+    case C2H_NEW_GET_VERSION: {
+      const int clientProtocol = Protocol::readVersionRequest(mStream);
+      HC_LOG_DEBUG("Handshake from " << mPeer << ", protocol " << clientProtocol);
+      Protocol::writeVersionReply(mStream);
+      sendReply();
       return true;
+    }
     case H2H_RELAY_IDENTITY:
       mIdentity = Protocol::readRelayIdentity(mStream);
       return true;
@@ -135,8 +136,7 @@ bool Connection::handle(int code) {
       handleBegin();
       return true;
     case C2H_RESUME_UPLOAD:
-      // A client that lost its head opens its next connection with the file
-      // it was sending; only such a connection may resume an orphan.
+      // Only a connection opened with a file announcement may resume an orphan.
       handleFile();
       if (first && !mSession && !mIdentity) mResuming = true;
       return true;
@@ -164,13 +164,6 @@ bool Connection::handle(int code) {
                   << "; connection closed");
       return false;
   }
-}
-
-void Connection::handleNewVersion() {
-  const int clientProtocol = Protocol::readVersionRequest(mStream);
-  HC_LOG_DEBUG("Handshake from " << mPeer << ", protocol " << clientProtocol);
-  Protocol::writeVersionReply(mStream);
-  sendReply();
 }
 
 void Connection::handleBegin() {
@@ -211,7 +204,6 @@ void Connection::handleFile() {
     std::string refusal;
     const bool opened = mSession->openFile(info, start, refusal);
     if (!opened) HC_LOG_DEBUG("Refused " << info.mRemotePath << ": " << refusal);
-    // The reply carries the position only when opened, the text only when not.
     Protocol::writeAnnouncementReply(
         mStream, AnnouncementReply{opened ? RESUME_OK : RESUME_REFUSED, start, refusal});
     sendReply();
@@ -237,8 +229,7 @@ void Connection::handlePart() {
     receiveBlocks(part.mCount);
     errors = mSession->closeFile();
   });
-  // Only errors go back, so that the upstream host is never held up and its
-  // end of the link has nothing to read while files flow.
+  // Only errors go back, so the upstream's end has nothing to read while files flow.
   if (!held || errors.empty()) return;
   Protocol::writeFileErrors(mStream, part.mSeq, errors);
   sendReply();
@@ -277,19 +268,22 @@ void Connection::receiveBlocks(int64_t count) {
   }
 }
 
+void Connection::checkPace(const Ticks& waitedBefore) const {
+  if ((mSocket->getReadTicks() - waitedBefore).nanos() / 1000000 > mIoTimeoutMs) {
+    throw LinkLost("file data slower than one block per time-out");
+  }
+}
+
 void Connection::readBlock(char* buffer, size_t n) {
   const Ticks waitedBefore = mSocket->getReadTicks();
   for (size_t have = 0; have < n;) {
     have += readSome(buffer + have, n - have);
-    if (have < n && (mSocket->getReadTicks() - waitedBefore).nanos() / 1000000 > mIoTimeoutMs) {
-      throw LinkLost("file data slower than one block per time-out");
-    }
+    if (have < n) checkPace(waitedBefore);
   }
 }
 
 void Connection::receiveData(int64_t count) {
-  // Each block must arrive within the time-out spent waiting for it: a peer
-  // that sends a byte now and then holds nothing for ever.
+  // A peer that sends a byte now and then holds nothing for ever.
   Ticks waitedBefore = mSocket->getReadTicks();
   size_t sinceBlock = 0;
   while (count > 0) {
@@ -299,8 +293,8 @@ void Connection::receiveData(int64_t count) {
     if (sinceBlock >= kDataBlock) {
       sinceBlock = 0;
       waitedBefore = mSocket->getReadTicks();
-    } else if ((mSocket->getReadTicks() - waitedBefore).nanos() / 1000000 > mIoTimeoutMs) {
-      throw LinkLost("file data slower than one block per time-out");
+    } else {
+      checkPace(waitedBefore);
     }
     if (mSession) mSession->fileData(mBuffer.data(), got);
     count -= static_cast<int64_t>(got);
@@ -314,8 +308,7 @@ size_t Connection::readSome(char* buffer, size_t max) {
     mStream.read(buffer, n);
     return static_cast<size_t>(n);
   }
-  // Straight from the socket into the one buffer: what has arrived goes on
-  // at once instead of waiting for a full block.
+  // Straight into the one buffer: what has arrived goes on at once.
   const int got = mSocket->read(buffer, static_cast<int>(max));
   if (got <= 0) throw LinkLost("connection lost during file data");
   return static_cast<size_t>(got);
@@ -323,8 +316,7 @@ size_t Connection::readSome(char* buffer, size_t max) {
 
 template <typename Finish>
 bool Connection::endSession(const Finish& finish) {
-  // Without a session, only the orphan of this very peer may be committed
-  // or aborted: a claimed client address grants nothing.
+  // Only this very peer's orphan: a claimed client address grants nothing.
   mSocket->setDeadline(Ticks());
   if (!mSession) mSession = mTable.takeOver(shared_from_this(), mPeer);
   if (!mSession) return true;

@@ -1,10 +1,12 @@
 #include "hopperd/DaemonApplication.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
 #include <stdexcept>
+#include <system_error>
 
 #include "hopper/hopperMisc.h"
 #include "hopperd/Journal.h"
@@ -14,6 +16,9 @@
 #include "util/System.h"
 
 namespace {
+
+const int kAcceptPollMs = 200;
+const long kStopWaitMs = 1500;
 
 GetOpt::Option gDaemonOptions[] = {
     {"help", GetOpt::NO_ARG, nullptr, 'h', nullptr},
@@ -37,22 +42,18 @@ Application::OptionID id(DaemonApplication::DaemonOptionID option) {
   return static_cast<Application::OptionID>(option);
 }
 
-// When the switch was given, its value, a whole decimal number in [min, max],
-// goes to number; else an error names the switch.
+// A given switch's value, a decimal number in [min, max], goes to number.
 void readNumber(const Application& app, DaemonApplication::DaemonOptionID option,
                 const char* name, int min, int max, int& number) {
   if (!app.wasOptionPresent(id(option))) return;
   const std::string text = app.getOption(id(option), "");
-  long value = 0;
-  bool ok = !text.empty() && text.size() <= 9;
-  for (char c : text) {
-    ok = ok && c >= '0' && c <= '9';
-    if (ok) value = value * 10 + (c - '0');
-  }
-  if (!ok || value < min || value > max) {
+  const bool digits = !text.empty() && text.size() <= 9 &&
+                      text.find_first_not_of("0123456789") == std::string::npos;
+  const int value = digits ? std::stoi(text) : -1;  // min is never negative
+  if (value < min || value > max) {
     throw std::runtime_error(std::string("Invalid value for --") + name + ": " + text);
   }
-  number = static_cast<int>(value);
+  number = value;
 }
 
 void requireDirectory(const char* name, const std::string& path, bool create) {
@@ -128,24 +129,24 @@ void DaemonApplication::initialize() {
     std::cout << getVersionString();
     return;
   }
-  // Before any thread exists, so that every thread inherits the mask and
-  // only the dispatcher receives the shutdown signals.
+  // Before any thread exists, so that only the dispatcher gets the signals.
   Ticks::currentTime();
   SignalProcessing::block(System::sDaemonShutdownSignals);
   SignalProcessing::block({SIGHUP});
   System::ignoreSIGPIPE();
-  const DaemonConfig config = readConfig();
-  const int cleaned = Journal::cleanUp(config.mStateDir);
+  mConfig = readConfig();
+  const int cleaned = Journal::cleanUp(mConfig.mStateDir);
   if (cleaned > 0) HC_LOG_INFO("Cleaned up after " << cleaned << " unfinished sessions");
-  mServer = std::make_unique<Server>(config);
-  mServer->listen();
-  Server* server = mServer.get();
+  mTable = std::make_unique<SessionTable>(mConfig);
+  mListener.listen(mConfig.mBindAddress, mConfig.mPort);
+  HC_LOG_INFO("Listening on " << mConfig.mBindAddress << ":" << mListener.getListenerPort()
+              << ", root " << mConfig.mRoot << ", allowing " << mConfig.mAllow.toString());
   SignalProcessing& signals = SignalProcessing::getInstance();
   SignalProcessing::Configuration configuration;
   for (int sig : System::sDaemonShutdownSignals) {
-    configuration.set(sig, SignalProcessing::simple([server](int sig) {
+    configuration.set(sig, SignalProcessing::simple([this](int sig) {
       HC_LOG_INFO("Signal received: " << System::signalName(sig));
-      server->stop();
+      mStopping = true;
     }));
   }
   configuration.set(SIGHUP, SignalProcessing::simple([](int) {
@@ -170,9 +171,20 @@ void DaemonApplication::parseArgs(int argc, char** argv) {
 }
 
 int DaemonApplication::run() {
-  if (mServer && !mServer->run()) {
-    // Threads still blocked (a command, a disk) hold the server's state;
-    // leave without tearing it down under them.
+  if (!mTable) return 0;
+  while (!mStopping) {
+    std::unique_ptr<TCPSocket> socket = mListener.accept(kAcceptPollMs);
+    if (socket) serve(std::move(socket));
+    mTable->reap();
+    joinFinished();
+  }
+  HC_LOG_INFO("Shutting down");
+  mListener.close();
+  const Ticks start = Ticks::currentTime();
+  const bool clean = mTable->discardAll(kStopWaitMs);
+  const long left = kStopWaitMs - long((Ticks::currentTime() - start).nanos() / 1000000);
+  if (!stopWorkers(std::max(left, 100L)) || !clean) {
+    // Threads still blocked hold the daemon's state: do not tear it down.
     HC_LOG_INFO("Exiting with connections still busy");
     std::_Exit(0);
   }
@@ -181,5 +193,70 @@ int DaemonApplication::run() {
 
 void DaemonApplication::terminate() {
   SignalProcessing::getInstance().stop();
-  mServer.reset();
+  stopWorkers(kStopWaitMs);
+}
+
+std::string DaemonApplication::refusal(const std::string& peer) {
+  if (!mConfig.mAllow.allows(peer)) return "not in the allow list";
+  joinFinished();  // connections that just ended do not count
+  if (mWorkers.size() >= static_cast<size_t>(mConfig.mMaxConnections)) {
+    return std::to_string(mWorkers.size()) + " connections already";
+  }
+  const auto fromPeer = std::count_if(mWorkers.begin(), mWorkers.end(),
+                                      [&](const Worker& w) { return w.mPeer == peer; });
+  if (fromPeer >= mConfig.mMaxConnectionsPerPeer) {
+    return std::to_string(fromPeer) + " connections from that address already";
+  }
+  return std::string();
+}
+
+void DaemonApplication::serve(std::unique_ptr<TCPSocket> socket) {
+  const std::string peer = socket->getRemoteHost();
+  const std::string why = refusal(peer);
+  if (!why.empty()) {
+    HC_LOG_INFO("Connection from " << peer << " refused: " << why);
+    return;
+  }
+  Worker worker;
+  worker.mPeer = peer;
+  worker.mConnection =
+      std::make_shared<Connection>(std::move(socket), *mTable, mConfig.mIoTimeoutSeconds * 1000);
+  worker.mDone = std::make_shared<std::atomic<bool>>(false);
+  try {
+    worker.mThread = std::thread([connection = worker.mConnection, done = worker.mDone] {
+      connection->run();
+      *done = true;
+    });
+  } catch (const std::system_error& e) {
+    HC_LOG_INFO("Connection from " << peer << " refused: " << e.what());
+    return;
+  }
+  mWorkers.push_back(std::move(worker));
+}
+
+void DaemonApplication::joinFinished() {
+  for (auto it = mWorkers.begin(); it != mWorkers.end();) {
+    if (*it->mDone) {
+      it->mThread.join();
+      it = mWorkers.erase(it);
+    } else {
+      ++it;
+    }
+  }
+}
+
+bool DaemonApplication::stopWorkers(long waitMs) {
+  for (Worker& worker : mWorkers) worker.mConnection->interrupt();
+  const Ticks until = Ticks::currentTime() + Ticks(int64_t(waitMs) * 1000000);
+  joinFinished();
+  while (!mWorkers.empty() && Ticks::currentTime() < until) {
+    System::sleep(10);
+    joinFinished();
+  }
+  if (mWorkers.empty()) return true;
+  HC_LOG_INFO(mWorkers.size() << " connections still busy at shutdown; not waiting for them");
+  // The process exits right after; each thread holds what it uses.
+  for (Worker& worker : mWorkers) worker.mThread.detach();
+  mWorkers.clear();
+  return false;
 }

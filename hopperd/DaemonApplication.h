@@ -1,18 +1,22 @@
-// The daemon program: its switches, the start-up (logging, the journals
-// left by an earlier run, the listening socket, the shutdown signals), the
-// serving loop and an orderly stop.
+// The daemon program: its switches, start-up, and the accept loop: one
+// thread per connection (up to the caps, in all and per peer; peers beyond
+// them or outside the allow list are closed and logged), orphans discarded
+// when their resume window passes, and a stop that discards the session
+// within a bounded time.
 #ifndef HIVE_HOPPERD_DAEMONAPPLICATION_H_
 #define HIVE_HOPPERD_DAEMONAPPLICATION_H_
 
+#include <atomic>
+#include <list>
 #include <memory>
+#include <thread>
 
 #include "hopper/Application.h"
+#include "hopperd/Connection.h"
 #include "hopperd/DaemonConfig.h"
-#include "hopperd/Server.h"
 
 class DaemonApplication : public Application {
  public:
-  // Option identifiers of the daemon alone, after the shared ones.
   enum DaemonOptionID {
     ARG_PORT = 600,
     ARG_BIND,
@@ -28,27 +32,41 @@ class DaemonApplication : public Application {
 
   DaemonApplication();
 
-  // Serves until a shutdown signal; 0 afterwards.
+  // Serves until a shutdown signal, then ends every connection; 0 afterwards.
   int run() override;
   void usage() override;
   // The switches; a positional argument prints the usage and throws.
   void parseArgs(int argc, char** argv) override;
-  // Standard error when systemd started us (its journal keeps it), else
-  // /var/log/hopperd.log.
+  // Standard error under systemd, else /var/log/hopperd.log.
   std::string defaultLogFile() const override;
-  // Logging, --version, signal blocking, the settings (a faulty switch
-  // throws with its message), journal clean-up, listening, signal dispatch
-  // (the shutdown signals stop the server; SIGHUP reopens the log file).
+  // Logging, --version, settings, journal clean-up, listening and signals
+  // (shutdown ones stop serving; SIGHUP reopens the log file).
   void initialize() override;
-  // Stops the signal dispatcher and the server.
   void terminate() override;
 
-  // The settings the switches describe; throws std::runtime_error naming
-  // the faulty switch.
+  // The settings; throws std::runtime_error naming a faulty switch.
   DaemonConfig readConfig() const;
 
  private:
-  std::unique_ptr<Server> mServer;
+  struct Worker {
+    std::string mPeer;
+    std::shared_ptr<Connection> mConnection;
+    std::thread mThread;
+    std::shared_ptr<std::atomic<bool>> mDone;
+  };
+  void serve(std::unique_ptr<TCPSocket> socket);
+  void joinFinished();
+  // Interrupts every worker and joins those that end within waitMs; the
+  // others are detached. True when all ended.
+  bool stopWorkers(long waitMs);
+  // Why a connection from peer cannot be served now ("" when it can).
+  std::string refusal(const std::string& peer);
+
+  DaemonConfig mConfig;
+  std::unique_ptr<SessionTable> mTable;  // none with --version
+  TCPSocket mListener;
+  std::atomic<bool> mStopping{false};
+  std::list<Worker> mWorkers;  // touched by the run() thread only
 };
 
 #endif  // HIVE_HOPPERD_DAEMONAPPLICATION_H_

@@ -10,11 +10,9 @@ namespace {
 
 const int kConnectTimeoutMs = 5000;
 const size_t kGapBlock = 65536;
-// What the link collects before a send: as much as a host's connection
-// takes in with one read.
+// What a host's connection takes in with one read.
 const int kLinkBuffer = 65536;
-// Commit may run agent commands on the hosts after this one: a host that
-// keeps answering handshakes is given this many time-outs for its reply.
+// Time-outs a commit reply may take while the host answers (agent commands).
 const int kCommitStalls = 20;
 
 }  // namespace
@@ -46,17 +44,17 @@ bool Downstream::hostStillAnswers() {
   int port = kHopperDefaultPort;
   parseHostPort(mHost, address, port);
   std::unique_ptr<TCPStream> probe = newStream();
+  bool alive = false;
+  std::string why;
   try {
-    const bool alive = acceptedVersion(
+    alive = acceptedVersion(
         connectToHopper(*probe, address, port, std::min(kConnectTimeoutMs, mIoTimeoutMs)));
-    HC_LOG_INFO("Relay link to " << mHost << " silent for " << mIoTimeoutMs << " ms; the host "
-                << (alive ? "still answers" : "does not answer"));
-    return alive;
   } catch (const std::runtime_error& e) {  // lost, refused or timed out
-    HC_LOG_INFO("Relay link to " << mHost << " silent for " << mIoTimeoutMs
-                << " ms; the host does not answer: " << e.what());
+    why = std::string(": ") + e.what();
   }
-  return false;
+  HC_LOG_INFO("Relay link to " << mHost << " silent for " << mIoTimeoutMs << " ms; the host "
+              << (alive ? "still answers" : "does not answer") << why);
+  return alive;
 }
 
 void Downstream::close() {
@@ -80,14 +78,6 @@ void Downstream::close() {
   mFinalsSent = mFinalsArrived = 0;
   mBroken = false;
   mStopReader = false;
-}
-
-std::vector<std::string> Downstream::remainingFrom(size_t index) const {
-  std::vector<std::string> hosts;
-  for (size_t i = index; i < mCandidates.size(); ++i) {
-    if (!mDropped.count(mCandidates[i])) hosts.push_back(mCandidates[i]);
-  }
-  return hosts;
 }
 
 bool Downstream::connect(const std::vector<std::string>& candidates, bool stopAgents,
@@ -134,12 +124,14 @@ Downstream::Outcome Downstream::tryLink(size_t index, BeginResult& result) {
       return MISMATCH;
     }
     mStream->socket().setKeepAlive(true);
-    // The host may take long to answer the begin: it links its own next
-    // host first and brings it up to date. It is waited for while it still
-    // answers a fresh handshake.
+    // The host links its own next host before it answers the begin.
     mStream->socket().setStallHandler([this] { return hostStillAnswers(); });
+    std::vector<std::string> remaining;
+    for (size_t i = index; i < mCandidates.size(); ++i) {
+      if (!mDropped.count(mCandidates[i])) remaining.push_back(mCandidates[i]);
+    }
     Protocol::writeRelayIdentity(*mStream, mIdentity);
-    Protocol::writeBegin(*mStream, remainingFrom(index), mStopAgents);
+    Protocol::writeBegin(*mStream, remaining, mStopAgents);
     mStream->flush();
     BeginReply reply = Protocol::readBeginReply(*mStream);
     if (reply.mStatus != BEGIN_OK && reply.mStatus != BEGIN_SOME_FAILED) {
@@ -155,11 +147,15 @@ Downstream::Outcome Downstream::tryLink(size_t index, BeginResult& result) {
     Protocol::writeLastFileRequest(*mStream);
     mStream->flush();
     const LastFile last = Protocol::readLastFileReply(*mStream);
-    startReader();
+    std::unique_ptr<TCPSocket> socket = mStream->socket().duplicate();
+    if (!socket) throw LinkLost("no descriptor for the link's replies");
+    socket->setReadTimeout(mIoTimeoutMs);
+    socket->setCancelFlag(&mCancelled);
+    socket->setStallHandler([this] { return replyOverdue(); });
+    mReplies = std::make_unique<TCPStream>(std::move(socket));
+    mReader = std::thread([this, replies = mReplies.get()] { readReplies(*replies); });
     if (!mAborting) resync(last.mSeq, last.mBytes);
   } catch (const std::runtime_error& e) {
-    // Whatever broke (connection, handshake, a reply out of bounds, the
-    // re-sending), this host cannot take the upload.
     HC_LOG_INFO("Unable to relay to " << host << ": " << e.what());
     close();
     return FAILED;
@@ -168,27 +164,15 @@ Downstream::Outcome Downstream::tryLink(size_t index, BeginResult& result) {
   return LINKED;
 }
 
-void Downstream::startReader() {
-  std::unique_ptr<TCPSocket> socket = mStream->socket().duplicate();
-  if (!socket) throw LinkLost("no descriptor for the link's replies");
-  socket->setReadTimeout(mIoTimeoutMs);
-  socket->setCancelFlag(&mCancelled);
-  socket->setStallHandler([this] { return replyOverdue(); });
-  mReplies = std::make_unique<TCPStream>(std::move(socket));
-  mReader = std::thread([this, replies = mReplies.get()] { readReplies(*replies); });
-}
-
 void Downstream::readReplies(TCPStream& replies) {
   try {
     for (;;) {
       const RelayMessage reply = Protocol::readRelayReply(replies, mHost);
       mStalls = 0;  // the link made progress
-      if (reply.mTag == RELAY_FILE_ERRORS) {
-        HC_LOG_DEBUG("Errors of " << mHost << " for file " << reply.mSeq << ": " << reply.mText);
-      }
       {
         Mutex::Lock lock(mMutex);
         if (reply.mTag == RELAY_FILE_ERRORS) {
+          HC_LOG_DEBUG("Errors of " << mHost << " for file " << reply.mSeq << ": " << reply.mText);
           Protocol::appendLines(mErrors, reply.mText);
         } else {
           mFinalReply = reply.mText;
@@ -213,16 +197,10 @@ bool Downstream::replyOverdue() {
   {
     Mutex::Lock lock(mMutex);
     if (mStopReader) return false;
-    // Between files the host owes nothing: silence is fine (keep-alive
-    // notices a host that vanished).
+    // Between files silence is fine (keep-alive notices a vanished host).
     if (mFinalsArrived >= mFinalsSent) return true;
   }
   return hostStillAnswers();
-}
-
-void Downstream::checkLink() {
-  Mutex::Lock lock(mMutex);
-  if (mBroken) throw LinkLost("relay link lost");
 }
 
 bool Downstream::sendFinal(void (*write)(TCPStream&)) {
@@ -236,20 +214,14 @@ bool Downstream::sendFinal(void (*write)(TCPStream&)) {
   });
 }
 
-std::string Downstream::awaitFinal() {
-  Mutex::Lock lock(mMutex);
-  mChanged.wait(lock, [this] { return mFinalsArrived >= mFinalsSent || mBroken; });
-  if (mFinalsArrived < mFinalsSent) throw LinkLost("relay link lost before its reply");
-  return mFinalReply;
-}
-
 std::string Downstream::finalReply(void (*write)(TCPStream&)) {
   for (size_t attempt = 0; linked() && attempt <= mCandidates.size(); ++attempt) {
-    try {
-      return awaitFinal();
-    } catch (const LinkLost&) {
-      if (!reroute() || !sendFinal(write)) break;
+    {
+      Mutex::Lock lock(mMutex);
+      mChanged.wait(lock, [this] { return mFinalsArrived >= mFinalsSent || mBroken; });
+      if (mFinalsArrived >= mFinalsSent) return mFinalReply;
     }
+    if (!reroute() || !sendFinal(write)) break;
   }
   return "";
 }
@@ -261,7 +233,6 @@ bool Downstream::searchAfterLoss(size_t from) {
   const bool ok = search(from, failures);
   for (const auto& bad : failures.mBad) mLost.push_back(bad.first);
   for (const std::string& busy : failures.mBusy) mLost.push_back(busy);
-  mDropped.insert(mLost.begin(), mLost.end());
   return ok;
 }
 
@@ -279,7 +250,10 @@ bool Downstream::onLink(const Step& step) {
   if (!ensureLinked()) return false;
   for (size_t attempt = 0; attempt <= mCandidates.size(); ++attempt) {
     try {
-      checkLink();
+      {
+        Mutex::Lock lock(mMutex);
+        if (mBroken) throw LinkLost("relay link lost");
+      }
       step();
       return true;
     } catch (const LinkLost&) {
@@ -289,16 +263,12 @@ bool Downstream::onLink(const Step& step) {
   return false;
 }
 
-// ---- passing files on -----------------------------------------------------
-
 void Downstream::sendHeader(const FileInfo& info, int64_t end) {
   Protocol::writeFilePart(*mStream, FilePart{info, mCurrentSeq, mPosition, end - mPosition});
   mAnnounced = true;
 }
 
 void Downstream::sendFileBytes(const char* data, size_t n, const uint32_t* crc) {
-  // Small blocks join the part header in the stream's buffer; large ones go
-  // straight from the caller's buffer to the socket.
   for (size_t done = 0; done < n;) {
     const size_t block = std::min(n - done, static_cast<size_t>(kMaxRelayBlock));
     Protocol::writeBlock(*mStream, data + done, block, block == n ? crc : nullptr);
@@ -310,7 +280,7 @@ void Downstream::sendFileBytes(const char* data, size_t n, const uint32_t* crc) 
 
 void Downstream::dropFile(const std::string& why) {
   Protocol::appendLines(mFileErrors, mSelf + ": " + why);
-  // The link may expect bytes it will not get: link again for the next file.
+  // The link may expect bytes it will not get: link again.
   if (mPartState == STREAMING && mPosition < mPart.end()) close();
   mPartState = DROPPED;
 }
@@ -334,9 +304,7 @@ bool Downstream::sendFromCopy(const StagedFile* copy, const std::string& path, i
 }
 
 void Downstream::resync(int64_t lastSeq, int64_t lastBytes) {
-  // The new host took every file before lastSeq from the lost one (a relay
-  // passes files on in order); it gets the rest of lastSeq and everything
-  // after it from here.
+  // Files go on in order: the new host holds every file before lastSeq.
   mAnnounced = false;
   mPosition = 0;
   for (const Sent& file : mSent) {
@@ -345,21 +313,19 @@ void Downstream::resync(int64_t lastSeq, int64_t lastBytes) {
     const bool current = mPartState != NO_PART && file.mSeq == mPart.mSeq;
     const int64_t from = known ? std::min(lastBytes, file.mInfo.mSize) : 0;
     const int64_t held = file.mCopy ? std::min(file.mCopy->size(), file.mInfo.mSize) : 0;
-    // The file being received goes as far as it is staged here; the live
-    // part sends the rest.
+    // The file being received goes as far as it is staged; the part sends the rest.
     const int64_t to = current ? std::max(from, held) : file.mInfo.mSize;
     mCurrentSeq = file.mSeq;
     mAnnounced = known;
     mPosition = from;
     if ((current || known) && from >= to) {
-      // It may have taken every byte but not the check.
+      // It may hold every byte but not the check.
       if (known && file.mCheck && from == file.mInfo.mSize) {
         Protocol::writeFileCheck(*mStream, *file.mCheck);
       }
       continue;
     }
     if (!file.mCopy || held < to) {
-      // It cannot be passed on from here; the new host never hears of it.
       Mutex::Lock lock(mMutex);
       Protocol::appendLines(mErrors, mSelf + ": Unable to pass " + file.mInfo.mRemotePath +
                                          " on to " + mHost + ": the bytes are not staged here");
@@ -369,11 +335,9 @@ void Downstream::resync(int64_t lastSeq, int64_t lastBytes) {
     }
     sendHeader(file.mInfo, to);
     std::string error;
-    // The header promised the bytes: without them the link is of no use.
     if (!sendFromCopy(file.mCopy, file.mInfo.mRemotePath, to, error)) throw LinkLost(error);
     if (file.mCheck && to == file.mInfo.mSize) Protocol::writeFileCheck(*mStream, *file.mCheck);
   }
-  if (mPartState == STREAMING) mPartState = PENDING;
   mStream->flush();
 }
 
@@ -427,7 +391,6 @@ void Downstream::startPart(const FileInfo& info, int64_t seq, const StagedFile* 
     mAnnounced = false;
     mPosition = 0;
   }
-  // A new link (or a rerouted one) is brought up to date with this file too.
   if (!onLink([this] { openLivePart(); })) mPartState = DROPPED;
 }
 
@@ -442,17 +405,14 @@ void Downstream::forward(const char* data, size_t n, int64_t offset,
     const int64_t skip = mPosition - offset;
     sendFileBytes(data + skip, n - static_cast<size_t>(skip), skip == 0 ? blockCRC : nullptr);
     mPosition = end;
-    // Bytes go on as they arrive; only the part's last block waits for
-    // finishPart, so that a small file leaves in one write with its header.
+    // The last block waits, so a small file leaves in one write with its header.
     if (end < mPart.end()) mStream->flush();
   });
-  // A reroute re-sends the file as staged and leaves the header to resend.
   if (!ok) mPartState = DROPPED;
 }
 
 std::string Downstream::finishPart() {
   if (passing() && linked()) {
-    // Whatever the link still misses of the part comes from the staged copy.
     onLink([this] {
       openLivePart();
       if (mPartState == STREAMING) catchUp(mPart.end());
@@ -469,11 +429,9 @@ void Downstream::passCheck(const FileCheck& check) {
                                  [&](const Sent& file) { return file.mSeq == check.mSeq; });
   if (sent != mSent.rend()) sent->mCheck = check;
   if (!linked()) return;
-  // A new link on the way was brought up to date from mSent, this check
-  // included: it is sent only on the link that was up here.
+  // A new link made on the way had the check with the resync.
   const uint64_t link = mLinks;
   onLink([&] {
-    // Only once the link holds every byte of the file.
     if (link == mLinks && mCurrentSeq == check.mSeq && mAnnounced && mPosition >= check.mSize) {
       Protocol::writeFileCheck(*mStream, check);
     }
@@ -491,8 +449,6 @@ void Downstream::forgetFiles() {
   mPartState = NO_PART;
   mCurrentSeq = 0;
 }
-
-// ---- commit and abort -------------------------------------------------------
 
 void Downstream::sendCommit() {
   dropUnfinishedPart();

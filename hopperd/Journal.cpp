@@ -14,6 +14,10 @@ namespace {
 
 const std::string kExtension = ".journal";
 
+bool endsWith(const std::string& s, const std::string& tail) {
+  return s.size() > tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
+}
+
 // One record per line: a kind letter, a blank, the path with '\\' and '\n'
 // escaped so that any file name survives.
 std::string escape(const std::string& path) {
@@ -39,13 +43,34 @@ std::string unescape(const std::string& text) {
   return out;
 }
 
-bool endsWith(const std::string& s, const std::string& tail) {
-  return s.size() > tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
+struct Contents {
+  std::string mSessionId;
+  std::string mRoot;  // empty when the journal was torn before its first record
+  std::vector<std::string> mStagedFiles;  // one by one (journals of older daemons)
+  std::vector<std::string> mStagingDirs;
+  std::vector<std::string> mDirectories;
+};
+
+bool read(const std::string& journalPath, Contents& out) {
+  std::unique_ptr<std::ifstream> in = System::make_ifstream(journalPath);
+  if (!in->good()) return false;
+  const std::string name = journalPath.substr(journalPath.rfind('/') + 1);
+  out.mSessionId = name.substr(0, name.size() - std::min(name.size(), kExtension.size()));
+  std::string line;
+  while (std::getline(*in, line)) {
+    // A record without its line end was torn by a crash.
+    if (in->eof() || line.size() < 3 || line[1] != ' ') continue;
+    const std::string path = unescape(line.substr(2));
+    if (line[0] == 'R') out.mRoot = path;
+    if (line[0] == 'F') out.mStagedFiles.push_back(path);
+    if (line[0] == 'S') out.mStagingDirs.push_back(path);
+    if (line[0] == 'D') out.mDirectories.push_back(path);
+  }
+  return true;
 }
 
-// Only what the session could have made: normalised paths, staged names.
-// Returns the count of staged files removed.
-int removeLeftovers(const Journal::Contents& contents) {
+// Only what the session could have made; the count of staged files removed.
+int removeLeftovers(const Contents& contents) {
   int removed = 0;
   const TargetPath paths(contents.mRoot, {});
   const auto normal = [](const std::string& path) { return TargetPath::normalize(path) == path; };
@@ -126,25 +151,6 @@ void Journal::remove() {
   mFd.close();
   mStagingDirs.clear();
   System::removeFile(mPath);
-}
-
-bool Journal::read(const std::string& journalPath, Contents& out) {
-  std::unique_ptr<std::ifstream> in = System::make_ifstream(journalPath);
-  if (!in->good()) return false;
-  const std::string name = journalPath.substr(journalPath.rfind('/') + 1);
-  out.mSessionId = name.substr(0, name.size() - std::min(name.size(), kExtension.size()));
-  std::string line;
-  while (std::getline(*in, line)) {
-    // A record without its line end was torn by a crash: its path may be
-    // a prefix of the real one.
-    if (in->eof() || line.size() < 3 || line[1] != ' ') continue;
-    const std::string path = unescape(line.substr(2));
-    if (line[0] == 'R') out.mRoot = path;
-    if (line[0] == 'F') out.mStagedFiles.push_back(path);
-    if (line[0] == 'S') out.mStagingDirs.push_back(path);
-    if (line[0] == 'D') out.mDirectories.push_back(path);
-  }
-  return true;
 }
 
 int Journal::cleanUp(const std::string& stateDir) {

@@ -9,8 +9,7 @@
 
 namespace {
 
-// A file of at least this size takes long enough to read back for its check
-// that the check is sent on before, not after.
+// From this size a check is sent on before the copy is read back.
 const int64_t kLargeCheck = 1 << 20;
 
 }  // namespace
@@ -25,8 +24,6 @@ Session::Session(std::string id, std::vector<std::string> hosts, std::string cli
       mJournal(config.mStateDir, mId, config.mRoot),
       mDownstream(RelayIdentity{mClientAddress, mId, mSelf}, mSelf,
                   config.mIoTimeoutSeconds * 1000, config.mConnector) {}
-
-Session::~Session() = default;
 
 void Session::begin(const std::vector<std::string>& hosts, bool stopAgents, BeginResult& result,
                     const std::function<bool()>& abandoned) {
@@ -150,13 +147,11 @@ bool Session::openFile(const FileInfo& info, int64_t& start, std::string& refusa
       return false;
     }
   }
-  // The client hears this host's own position at once; the hosts after it
-  // are brought up to it from the staged copy when they hold less.
+  // This host's own position; hosts after it get what they miss from the copy.
   start = entry ? entry->mFile->size() : 0;
   startFile(FilePart{info, seq, start, info.mSize - start}, entry);
   mFromClient = true;
-  // The head's checksum covers the whole file: a resumed one's bytes staged
-  // before the break are read back.
+  // The head's checksum covers the whole file, a resumed one's too.
   std::string ignored;
   mSum = 0;
   mSumming = start == 0 || entry->mFile->checksum(mSum, ignored);
@@ -175,8 +170,7 @@ void Session::openPart(const FilePart& part) {
   if (resolve(info, where, refusal)) {
     entry = entryFor(where.mTarget);
     if (entry && entry->mSeq == part.mSeq) {
-      // A later part of a file staged here: it continues the staged bytes,
-      // which must reach its start.
+      // A later part continues the staged bytes, which must reach its start.
       if (!continueStaged(entry, refusal)) {
         entry = nullptr;  // a file that failed here was reported then
       } else if (entry->mFile->size() < part.mStart) {
@@ -219,8 +213,7 @@ void Session::fileData(const char* data, size_t n, const uint32_t* blockCRC) {
       }
     }
   }
-  // The head sums the client's bytes once: the block's checksum goes on
-  // with the block and joins the file's.
+  // The block's checksum goes on with the block and joins the file's.
   uint32_t sum = 0;
   if (mSumming) {
     if (!blockCRC) {
@@ -240,12 +233,9 @@ std::string Session::closeFile() {
   const bool whole = mFromClient && mSumming && mOffset == mCurrentSize;
   Protocol::appendLines(errors, mDownstream.finishPart());
   const FileCheck check{mCurrentSeq, mCurrentSize, mSum};
-  // The check goes on before this host reads its copy back, so that every
-  // host of the chain reads its own at the same time.
+  // Sent before the read-back, so that every host reads its copy at once.
   if (whole) mDownstream.passCheck(check);
-  // The client counts the file as done once the head answers: by then its
-  // bytes are with the system for the next host, which gets them even if
-  // this process dies. Relays send when they run out of input instead.
+  // Once the head answers, the next host gets the file even if the head dies.
   if (mFromClient) mDownstream.flush();
   if (whole) Protocol::appendLines(errors, verify(mCurrent, check));
   if (mCurrent && !mFromClient && mPartEndsFile && !mCurrent->mFailed) {
@@ -259,9 +249,7 @@ std::string Session::closeFile() {
 }
 
 std::string Session::checkFile(const FileCheck& check) {
-  // First, so that the hosts after this one check their copies at once; a
-  // large copy takes long to read back, so its check does not wait in the
-  // link's buffer meanwhile.
+  // First, so that the hosts after this one check their copies meanwhile.
   mDownstream.passCheck(check);
   if (check.mSize >= kLargeCheck) mDownstream.flush();
   std::string errors = verify(entryOfSeq(check.mSeq), check);
@@ -330,7 +318,7 @@ std::string Session::commit() {
   mEntries.clear();
   mJournal.remove();
   HC_LOG_DEBUG("Session " << mId << " committed: " << mBytesReceived
-               << " data bytes received, " << bytesForwarded() << " forwarded");
+               << " data bytes received, " << mDownstream.bytesForwarded() << " forwarded");
   return errors;
 }
 
@@ -338,7 +326,6 @@ std::vector<Session::Entry*> Session::prepareForCommit(std::string& errors) {
   // One descriptor per file system holding staged files, to flush each once.
   std::map<int64_t, System::FileDescriptor> fileSystems;
   std::vector<Entry*> ready;
-  // Each run of files in one directory costs one fresh walk to it.
   std::string directory;
   System::FileDescriptor parent;
   for (const auto& entry : mEntries) {
@@ -350,13 +337,8 @@ std::vector<Session::Entry*> Session::prepareForCommit(std::string& errors) {
       error = file.remoteTarget() + ": incomplete, " + std::to_string(file.size()) + " of " +
               std::to_string(entry->mInfo.mSize) + " bytes received";
     } else if (!entry->mFailed) {
-      if (TargetPath::directoryOf(file.remoteTarget()) != directory || !parent) {
-        directory = TargetPath::directoryOf(file.remoteTarget());
-        parent = mTargets.openParent(file.remoteTarget(), error);
-        if (!parent) error = file.remoteTarget() + ": " + error;
-      }
-      prepared = parent && file.prepare(parent.get(), entry->mInfo.mSize, entry->mInfo.mMode,
-                                        error, attrs);
+      prepared = walkTo(file, directory, parent, error) &&
+                 file.prepare(parent.get(), entry->mInfo.mSize, entry->mInfo.mMode, error, attrs);
     }
     if (prepared && !fileSystems.count(attrs.mFSID.mDevice)) {
       System::FileDescriptor fd = file.openStaged(parent.get());
@@ -382,9 +364,17 @@ std::vector<Session::Entry*> Session::prepareForCommit(std::string& errors) {
   return ready;
 }
 
+bool Session::walkTo(const StagedFile& file, std::string& directory,
+                     System::FileDescriptor& parent, std::string& error) const {
+  const std::string dir = TargetPath::directoryOf(file.remoteTarget());
+  if (dir == directory && parent) return true;
+  directory = dir;
+  parent = mTargets.openParent(file.remoteTarget(), error);
+  if (!parent) error = file.remoteTarget() + ": " + error;
+  return bool(parent);
+}
+
 void Session::moveIntoPlace(const std::vector<Entry*>& ready, std::string& errors) {
-  // Files of one directory mostly come together: each run of them costs one
-  // walk to the directory and one flush of it after its renames.
   std::string directory;
   System::FileDescriptor parent;
   const auto flushDirectory = [&] {
@@ -396,13 +386,8 @@ void Session::moveIntoPlace(const std::vector<Entry*>& ready, std::string& error
   for (Entry* entry : ready) {
     StagedFile& file = *entry->mFile;
     std::string error;
-    if (TargetPath::directoryOf(file.remoteTarget()) != directory || !parent) {
-      flushDirectory();
-      directory = TargetPath::directoryOf(file.remoteTarget());
-      parent = mTargets.openParent(file.remoteTarget(), error);
-      if (!parent) error = file.remoteTarget() + ": " + error;
-    }
-    if (!parent || !file.moveInto(parent.get(), error)) {
+    if (TargetPath::directoryOf(file.remoteTarget()) != directory) flushDirectory();
+    if (!walkTo(file, directory, parent, error) || !file.moveInto(parent.get(), error)) {
       Protocol::appendLines(errors, line(error));
       file.discard();
     }
@@ -411,6 +396,7 @@ void Session::moveIntoPlace(const std::vector<Entry*>& ready, std::string& error
 }
 
 void Session::removeStaged() {
+  mDownstream.close();
   mDownstream.forgetFiles();
   for (const auto& entry : mEntries) entry->mFile->discard();
   mByTarget.clear();
@@ -424,13 +410,11 @@ void Session::removeStaged() {
 
 void Session::abort() {
   mDownstream.abort();
-  mDownstream.close();
   removeStaged();
   HC_LOG_INFO("Session " << mId << " aborted: " << mBytesReceived << " data bytes received");
 }
 
 void Session::discard() {
-  mDownstream.close();
   removeStaged();
   HC_LOG_INFO("Session " << mId << " discarded");
 }

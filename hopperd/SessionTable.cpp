@@ -1,7 +1,6 @@
 #include "hopperd/SessionTable.h"
 
 #include <algorithm>
-#include <cinttypes>
 #include <cstdio>
 #include <random>
 
@@ -12,23 +11,17 @@ SessionTable::SessionTable(const DaemonConfig& config) : mConfig(config) {}
 
 std::string SessionTable::newSessionId() {
   std::random_device random;
-  std::string id;
-  char part[9];
-  for (int i = 0; i < 4; ++i) {
-    std::snprintf(part, sizeof part, "%08" PRIx32, uint32_t(random()));
-    id += part;
-  }
+  char id[33];
+  std::snprintf(id, sizeof id, "%08x%08x%08x%08x", random(), random(), random(), random());
   return id;
 }
 
 SessionTable::Decision SessionTable::decide(const Session& session, const SessionOwner* owner,
                                             const BeginRequest& request) {
   if (session.mOwnerId == owner) return ADOPT;
-  // A relayed begin with the session's identifier is the same upload coming
-  // back along another path; one from this very session (a host set naming
-  // us twice) is refused.
+  // The same upload relayed along another path; not from this very session.
   if (request.mUploadId && *request.mUploadId == session.id()) {
-    return request.mUpstreamHost != session.self() ? ADOPT : BUSY;
+    return request.mUpstreamHost != session.mSelf ? ADOPT : BUSY;
   }
   if (request.mClientAddress != session.clientAddress()) return BUSY;
   if (request.mResume && !request.mUploadId) return session.mOrphaned ? ADOPT : WAIT;
@@ -100,8 +93,7 @@ std::shared_ptr<Session> SessionTable::begin(const std::shared_ptr<SessionOwner>
       }
     }
   }
-  // The orphan's staged files go before the new upload stages anything, so
-  // the two never meet in a directory.
+  // The orphan's staged files go before the new upload stages anything.
   HC_LOG_INFO("Session " << replaced->id() << " of " << replaced->clientAddress()
               << " discarded: its client began a new upload");
   {
@@ -193,8 +185,7 @@ bool SessionTable::discardAll(long waitMs) {
   }
   if (owner) owner->interrupt();
   victim->cancel();
-  // The connection busy with it lets go once its waits end; one stuck in a
-  // command or a disk write is left to the journal clean-up at next start.
+  // One stuck in a command or a disk write is left to the journal clean-up.
   const Ticks until = Ticks::currentTime() + Ticks(int64_t(waitMs) * 1000000);
   while (!victim->workMutex().try_lock()) {
     if (Ticks::currentTime() > until) {

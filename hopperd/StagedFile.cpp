@@ -14,9 +14,7 @@ const char kSuffix[] = ".staged";
 // Room kept for "-<attempt>", so that every attempt keeps the same prefix.
 const std::string::size_type kAttemptRoom = 4;
 const int kMaxAttempts = 1000;
-// Read-back block of checksum(): large, so that a large file costs few calls.
 const size_t kCheckBlock = 1 << 20;
-// Read-back block of an append: what a connection takes in at once.
 const size_t kReadBackBlock = 65536;
 
 // 64-bit FNV-1a: cheap, and ample to tell apart the names that share a prefix.
@@ -31,10 +29,9 @@ std::string hashText(const std::string& text) {
   return hex;
 }
 
-}  // namespace
-
-std::string StagedFile::nameFor(const std::string& targetName, const std::string& sessionId,
-                                int attempt) {
+// "." + a prefix of targetName + "." + its hash [+ "-" attempt] + "." +
+// sessionId + ".staged"; at most 255 bytes.
+std::string nameFor(const std::string& targetName, const std::string& sessionId, int attempt) {
   const std::string suffix = "." + sessionId + kSuffix;
   std::string tag = "." + hashText(targetName);
   if (attempt > 0) tag += "-" + std::to_string(attempt);
@@ -43,6 +40,8 @@ std::string StagedFile::nameFor(const std::string& targetName, const std::string
       fixed < TargetPath::kMaxName ? TargetPath::kMaxName - fixed : 0;
   return "." + targetName.substr(0, room) + tag + suffix;
 }
+
+}  // namespace
 
 bool StagedFile::isStagedName(const std::string& name, const std::string& sessionId) {
   const std::string suffix = "." + sessionId + kSuffix;
@@ -68,7 +67,6 @@ std::string StagedFile::remoteStaged() const {
 void StagedFile::setName(int attempt) {
   mAttempt = attempt;
   mName = nameFor(TargetPath::nameOf(mRemoteTarget), mSessionId, attempt);
-  mPath = mPaths.local(remoteStaged());
 }
 
 bool StagedFile::create(int parentFd, const BeforeCreate& beforeCreate, std::string& error) {
@@ -134,8 +132,7 @@ bool StagedFile::append(const char* data, size_t n, std::string& error) {
 }
 
 void StagedFile::readBack(int64_t at, size_t n) {
-  // One buffer per thread: a session's files are written by one thread at
-  // a time, and a buffer per file would hold memory for every staged file.
+  // A buffer per file would hold memory for every staged file.
   thread_local std::vector<char> buffer;
   buffer.resize(std::min(n, kReadBackBlock));
   for (size_t done = 0; done < n;) {

@@ -11,7 +11,6 @@ namespace {
 
 std::string quoted(const std::string& s) { return "\"" + s + "\""; }
 
-// True when no component of the normalised path is longer than a name may be.
 bool namesFit(const std::string& path) {
   std::istringstream names(path);
   for (std::string name; std::getline(names, name, '/');) {
@@ -29,10 +28,8 @@ bool validBaseName(const std::string& base) {
 
 TargetPath::TargetPath(std::string root, std::vector<std::string> allowed, FileSystem* fs)
     : mFS(fs), mRoot(normalize(root).value_or("/")), mAllowed(std::move(allowed)) {
-  if (mRoot == "/") mRoot.clear();
-  // The root is the administrator's choice, so a link there is followed;
-  // nothing below it ever is.
-  mRootFd = System::openDirectory(mRoot.empty() ? "/" : mRoot, true);
+  // The root is the administrator's choice: a link there is followed.
+  mRootFd = System::openDirectory(mRoot, true);
   if (!mRootFd) mRootError = errno;
 }
 
@@ -73,10 +70,6 @@ bool TargetPath::allowed(const std::string& path) const {
   return false;
 }
 
-std::string TargetPath::local(const std::string& normalizedRemote) const {
-  return mRoot.empty() ? normalizedRemote : mRoot + normalizedRemote;
-}
-
 std::string TargetPath::directoryOf(const std::string& remote) {
   const std::string::size_type slash = remote.rfind('/');
   return slash == 0 || slash == std::string::npos ? "/" : remote.substr(0, slash);
@@ -91,7 +84,7 @@ System::FileDescriptor TargetPath::walk(const std::string& dir, bool create,
                                         std::vector<std::string>* created,
                                         std::string& reason) const {
   if (!mRootFd) {
-    reason = "Root directory " + quoted(mRoot.empty() ? "/" : mRoot) + ": " +
+    reason = "Root directory " + quoted(mRoot) + ": " +
              System::errorText(mRootError);
     errno = mRootError;
     return System::FileDescriptor();
@@ -193,8 +186,7 @@ bool TargetPath::resolve(const std::string& remote, const std::string& baseName,
   if (baseName.size() > kMaxName) {
     return refuse("File name " + quoted(baseName) + ": " + System::errorText(ENAMETOOLONG));
   }
-  // What is at the path decides where the file goes; when it goes to the
-  // path itself, the same look says whether something is in the way.
+  // What is at the path decides where the file goes, or is in its way.
   FileAttributes atPath;
   bool looked = false, found = false;
   bool intoDirectory = remote.back() == '/' || knownDirs.count(*norm) > 0;
@@ -213,7 +205,6 @@ bool TargetPath::resolve(const std::string& remote, const std::string& baseName,
   if (out.mTarget == "/") {
     return refuse("Remote path " + quoted(remote) + " names the root directory");
   }
-  out.mLocal = local(out.mTarget);
   out.mParentFd =
       stagingDirectory(directoryOf(out.mTarget), beforeMake, &out.mCreatedDirs, reason);
   if (out.mParentFd < 0) return refuse(out.mTarget + ": " + reason);

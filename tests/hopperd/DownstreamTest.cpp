@@ -1,6 +1,4 @@
-// The relay link against a scripted next host reached over a local socket
-// pair, so that its replies can be timed against the link's own steps and
-// what it sends can be read byte for byte.
+// The relay link against a scripted next host over a local socket pair.
 #include "hopperd/Downstream.h"
 
 #include <gtest/gtest.h>
@@ -16,28 +14,9 @@
 
 namespace {
 
-// Answers the link's handshake, relay identity and begin, and its question
-// which file the host holds last: none.
-void acceptUpload(TCPStream& link) {
-  ASSERT_EQ(Protocol::readCode(link), C2H_NEW_GET_VERSION);
-  Protocol::readVersionRequest(link);
-  Protocol::writeVersionReply(link);
-  link.flush();
-  ASSERT_EQ(Protocol::readCode(link), H2H_RELAY_IDENTITY);
-  Protocol::readRelayIdentity(link);
-  ASSERT_EQ(Protocol::readCode(link), C2H_BEGIN_UPLOAD);
-  std::vector<std::string> hosts;
-  bool stopAgents = false;
-  Protocol::readBegin(link, hosts, stopAgents);
-  Protocol::writeBeginReply(link, BeginResult());
-  link.flush();
-  ASSERT_EQ(Protocol::readCode(link), H2H_LAST_FILE);
-  Protocol::writeLastFileReply(link, LastFile());
-  link.flush();
-}
-
-// Serves the link's first connection on a thread with serve(fd, link);
-// every later one (a probe of a silent host) is closed unanswered.
+// Serves the link's first connection on a thread: accepts the upload (the
+// host holds no file yet), then serve(fd, link). Later connections (probes
+// of a silent host) are refused.
 class ScriptedHost : public Connector {
  public:
   explicit ScriptedHost(std::function<void(int, TCPStream&)> serve) : mServe(std::move(serve)) {}
@@ -52,8 +31,22 @@ class ScriptedHost : public Connector {
                               mutable {
       TCPStream link(std::move(socket));
       link.socket().setReadTimeout(10000);
+      std::vector<std::string> hosts;
+      bool stopAgents = false;
       try {
-        acceptUpload(link);
+        EXPECT_EQ(Protocol::readCode(link), C2H_NEW_GET_VERSION);
+        Protocol::readVersionRequest(link);
+        Protocol::writeVersionReply(link);
+        link.flush();
+        EXPECT_EQ(Protocol::readCode(link), H2H_RELAY_IDENTITY);
+        Protocol::readRelayIdentity(link);
+        EXPECT_EQ(Protocol::readCode(link), C2H_BEGIN_UPLOAD);
+        Protocol::readBegin(link, hosts, stopAgents);
+        Protocol::writeBeginReply(link, BeginResult());
+        link.flush();
+        EXPECT_EQ(Protocol::readCode(link), H2H_LAST_FILE);
+        Protocol::writeLastFileReply(link, LastFile());
+        link.flush();
         mServe(fd, link);
       } catch (const LinkLost&) {
       }
@@ -77,11 +70,9 @@ void waitUntilRead(int fd) {
 
 }  // namespace
 
-// The next host sends its commit reply before the commit comes and waits
-// until the link's reader has taken it: the order a fast host and a writer
-// descheduled right after sending its commit produce. The reply still
-// answers that commit: the link neither waits for the host's time-out nor
-// reports it lost.
+// The host's commit reply is taken by the link's reader before the link's
+// writer records sending the commit (a fast host, a descheduled writer): it
+// still answers that commit, and the host is not reported lost.
 TEST(DownstreamReplyTest, ACommitReplyReadBeforeTheCommitIsRecordedStillCounts) {
   std::promise<void> taken;
   ScriptedHost host([&taken](int fd, TCPStream& link) {
@@ -102,10 +93,9 @@ TEST(DownstreamReplyTest, ACommitReplyReadBeforeTheCommitIsRecordedStillCounts) 
   EXPECT_TRUE(link.lostHosts().empty());
 }
 
-// When the link holds less of a file than this host's staged copy (its
-// part ended early, then the file went on from further on, as after a head
-// change), the missing bytes go from the copy before the new ones; what the
-// part's live data did not bring goes from the copy when the part ends.
+// A part that went on only in part, then the file resumed further on (as
+// after a head change): the link gets the missing bytes from the staged copy
+// first, and what the live data did not bring when the part ends.
 TEST(DownstreamReplyTest, TheLinkGetsWhatItMissesFromTheStagedCopy) {
   TempDir dir;
   const std::string content = TempDir::pattern(300000);
@@ -116,8 +106,7 @@ TEST(DownstreamReplyTest, TheLinkGetsWhatItMissesFromTheStagedCopy) {
   ASSERT_TRUE(copy.create(root.get(), nullptr, error)) << error;
   ASSERT_TRUE(copy.append(content.data(), 200000, error)) << error;
   {
-    // Collects the file's bytes part by part until the link closes; each
-    // part must continue the bytes before it.
+    // Each part must continue the bytes before it.
     ScriptedHost host([&received](int, TCPStream& link) {
       while (Protocol::readCode(link) == H2H_FILE_PART) {
         const FilePart part = Protocol::readFilePart(link);
@@ -141,7 +130,6 @@ TEST(DownstreamReplyTest, TheLinkGetsWhatItMissesFromTheStagedCopy) {
     link.startPart(info, 1, &copy, 200000, 100000);
     const std::string tail = content.substr(200000);  // a buffer of its own, as a relay's
     ASSERT_TRUE(copy.append(tail.data(), tail.size(), error)) << error;
-    // Only half of it goes on live: finishing the part sends the rest from the copy.
     link.forward(tail.data(), 50000, 200000);
     EXPECT_EQ(link.finishPart(), "");
     link.flush();
