@@ -9,9 +9,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <thread>
 #include <utility>
 
 #include "util/Assert.h"
@@ -59,6 +61,9 @@ bool move(const std::string& from, const std::string& to, bool) {
   return ::rename(from.c_str(), to.c_str()) == 0;
 }
 
+namespace {
+
+// Runs attempt() up to maxAttempts times; on failure errno is the first one's.
 bool retryOperation(const std::function<bool()>& attempt, int maxAttempts, long intervalMs) {
   if (attempt()) return true;
   const int firstError = errno;
@@ -69,6 +74,8 @@ bool retryOperation(const std::function<bool()>& attempt, int maxAttempts, long 
   errno = firstError;
   return false;
 }
+
+}  // namespace
 
 bool retryRemove(const std::string& path, bool force, int maxAttempts, long intervalMs) {
   return retryOperation([&] { return remove(path, force) == 0; }, maxAttempts, intervalMs);
@@ -168,34 +175,11 @@ std::unique_ptr<std::ifstream> make_ifstream(const std::string& path, std::ios::
   return std::make_unique<std::ifstream>(path, mode | std::ios::in);
 }
 
-ssize_t preadFull(int fd, void* buf, size_t n, int64_t offset) {
-  char* out = static_cast<char*>(buf);
-  size_t done = 0;
-  while (done < n) {
-    const ssize_t got = preadSome(fd, out + done, n - done, offset + static_cast<int64_t>(done));
-    if (got < 0) return -1;
-    if (got == 0) break;
-    done += static_cast<size_t>(got);
-  }
-  return static_cast<ssize_t>(done);
-}
-
 const char* getenv(const char* name) { return std::getenv(name); }
 
 void sleep(long ms) {
-  if (ms <= 0) return;
-  timespec end;
-  ::clock_gettime(CLOCK_MONOTONIC, &end);
-  end.tv_sec += static_cast<time_t>(ms / 1000);
-  end.tv_nsec += (ms % 1000) * 1000000L;
-  if (end.tv_nsec >= 1000000000L) {
-    ++end.tv_sec;
-    end.tv_nsec -= 1000000000L;
-  }
-  // The end is absolute, so an interrupted wait resumes towards the same
-  // instant: each pass finishes by then, however many signals arrive.
-  while (::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) {
-  }
+  // Towards a fixed instant, so interruptions neither end nor stretch it.
+  std::this_thread::sleep_until(std::chrono::steady_clock::now() + std::chrono::milliseconds(ms));
 }
 
 void currentTimeAsString(std::string& out) {

@@ -24,7 +24,9 @@ auto retryOnInterrupt(Call call) {
   return rc;
 }
 
-void fillFrom(FileAttributes& a, const struct stat& st) {
+// Copies st into a when the stat call that filled it returned rc == 0.
+bool fillFrom(FileAttributes& a, int rc, const struct stat& st) {
+  if (rc != 0) return false;
   a.mFSID.mDevice = static_cast<int64_t>(st.st_dev);
   a.mFSID.mIndex = static_cast<int64_t>(st.st_ino);
   a.mSize = static_cast<int64_t>(st.st_size);
@@ -36,35 +38,29 @@ void fillFrom(FileAttributes& a, const struct stat& st) {
   a.mOwnerId = static_cast<int>(st.st_uid);
   a.mGroupId = static_cast<int>(st.st_gid);
   a.mWindowsFlags = 0;
+  return true;
 }
 
 }  // namespace
 
 bool FileAttributes::stat(const std::string& path, SymLinkMode mode) {
   struct stat st;
-  const int rc = retryOnInterrupt([&] {
+  return fillFrom(*this, retryOnInterrupt([&] {
     return mode == DONT_FOLLOW_SYMLINK ? ::lstat(path.c_str(), &st) : ::stat(path.c_str(), &st);
-  });
-  if (rc != 0) return false;
-  fillFrom(*this, st);
-  return true;
+  }), st);
 }
 
 bool FileAttributes::statFd(int fd) {
   struct stat st;
-  if (::fstat(fd, &st) != 0) return false;
-  fillFrom(*this, st);
-  return true;
+  return fillFrom(*this, ::fstat(fd, &st), st);
 }
 
 bool FileAttributes::statAt(int dirFd, const std::string& name, SymLinkMode mode) {
   struct stat st;
   const int flags = mode == DONT_FOLLOW_SYMLINK ? AT_SYMLINK_NOFOLLOW : 0;
-  if (retryOnInterrupt([&] { return ::fstatat(dirFd, name.c_str(), &st, flags); }) != 0) {
-    return false;
-  }
-  fillFrom(*this, st);
-  return true;
+  return fillFrom(*this, retryOnInterrupt([&] {
+    return ::fstatat(dirFd, name.c_str(), &st, flags);
+  }), st);
 }
 
 FileType FileAttributes::getType() const {
@@ -206,9 +202,8 @@ FileDescriptor openFileAt(int dirFd, const std::string& name, bool forWrite) {
     errno = EINVAL;  // kept while fd closes
     return FileDescriptor();
   }
-  // O_NONBLOCK (there so that opening a FIFO cannot wait) stays: reads and
-  // writes of a regular file ignore it, and clearing it costs two calls per
-  // file at commit.
+  // O_NONBLOCK (so that opening a FIFO cannot wait) stays: regular files
+  // ignore it, and clearing it would cost two calls per file.
   return fd;
 }
 
@@ -242,6 +237,10 @@ ssize_t readSome(int fd, void* buf, size_t n) {
   return retryOnInterrupt([&] { return ::read(fd, buf, n); });
 }
 
+ssize_t preadSome(int fd, void* buf, size_t n, int64_t offset) {
+  return retryOnInterrupt([&] { return ::pread(fd, buf, n, static_cast<off_t>(offset)); });
+}
+
 ssize_t readFull(int fd, void* buf, size_t n) {
   char* p = static_cast<char*>(buf);
   size_t done = 0;
@@ -254,8 +253,16 @@ ssize_t readFull(int fd, void* buf, size_t n) {
   return static_cast<ssize_t>(done);
 }
 
-ssize_t preadSome(int fd, void* buf, size_t n, int64_t offset) {
-  return retryOnInterrupt([&] { return ::pread(fd, buf, n, static_cast<off_t>(offset)); });
+ssize_t preadFull(int fd, void* buf, size_t n, int64_t offset) {
+  char* p = static_cast<char*>(buf);
+  size_t done = 0;
+  while (done < n) {
+    const ssize_t r = preadSome(fd, p + done, n - done, offset + static_cast<int64_t>(done));
+    if (r < 0) return -1;
+    if (r == 0) break;
+    done += static_cast<size_t>(r);
+  }
+  return static_cast<ssize_t>(done);
 }
 
 int64_t seek(int fd, int64_t offset, int whence) {
@@ -269,9 +276,5 @@ bool syncFileSystem(int fd) { return ::syncfs(fd) == 0; }
 bool syncData(int fd) { return ::fdatasync(fd) == 0; }
 
 bool changeMode(int fd, int mode) { return ::fchmod(fd, static_cast<mode_t>(mode)) == 0; }
-
-bool truncateFile(int fd, int64_t length) {
-  return ::ftruncate(fd, static_cast<off_t>(length)) == 0;
-}
 
 }  // namespace System
