@@ -32,8 +32,8 @@ const char* getErrorMessage(bool showCode = false,
 // Convenience: getErrorMessageStr for an explicit error number.
 std::string errorText(int code, bool showCode = false);
 
-// Keeps errno intact across clean-up code: the constructor captures it, the
-// destructor writes it back. capture()/restore() may also be called directly.
+// Keeps errno intact across clean-up code: captured on construction, written
+// back on destruction.
 class SaveError {
  public:
   SaveError() { capture(); }
@@ -57,7 +57,6 @@ class SaveNetworkError : public SaveError {};
 class ErrnoException : public std::runtime_error {
  public:
   ErrnoException(const char* what, int code);
-  ErrnoException(const std::string& what, int code);
   // what + ": " + the platform text for code (or "unexpected errno N (hex)").
   static std::string format(const char* what, int code);
   int err() const { return mCode; }

@@ -15,8 +15,7 @@ namespace {
 // Reserved as the dispatcher's wake-up signal.
 const int kWakeUpSignal = SIGILL;
 
-// Blocks every signal in the calling thread for its lifetime, then restores
-// the previous mask.
+// Blocks every signal in the calling thread for its lifetime.
 class BlockAllSignals {
  public:
   BlockAllSignals() {
@@ -31,14 +30,6 @@ class BlockAllSignals {
  private:
   sigset_t mSaved;
 };
-
-void changeMask(int how, const std::vector<int>& signals) {
-  sigset_t set;
-  sigemptyset(&set);
-  for (int sig : signals) sigaddset(&set, sig);
-  const int ern = pthread_sigmask(how, &set, nullptr);
-  HC_ASSERT(ern == 0);
-}
 
 }  // namespace
 
@@ -61,17 +52,19 @@ SignalProcessing& SignalProcessing::getInstance() {
   return instance;
 }
 
-void SignalProcessing::block(const std::vector<int>& signals) { changeMask(SIG_BLOCK, signals); }
-
-void SignalProcessing::unblock(const std::vector<int>& signals) {
-  changeMask(SIG_UNBLOCK, signals);
+void SignalProcessing::block(const std::vector<int>& signals) {
+  sigset_t set;
+  sigemptyset(&set);
+  for (int sig : signals) sigaddset(&set, sig);
+  const int ern = pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  HC_ASSERT(ern == 0);
 }
 
 void SignalProcessing::configure(const Configuration& configuration) {
   Mutex::Lock lock(mMutex);
   HC_ASSERT(mState == unconfigured || mState == finished);
-  for (auto it = configuration.callbacks().begin(); it != configuration.callbacks().end(); ++it) {
-    HC_ASSERT_MSG(it->second, "! it->second.empty()");
+  for (const auto& entry : configuration.callbacks()) {
+    HC_ASSERT_MSG(entry.second, "! it->second.empty()");
   }
   mCallbacks = configuration.callbacks();
   mState = configured;
@@ -147,7 +140,6 @@ void SignalProcessing::requestStop() {
       mCond.broadcast();
       break;
     case running:
-      ++mPendingWakeUps;
       Thread::signal(mDispatcher, kWakeUpSignal);
       mState = stopping;
       mCond.broadcast();
@@ -217,7 +209,6 @@ void SignalProcessing::unixDispatch() {
       continue;
     }
     Mutex::Lock lock(mMutex);
-    if (sig == kWakeUpSignal && mPendingWakeUps > 0) --mPendingWakeUps;
     if (mState == stopping) break;
   }
   report(leaving, 0);
