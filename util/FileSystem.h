@@ -1,11 +1,7 @@
-// The file operations that the client's reading of its sources and the
-// daemon's staging and commit make, the walk to a target's directory
-// included, behind one interface so that tests can make a directory, a read,
-// a write, a flush or a rename fail (or corrupt what is written) without a
-// real faulty disk. FileSystem::posix() is the real one; a test derives from
-// FileSystem and overrides only the calls it disturbs, the others falling
-// through to the real ones. Every call reports failure as the System function
-// of the same name does (errno set).
+// The file operations of the client's sources and the daemon's staging and
+// commit behind one interface, so that a test can override just the calls it
+// makes fail. posix() is the real one; each call reports failure as the
+// System function of the same name does.
 #ifndef HIVE_UTIL_FILESYSTEM_H_
 #define HIVE_UTIL_FILESYSTEM_H_
 

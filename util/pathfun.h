@@ -34,15 +34,12 @@ void pathConcatEx(GenericStringKey a, GenericStringKey b, std::string& out, char
 // Returning form of pathConcatEx with '/'.
 std::string pathConcat(GenericStringKey a, GenericStringKey b);
 
-// Pushes the root's range (if any) then one range per non-empty component;
-// one empty range (0, 0) when nothing else was pushed. root, if given,
-// receives the root text. Returns whether the path is absolute.
+// Pushes the root's range (if any), then one per non-empty component, or
+// else (0, 0); root receives the root text. Returns whether it is absolute.
 bool splitPath(const std::string& path, std::vector<Range>& parts, std::string* root = nullptr);
 
-// When path lies below the absolute base (component-wise, case-sensitive),
-// cuts the base off path (equal paths give "") and returns true; otherwise
-// returns false and leaves path unchanged. A relative base is a programming
-// error.
+// When path lies below the absolute base (component-wise), cuts the base off
+// (equal paths give "") and returns true; otherwise leaves path unchanged.
 bool makeRelative(const std::string& base, std::string& path);
 
 #endif  // HIVE_UTIL_PATHFUN_H_
