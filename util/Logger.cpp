@@ -96,8 +96,7 @@ void Logger::finish(int mask, LogStream& stream) {
 
 void Logger::closeFileStream() {
   if (!mFileStream) return;
-  mFileStream->flush();
-  mFileStream->close();  // a failed close only sets the failbit
+  mFileStream->close();  // writes out the buffer; a failure only sets failbit
   mFileStream.reset();
   mOutputStream = nullptr;
 }
@@ -113,7 +112,6 @@ void Logger::openLogFile(bool truncate) {
   mFileStream = System::make_ofstream(
       mPath, std::ios::out | (truncate ? std::ios::trunc : std::ios::app | std::ios::ate), true);
   if (!mFileStream->good()) {
-    mFileStream->close();
     mFileStream.reset();
     mOutputStream = &std::clog;
     std::clog << "Unable to open log file: " << mPath << std::endl;
@@ -210,11 +208,7 @@ void LogStreambuf::clear() {
 }
 
 LogStream::LogStream() : std::ostream(static_cast<LogStreambuf*>(this)) {
-  // The same format as the logger's outputs, so buffered records read like
-  // direct ones (thread ids with "0x", fixed floating point).
-  setf(std::ios::showbase);
-  setf(std::ios::fixed, std::ios::floatfield);
-  precision(6);
+  Logger::setFormat(*this);  // buffered records read like direct ones
   mFmtFlags = flags();
 }
 

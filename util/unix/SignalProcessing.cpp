@@ -7,7 +7,6 @@
 #include <exception>
 #include <iostream>
 
-#include "util/StringUtilities.h"
 #include "util/System.h"
 
 namespace {
@@ -75,11 +74,6 @@ void SignalProcessing::configureRange(const std::vector<int>& signals, Callback 
   Configuration configuration;
   for (int sig : signals) configuration.set(sig, callback);
   configure(configuration);
-}
-
-void SignalProcessing::setObserver(Observer observer) {
-  Mutex::Lock lock(mMutex);
-  mObserver = std::move(observer);
 }
 
 SignalProcessing::State SignalProcessing::state() {
@@ -152,15 +146,6 @@ void SignalProcessing::requestStop() {
   }
 }
 
-void SignalProcessing::report(Progress progress, int sig) {
-  Observer observer;
-  {
-    Mutex::Lock lock(mMutex);
-    observer = mObserver;
-  }
-  if (observer) observer(progress, sig);
-}
-
 void SignalProcessing::dispatchOne(int sig) {
   Callback callback;
   {
@@ -169,7 +154,6 @@ void SignalProcessing::dispatchOne(int sig) {
     if (it != mCallbacks.end()) callback = it->second;
   }
   HC_ASSERT_MSG(callback, "! callback.empty()");
-  report(dispatching, sig);
   try {
     Action followUp = callback(sig);
     if (followUp) followUp();
@@ -197,9 +181,7 @@ void SignalProcessing::unixDispatch() {
   // same wait, so a stop request sent while a callback runs is not lost.
   sigaddset(&waitSet, kWakeUpSignal);
   for (;;) {
-    report(waiting, 0);
-    siginfo_t info;
-    const int sig = sigwaitinfo(&waitSet, &info);
+    const int sig = sigwaitinfo(&waitSet, nullptr);
     if (sig > 0 && sig != kWakeUpSignal) {
       dispatchOne(sig);
       continue;
@@ -211,7 +193,6 @@ void SignalProcessing::unixDispatch() {
     Mutex::Lock lock(mMutex);
     if (mState == stopping) break;
   }
-  report(leaving, 0);
   Mutex::Lock lock(mMutex);
   HC_ASSERT(mState == stopping);
   mState = finished;
