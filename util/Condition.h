@@ -13,11 +13,7 @@ class Condition {
   Condition(const Condition&) = delete;
   Condition& operator=(const Condition&) = delete;
 
-  // Releases the lock while waiting; the lock is held again on return.
-  // Spurious wake-ups are possible: re-check the predicate.
-  void wait(Mutex::Lock& lock) { mCond.wait(lock.mLock); }
-
-  // Waits until pred() is true.
+  // Releases the lock while waiting until pred() is true.
   template <typename Pred>
   void wait(Mutex::Lock& lock, Pred pred) { mCond.wait(lock.mLock, pred); }
 

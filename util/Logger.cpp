@@ -95,9 +95,7 @@ void Logger::finish(int mask, LogStream& stream) {
 }
 
 void Logger::closeFileStream() {
-  if (!mFileStream) return;
-  mFileStream->close();  // writes out the buffer; a failure only sets failbit
-  mFileStream.reset();
+  mFileStream.reset();  // writes out the buffer and closes
   mOutputStream = nullptr;
 }
 

@@ -20,10 +20,6 @@
 #include "util/Mutex.h"
 #include "util/Thread.h"
 
-namespace System {
-class OutputFile;
-}
-
 enum LogLevel { LOG_INFO = 1, LOG_DEBUG = 2 };
 
 using AbstractMask = int;
@@ -163,7 +159,7 @@ class Logger : public AbstractLogger {
   std::atomic<ThreadId> mThreadId{0};  // read without the lock by okToLog
   std::atomic<int> mGlobalMask{0};
   std::ostream* mOutputStream;
-  std::unique_ptr<System::OutputFile> mFileStream;  // owns mOutputStream when a file
+  std::unique_ptr<std::ostream> mFileStream;  // owns mOutputStream when a file
   std::string mPath;
   int64_t mMaxFileSize = 1073741824;
   int mFilesToRetain = 20;

@@ -42,7 +42,6 @@ class SaveError {
   SaveError& operator=(const SaveError&) = delete;
   void capture();
   void restore() const;
-  int code() const { return mCode; }
 
  private:
   int mCode = 0;

@@ -98,19 +98,20 @@ bool changeMode(const std::string& path, int mode) {
   return ::chmod(path.c_str(), static_cast<mode_t>(mode)) == 0;
 }
 
-// The stream buffer of OutputFile: a fixed buffer in front of write(2).
-class OutputFile::Buffer : public std::streambuf {
+namespace {
+
+// The stream buffer of make_ofstream: a fixed buffer in front of write(2), on
+// a descriptor opened as the caller chose (close-on-exec in particular).
+class OutputBuffer : public std::streambuf {
  public:
-  explicit Buffer(FileDescriptor fd) : mFd(std::move(fd)) { setp(mData, mData + sizeof mData); }
-  ~Buffer() override { writeOut(); }
-  Buffer(const Buffer&) = delete;
-  Buffer& operator=(const Buffer&) = delete;
+  explicit OutputBuffer(FileDescriptor fd) : mFd(std::move(fd)) {
+    setp(mData, mData + sizeof mData);
+  }
+  ~OutputBuffer() override { writeOut(); }
+  OutputBuffer(const OutputBuffer&) = delete;
+  OutputBuffer& operator=(const OutputBuffer&) = delete;
 
   bool isOpen() const { return mFd.valid(); }
-  bool close() {
-    const bool written = writeOut();
-    return mFd.close() && written;
-  }
 
  protected:
   int_type overflow(int_type c) override {
@@ -144,21 +145,20 @@ class OutputFile::Buffer : public std::streambuf {
   char mData[8192];
 };
 
-OutputFile::OutputFile(FileDescriptor fd)
-    : std::ostream(nullptr), mBuffer(std::make_unique<Buffer>(std::move(fd))) {
-  rdbuf(mBuffer.get());  // also clears the bad state set by a null buffer
-  if (!mBuffer->isOpen()) setstate(std::ios::failbit);
-}
+class OutputFile : public std::ostream {
+ public:
+  explicit OutputFile(FileDescriptor fd) : std::ostream(nullptr), mBuffer(std::move(fd)) {
+    rdbuf(&mBuffer);  // also clears the bad state set by a null buffer
+    if (!mBuffer.isOpen()) setstate(std::ios::failbit);
+  }
 
-OutputFile::~OutputFile() = default;
+ private:
+  OutputBuffer mBuffer;
+};
 
-bool OutputFile::is_open() const { return mBuffer->isOpen(); }
+}  // namespace
 
-void OutputFile::close() {
-  if (!mBuffer->isOpen() || !mBuffer->close()) setstate(std::ios::failbit);
-}
-
-std::unique_ptr<OutputFile> make_ofstream(const std::string& path, std::ios::openmode mode,
+std::unique_ptr<std::ostream> make_ofstream(const std::string& path, std::ios::openmode mode,
                                           bool closeOnExec) {
   int flags = O_WRONLY | O_CREAT | ((mode & std::ios::app) ? O_APPEND : O_TRUNC);
   if (closeOnExec) flags |= O_CLOEXEC;

@@ -146,29 +146,11 @@ FileDescriptor openForRead(const std::string& path, bool followSymlink = true);
 // open(O_RDONLY|O_DIRECTORY|O_CLOEXEC), plus O_NOFOLLOW unless followSymlink.
 FileDescriptor openDirectory(const std::string& path, bool followSymlink = false);
 
-// A buffered output stream on a descriptor it owns; tellp() and seekp() count
-// every byte written. The destructor flushes and closes.
-class OutputFile : public std::ostream {
- public:
-  // Takes fd; an invalid one gives a stream in the failed state.
-  explicit OutputFile(FileDescriptor fd);
-  ~OutputFile() override;
-  OutputFile(const OutputFile&) = delete;
-  OutputFile& operator=(const OutputFile&) = delete;
-
-  bool is_open() const;
-  // Writes out the buffer and closes; failbit when either fails.
-  void close();
-
- private:
-  class Buffer;
-  std::unique_ptr<Buffer> mBuffer;
-};
-
 // New output file stream for path (mode 0666 before umask): appending with
 // std::ios::app, else truncated; std::ios::ate starts at the end. On failure
-// the stream's failbit is set.
-std::unique_ptr<OutputFile> make_ofstream(const std::string& path,
+// the stream's failbit is set. tellp() counts every byte written; the
+// destructor flushes and closes.
+std::unique_ptr<std::ostream> make_ofstream(const std::string& path,
                                           std::ios::openmode mode = std::ios::out,
                                           bool closeOnExec = true);
 // New input file stream for path opened with mode | in.

@@ -22,7 +22,6 @@ class Ticks {
   Ticks operator-(const Ticks& o) const { return Ticks(mTicks - o.mTicks); }
   Ticks operator+(const Ticks& o) const { return Ticks(mTicks + o.mTicks); }
   Ticks& operator+=(const Ticks& o) { mTicks += o.mTicks; return *this; }
-  Ticks& operator-=(const Ticks& o) { mTicks -= o.mTicks; return *this; }
   bool operator<(const Ticks& o) const { return mTicks < o.mTicks; }
   bool operator>(const Ticks& o) const { return mTicks > o.mTicks; }
   bool operator==(const Ticks& o) const { return mTicks == o.mTicks; }

@@ -150,25 +150,21 @@ int openAtRetrying(int dirFd, const std::string& name, int flags, int mode) {
   return retryOnInterrupt([&] { return ::openat(dirFd, name.c_str(), flags, mode_t(mode)); });
 }
 
-int openRetrying(const std::string& path, int flags, int mode) {
-  return openAtRetrying(AT_FDCWD, path, flags, mode);
-}
-
 }  // namespace
 
 FileDescriptor openForWrite(const std::string& path, int mode, int extraFlags) {
-  return FileDescriptor(
-      openRetrying(path, O_CREAT | O_WRONLY | O_NOFOLLOW | O_CLOEXEC | extraFlags, mode));
+  const int flags = O_CREAT | O_WRONLY | O_NOFOLLOW | O_CLOEXEC | extraFlags;
+  return FileDescriptor(openAtRetrying(AT_FDCWD, path, flags, mode));
 }
 
 FileDescriptor openForRead(const std::string& path, bool followSymlink) {
   return FileDescriptor(
-      openRetrying(path, O_RDONLY | O_CLOEXEC | (followSymlink ? 0 : O_NOFOLLOW), 0));
+      openAtRetrying(AT_FDCWD, path, O_RDONLY | O_CLOEXEC | (followSymlink ? 0 : O_NOFOLLOW), 0));
 }
 
 FileDescriptor openDirectory(const std::string& path, bool followSymlink) {
-  return FileDescriptor(
-      openRetrying(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC | (followSymlink ? 0 : O_NOFOLLOW), 0));
+  const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (followSymlink ? 0 : O_NOFOLLOW);
+  return FileDescriptor(openAtRetrying(AT_FDCWD, path, flags, 0));
 }
 
 FileDescriptor openDirectoryAt(int dirFd, const std::string& name) {
