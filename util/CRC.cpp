@@ -1,13 +1,9 @@
-// CRC-32C from lookup tables, and with the CPU's instruction where there is
-// one: SSE 4.2 crc32 on x86-64, the ARMv8 CRC extension on AArch64. Only the
-// functions that execute the instruction are compiled for it (a target
-// attribute), so the program still runs on CPUs without it.
-//
-// The instruction takes 8 bytes per step but its result is needed by the
-// next step three cycles later, while the CPU could start one per cycle. So
-// large inputs are cut into blocks of three equal streams, each checksummed
-// by its own dependency chain, and the three results are joined with
-// lookup tables that advance a register over a stream's length of zeros.
+// CRC-32C from lookup tables, and with the CPU's instruction (SSE 4.2, ARMv8
+// CRC) compiled only into the functions that use it, so the program still
+// runs on CPUs without it. The instruction's result is needed three cycles
+// later while one could start every cycle, so large inputs are cut into three
+// streams with their own dependency chains, joined by advancing a register
+// over a stream's length of zeros.
 #include "util/CRC.h"
 
 #include <array>

@@ -3,7 +3,6 @@
 #include <iomanip>
 #include <iostream>
 
-#include "util/StringUtilities.h"
 #include "util/System.h"
 
 namespace {

@@ -91,8 +91,7 @@ class Logger : public AbstractLogger {
   Logger(const Logger&) = delete;
   Logger& operator=(const Logger&) = delete;
 
-  // Scoped ownership of the log: locks, marks this thread as the writer and
-  // rolls a full file over.
+  // Scoped ownership: locks, marks this thread as the writer, rolls over.
   class Sentry {
    public:
     explicit Sentry(Logger& logger);
@@ -132,15 +131,13 @@ class Logger : public AbstractLogger {
   void start(int mask, LogStream& stream) override;
   void finish(int mask, LogStream& stream) override;
 
-  // False when the calling thread already holds a Sentry (logging again
-  // would deadlock).
+  // False when the calling thread holds a Sentry (logging would deadlock).
   bool okToLog() const;
   void setThread(ThreadId id) { mThreadId = id; }
   // Writes the record header to the output.
   void showContext();
 
-  // When mask is enabled and okToLog(): header, message, newline and flush
-  // under a Sentry.
+  // When mask is enabled and okToLog(): header, message and newline.
   void log(int mask, const std::string& message);
 
   // "[" local time "] " thread id in hex with "0x" ": ".

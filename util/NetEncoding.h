@@ -46,8 +46,7 @@ long convertTimeToNetFormat(long t);
 
 }  // namespace System
 
-// Items on a TCPStream; each returns the stream so items chain. int is an
-// int32 and long an int64 on the wire.
+// Items on a TCPStream, chaining; int is an int32 and long an int64.
 TCPStream& operator<<(TCPStream& s, int value);
 TCPStream& operator>>(TCPStream& s, int& value);
 TCPStream& operator<<(TCPStream& s, long value);
@@ -79,7 +78,7 @@ int32_t getInt32(TCPStream& in);
 int64_t getInt64(TCPStream& in);
 bool getBool(TCPStream& in);
 
-// Thrown when a peer announces a length or count outside the allowed range.
+// A length or count from the peer outside the allowed range.
 class LimitError : public std::runtime_error {
  public:
   explicit LimitError(const std::string& what) : std::runtime_error(what) {}

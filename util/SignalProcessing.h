@@ -28,8 +28,7 @@ class SignalProcessing {
   // Signal-to-callback map built before configure().
   class Configuration {
    public:
-    // Binds callback to sig and returns the one previously bound.
-    // SIGILL (4) can never be configured (assertion "sig != 4").
+    // Binds callback to sig; returns the previous one. Never SIGILL (4).
     Callback set(int sig, Callback callback);
     const CallbackMap& callbacks() const { return mCallbacks; }
 
@@ -58,8 +57,7 @@ class SignalProcessing {
   // Ends the dispatcher and waits until finished; never from a callback.
   void stop();
 
-  // After stop(): lets sig take its default effect (normally ending the
-  // process); returns only when that effect is to ignore it.
+  // After stop(): lets sig take its default effect (normally ending us).
   void defaultAction(int sig);
 
   State state();

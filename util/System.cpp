@@ -235,8 +235,7 @@ bool changeThreadMask(int how, int sig) {
 
 // The process-wide disposition of sig, with no flags and an empty mask.
 bool setDisposition(int sig, void (*handler)(int)) {
-  struct sigaction action;
-  std::memset(&action, 0, sizeof action);
+  struct sigaction action {};
   action.sa_handler = handler;
   sigemptyset(&action.sa_mask);
   return ::sigaction(sig, &action, nullptr) == 0;

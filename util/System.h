@@ -1,7 +1,5 @@
-// Operating-system services: files and directories, descriptors and streams,
-// environment, platform names, sleeping, signals and a shell runner. Unless
-// stated otherwise each reports failure by its return value with errno set
-// and never throws.
+// Operating-system services. Unless stated otherwise each reports failure by
+// its return value with errno set and never throws.
 #ifndef HIVE_UTIL_SYSTEM_H_
 #define HIVE_UTIL_SYSTEM_H_
 
@@ -146,10 +144,8 @@ FileDescriptor openForRead(const std::string& path, bool followSymlink = true);
 // open(O_RDONLY|O_DIRECTORY|O_CLOEXEC), plus O_NOFOLLOW unless followSymlink.
 FileDescriptor openDirectory(const std::string& path, bool followSymlink = false);
 
-// New output file stream for path (mode 0666 before umask): appending with
-// std::ios::app, else truncated; std::ios::ate starts at the end. On failure
-// the stream's failbit is set. tellp() counts every byte written; the
-// destructor flushes and closes.
+// New output file stream for path (mode 0666): appending with std::ios::app,
+// else truncated; std::ios::ate starts at the end; failbit on failure.
 std::unique_ptr<std::ostream> make_ofstream(const std::string& path,
                                           std::ios::openmode mode = std::ios::out,
                                           bool closeOnExec = true);
@@ -157,9 +153,7 @@ std::unique_ptr<std::ostream> make_ofstream(const std::string& path,
 std::unique_ptr<std::ifstream> make_ifstream(const std::string& path,
                                              std::ios::openmode mode = std::ios::in);
 
-// Names inside the directory dirFd: none of these follows a link at the
-// name, so a walk from a held directory cannot be led elsewhere.
-
+// Names inside the directory dirFd; none follows a link at the name.
 // A directory: a link gives ELOOP, a non-directory ENOTDIR.
 FileDescriptor openDirectoryAt(int dirFd, const std::string& name);
 // mkdirat (mode before umask); any existing name gives EEXIST.
@@ -211,8 +205,7 @@ int runShellCommand(const std::string& command);
 bool disableSIGPIPE();
 // Ignores SIGPIPE in the whole process.
 bool ignoreSIGPIPE();
-// An empty SIGUSR1 handler, unblocked in the calling thread, so that the
-// signal interrupts blocking calls.
+// An empty SIGUSR1 handler, unblocked here, so it interrupts blocking calls.
 bool trapUSR1ButDoNothing();
 // "No signal" for 0x80000000, else the platform text, else "Unknown signal N".
 std::string signalName(int sig);

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/sendfile.h>
@@ -17,11 +16,9 @@
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
-#include <ctime>
 #include <optional>
 
 #include "util/Mutex.h"
-#include "util/StringUtilities.h"
 #include "util/System.h"
 
 namespace {

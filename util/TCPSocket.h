@@ -28,8 +28,7 @@ class TCPSpy {
   virtual void onWrite(const char* data, int length) = 0;
 };
 
-// An encryption layer on a connected socket: reads, writes and readiness go
-// through it instead of the descriptor (same contracts as TCPSocket's).
+// An encryption layer through which reads, writes and readiness then go.
 class TCPSecureLayer {
  public:
   virtual ~TCPSecureLayer() = default;
@@ -73,7 +72,7 @@ class TCPSocket {
 
   // Closes the descriptor (and drops the secure layer); safe when closed.
   void close();
-  // Shuts both directions down, ending a read blocked in another thread; with
+  // Shuts both directions down (ending a read blocked in another thread); with
   // reset the close that follows resets the connection.
   void shutdown(bool reset = false);
   // A second socket on the same connection (a duplicated descriptor) without
@@ -87,8 +86,8 @@ class TCPSocket {
   // True when a read would not block within ms milliseconds (-1: no limit).
   bool isReadable(int ms);
 
-  // Reads at most length bytes within the read time-out. Returns the count, 0
-  // when the peer closed, -1 on failure or time-out.
+  // At most length bytes within the read time-out: the count, 0 when the peer
+  // closed, -1 on failure or time-out.
   int read(char* buffer, int length);
   // Writes all length bytes; a result below length means failure.
   int write(const char* buffer, int length) { return write(buffer, length, nullptr, 0); }
@@ -114,8 +113,7 @@ class TCPSocket {
   // No wait goes past deadline (then ETIMEDOUT); a default Ticks() clears it.
   void setDeadline(const Ticks& deadline) { mDeadline = deadline; }
   const Ticks& getDeadline() const { return mDeadline; }
-  // Waits fail with ECANCELED within 100 ms of *flag becoming true; the flag
-  // must outlive the socket's use; null removes it.
+  // Waits fail with ECANCELED within 100 ms of *flag becoming true.
   void setCancelFlag(const std::atomic<bool>* flag) { mCancelFlag = flag; }
   // Asked when a read or write has waited its whole time-out without progress:
   // true waits one more time-out, false (or no handler) fails with ETIMEDOUT.
@@ -137,9 +135,9 @@ class TCPSocket {
   // The local port of a bound socket (-1 when unknown).
   int getListenerPort() const;
 
-  // The socket's pending error (SO_ERROR), or the query's errno on failure.
+  // SO_ERROR, or the query's errno.
   int getSocketError() const;
-  // The last system error number recorded by a failed call on this socket.
+  // The error number of the last failed call.
   int getLastError() const { return mLastError; }
   // The system text for getLastError().
   std::string getErrorMessage() const;
@@ -162,9 +160,8 @@ class TCPSocket {
   [[noreturn]] void failAndClose(int error, const std::string& prefix);
   // True when some limit must be able to end a write, so send() must not block.
   bool writesBounded() const;
-  // Waits for events up to timeoutMs (-1: no limit) within the deadline and
-  // the cancel flag, asking the stall handler when stallable. False with
-  // mLastError set when the wait ended without them.
+  // Waits for events up to timeoutMs (-1: none) and the other limits, asking
+  // the stall handler when stallable; false with mLastError set.
   bool await(short events, int timeoutMs, bool stallable);
   // True (with mLastError set) when cancelled or past the deadline.
   bool limitReached();

@@ -23,13 +23,9 @@ uint32_t getBE32(const char* in) {
 
 }  // namespace
 
-TCPStreamBuf::TCPStreamBuf(TCPSocket* socket)
-    : mSocket(socket),
-      mPutBackSize(kPutBackSize),
-      mBufSize(kBufSize),
-      mOutBufSize(kOutBufSize),
-      mBufferIn(kPutBackSize + kBufSize),
-      mBufferOut(kCRCHeaderSize + kOutBufSize) {
+TCPStreamBuf::TCPStreamBuf(TCPSocket* socket) : mSocket(socket), mPutBackSize(kPutBackSize) {
+  setInputBufferSize(kBufSize);
+  setOutputBufferSize(kOutBufSize);
   reset();  // also sets the checksum state
 }
 

@@ -21,8 +21,7 @@
 
 #include "util/TCPSocket.h"
 
-// The connection is gone: closed or reset by the peer, timed out, or a send
-// failed.
+// The connection is gone: closed, reset, timed out, or a send failed.
 class LinkLost : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -42,11 +41,9 @@ class TCPStreamBuf : public std::streambuf {
 
   // Forgets buffered input and unsent output and the checksum progress.
   void reset();
-  // Refills read up to size bytes instead of kBufSize; only while nothing is
-  // buffered.
+  // Refills read up to size bytes; only while nothing is buffered.
   void setInputBufferSize(int size);
-  // Collects up to size bytes of output before sending instead of
-  // kOutBufSize; only while nothing is queued.
+  // Sends output in blocks of up to size bytes; only while nothing is queued.
   void setOutputBufferSize(int size);
   // Installs the checksum mismatch callback; empty switches the mode off.
   void setCRCMode(std::function<void()> onMismatch);
@@ -66,8 +63,7 @@ class TCPStreamBuf : public std::streambuf {
 
  private:
   bool flushOutput();
-  // Reads up to maxLength payload bytes, unwrapping checksummed blocks; <= 0
-  // on end of file or failure.
+  // Reads up to maxLength payload bytes; <= 0 on end of file or failure.
   int fillInput(char* dest, int maxLength);
   bool readBlockHeader();
   void keepPutBack(const char* end, std::streamsize count);
@@ -96,16 +92,14 @@ class TCPRawStream : public std::iostream {
   TCPRawStream();
   // Over an already connected socket.
   explicit TCPRawStream(std::unique_ptr<TCPSocket> socket);
-  // Connects at once; readTimeoutMs bounds every wait for incoming data (-1:
-  // no limit). Throws TCPSocket::exception.
+  // Connects at once, reads waiting up to readTimeoutMs. Throws.
   TCPRawStream(const std::string& host, int port, long timeoutMs, int readTimeoutMs = -1);
   // Unsent output is dropped: the peer may be gone and this must not block.
   ~TCPRawStream() override = default;
   TCPRawStream(const TCPRawStream&) = delete;
   TCPRawStream& operator=(const TCPRawStream&) = delete;
 
-  // Drops buffered data and the stream state and connects afresh. Throws
-  // TCPSocket::exception.
+  // Drops buffered data and the stream state and connects afresh. Throws.
   void connect(const std::string& host, int port, long timeoutMs);
   // As TCPSocket::listen and accept.
   void listen(const std::string& address, int port, int backlog = 64);
@@ -114,8 +108,7 @@ class TCPRawStream : public std::iostream {
   void close();
 
   bool isConnected() const { return mSocket->isConnected(); }
-  // True when input is buffered or arrives within ms milliseconds (-1: no
-  // limit).
+  // True when input is buffered or arrives within ms (-1: no limit).
   bool isReadable(int ms) { return mTCPStreamBuf->buffered() > 0 || mSocket->isReadable(ms); }
 
   // Checksummed block mode: a received block whose checksum differs sets

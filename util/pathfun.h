@@ -21,15 +21,14 @@ extern const char* const sPathSeparators;
 // and "a/b/" gives "a/b".
 std::string getDirectoryName(const std::string& path);
 
-// Everything after the last '/'; "" without any '/' (deliberately) and for
-// a path ending in '/'.
+// Everything after the last '/'; "" without any '/' (deliberately).
 std::string getFileName(const std::string& path);
 
 // True when the path has a root: a leading '/' on this platform.
 bool isAbsolute(GenericStringKey path, System::OSID os = System::OS_LINUX);
 
-// out = a + sep + b. An empty side yields the other; an absolute b wins;
-// no separator is added when a already ends in '/'.
+// a + sep + b; an empty side yields the other, an absolute b wins, and a
+// trailing '/' of a stands for sep.
 void pathConcatEx(GenericStringKey a, GenericStringKey b, std::string& out, char sep = '/');
 // Returning form of pathConcatEx with '/'.
 std::string pathConcat(GenericStringKey a, GenericStringKey b);

@@ -210,9 +210,8 @@ void SignalProcessing::defaultAction(int sig) {
   sigemptyset(&one);
   sigaddset(&one, sig);
   pthread_sigmask(SIG_BLOCK, &one, &savedMask);
-  struct sigaction defaultDisposition, savedAction;
+  struct sigaction defaultDisposition {}, savedAction;
   defaultDisposition.sa_handler = SIG_DFL;
-  defaultDisposition.sa_flags = 0;
   sigemptyset(&defaultDisposition.sa_mask);
   sigaction(sig, &defaultDisposition, &savedAction);
   pthread_sigmask(SIG_UNBLOCK, &one, nullptr);

@@ -1,5 +1,4 @@
 // File metadata, raw directory listing and descriptor services.
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -41,6 +40,21 @@ bool fillFrom(FileAttributes& a, int rc, const struct stat& st) {
   return true;
 }
 
+int openAtRetrying(int dirFd, const std::string& name, int flags, int mode) {
+  return retryOnInterrupt([&] { return ::openat(dirFd, name.c_str(), flags, mode_t(mode)); });
+}
+
+// Layout of the records returned by getdents64.
+struct RawDirEntry {
+  uint64_t d_ino;
+  int64_t d_off;
+  unsigned short d_reclen;
+  unsigned char d_type;
+  char d_name[1];
+};
+
+const std::size_t kDirBufferSize = 5370;
+
 }  // namespace
 
 bool FileAttributes::stat(const std::string& path, SymLinkMode mode) {
@@ -80,21 +94,6 @@ bool FileAttributes::isDirectory() const { return S_ISDIR(mMode); }
 bool FileAttributes::isSymlink() const { return S_ISLNK(mMode); }
 
 namespace System {
-
-namespace {
-
-// Layout of the records returned by getdents64.
-struct RawDirEntry {
-  uint64_t d_ino;
-  int64_t d_off;
-  unsigned short d_reclen;
-  unsigned char d_type;
-  char d_name[1];
-};
-
-const std::size_t kDirBufferSize = 5370;
-
-}  // namespace
 
 bool readDirectory(const std::string& path, std::vector<std::string>& names) {
   FileDescriptor dir = openDirectory(path, true);
@@ -143,14 +142,6 @@ bool FileDescriptor::close() {
   // Linux releases the descriptor even when close reports EINTR.
   return ::close(fd) == 0 || errno == EINTR;
 }
-
-namespace {
-
-int openAtRetrying(int dirFd, const std::string& name, int flags, int mode) {
-  return retryOnInterrupt([&] { return ::openat(dirFd, name.c_str(), flags, mode_t(mode)); });
-}
-
-}  // namespace
 
 FileDescriptor openForWrite(const std::string& path, int mode, int extraFlags) {
   const int flags = O_CREAT | O_WRONLY | O_NOFOLLOW | O_CLOEXEC | extraFlags;
