@@ -1,9 +1,6 @@
-// CRC-32C (Castagnoli) checksum, used beside each checksummed block on the
-// raw TCP stream. crc32c picks, once per process, the CPU's CRC-32C
-// instruction where there is one (SSE 4.2 on x86-64, the ARMv8 CRC
-// extension on AArch64) and the table-driven code otherwise; the two give
-// identical results, and both are exposed so tests and benchmarks can
-// compare them.
+// CRC-32C (Castagnoli) checksum of checksummed stream blocks. crc32c uses the
+// CPU's instruction where there is one and lookup tables otherwise; both are
+// exposed so that tests and benchmarks can compare them.
 #ifndef HIVE_UTIL_CRC_H_
 #define HIVE_UTIL_CRC_H_
 

@@ -13,20 +13,14 @@ class Condition {
   Condition(const Condition&) = delete;
   Condition& operator=(const Condition&) = delete;
 
-  // Releases the lock while waiting; the lock is held again on return.
-  // Spurious wake-ups are possible: re-check the predicate.
-  void wait(Mutex::Lock& lock) { mCond.wait(lock.mLock); }
-
-  // Waits until pred() is true.
+  // Releases the lock while waiting until pred() is true.
   template <typename Pred>
   void wait(Mutex::Lock& lock, Pred pred) { mCond.wait(lock.mLock, pred); }
 
-  // Waits until woken or the wall-clock deadline passes. Returns false when
-  // the deadline passed.
+  // Waits until woken or the wall-clock deadline; false when it passed.
   bool waitUntil(Mutex::Lock& lock, const Time& deadline);
 
-  // Waits until pred() is true or ms milliseconds have passed (monotonic).
-  // Returns the final value of pred().
+  // Waits until pred() or ms milliseconds have passed; the final pred().
   template <typename Pred>
   bool waitFor(Mutex::Lock& lock, long ms, Pred pred) {
     return mCond.wait_for(lock.mLock, std::chrono::milliseconds(ms), pred);

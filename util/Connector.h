@@ -1,7 +1,5 @@
-// Connector: where a socket's connect() goes. A socket without one makes a
-// TCP connection; tests install a connector that pairs the caller with a
-// peer inside the test process (a connected local socket pair), so that the
-// upload engine and the relay link run without daemons on the network.
+// Connector: where a socket's connect() goes instead of TCP; tests connect to
+// a peer inside the test process this way.
 #ifndef HIVE_UTIL_CONNECTOR_H_
 #define HIVE_UTIL_CONNECTOR_H_
 

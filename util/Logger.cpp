@@ -3,7 +3,6 @@
 #include <iomanip>
 #include <iostream>
 
-#include "util/StringUtilities.h"
 #include "util/System.h"
 
 namespace {
@@ -12,6 +11,8 @@ namespace {
 [[maybe_unused]] Logger& sInstance = Logger::getInstance();
 
 std::string quoted(const std::string& s) { return "\"" + s + "\""; }
+
+const std::size_t kShrinkLimit = 1024;
 
 }  // namespace
 
@@ -93,10 +94,7 @@ void Logger::finish(int mask, LogStream& stream) {
 }
 
 void Logger::closeFileStream() {
-  if (!mFileStream) return;
-  mFileStream->flush();
-  mFileStream->close();  // a failed close only sets the failbit
-  mFileStream.reset();
+  mFileStream.reset();  // writes out the buffer and closes
   mOutputStream = nullptr;
 }
 
@@ -111,7 +109,6 @@ void Logger::openLogFile(bool truncate) {
   mFileStream = System::make_ofstream(
       mPath, std::ios::out | (truncate ? std::ios::trunc : std::ios::app | std::ios::ate), true);
   if (!mFileStream->good()) {
-    mFileStream->close();
     mFileStream.reset();
     mOutputStream = &std::clog;
     std::clog << "Unable to open log file: " << mPath << std::endl;
@@ -170,4 +167,62 @@ void Logger::rollLog() {
   std::clog << "Logger::rollLog() failed to rename " << quoted(mPath) << " to " << quoted(first)
             << ": " << System::errorText(error) << std::endl;
   mOutputStream = &std::clog;
+}
+
+LogStreambuf::LogStreambuf() { resetPutArea(0); }
+
+void LogStreambuf::resetPutArea(std::size_t used) {
+  mBuffer.resize(mBuffer.capacity());
+  char* base = &mBuffer[0];
+  setp(base, base + mBuffer.size());
+  pbump(static_cast<int>(used));
+}
+
+LogStreambuf::int_type LogStreambuf::overflow(int_type c) {
+  if (traits_type::eq_int_type(c, traits_type::eof())) return 0;
+  const std::size_t used = static_cast<std::size_t>(pptr() - pbase());
+  mBuffer.resize(used);
+  mBuffer.push_back(traits_type::to_char_type(c));
+  resetPutArea(used + 1);
+  return 0;
+}
+
+void LogStreambuf::nest() { mNest.push_back(static_cast<uint64_t>(pptr() - pbase())); }
+
+std::pair<const char*, std::size_t> LogStreambuf::unnest() {
+  uint64_t start = 0;
+  if (!mNest.empty()) {
+    start = mNest.back();
+    mNest.pop_back();
+  }
+  return {pbase() + start, static_cast<std::size_t>(pptr() - pbase()) - start};
+}
+
+void LogStreambuf::clear() {
+  mNest.clear();
+  if (mBuffer.size() > kShrinkLimit) std::string(kShrinkLimit, '\0').swap(mBuffer);
+  resetPutArea(0);
+}
+
+LogStream::LogStream() : std::ostream(static_cast<LogStreambuf*>(this)) {
+  Logger::setFormat(*this);  // buffered records read like direct ones
+  mFmtFlags = flags();
+}
+
+void LogStream::start(AbstractLogger& logger, int mask) {
+  flags(mFmtFlags);
+  LogStreambuf::clear();
+  mLogger = &logger;
+  mMask = mask;
+  logger.start(mask, *this);
+}
+
+void LogStream::finish() {
+  if (mLogger == nullptr) return;
+  try {
+    mLogger->finish(mMask, *this);
+    mLogger = nullptr;
+  } catch (...) {
+    // A log record must never take its writer down.
+  }
 }

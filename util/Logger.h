@@ -1,10 +1,8 @@
 // The process-wide diagnostic log. Records go to std::clog (the default) or
 // to a log file that rolls over into numbered backlogs (path.1 newest ...
-// path.N oldest) when it reaches the size limit. Logging is off (mask 0)
-// until a level is set: info is mask 1, debug mask 3 (debug includes info).
-//
-// Write a record with HC_LOG_INFO("text " << value); it costs one test of the
-// mask when logging is off.
+// path.N oldest) at the size limit. Logging is off (mask 0) until a level is
+// set: info is mask 1, debug mask 3. Write with HC_LOG_INFO("text " << value).
+// AbstractLogger is what a buffered per-record stream (LogStream) talks to.
 #ifndef HIVE_UTIL_LOGGER_H_
 #define HIVE_UTIL_LOGGER_H_
 
@@ -14,17 +12,71 @@
 #include <memory>
 #include <ostream>
 #include <sstream>
+#include <streambuf>
 #include <string>
+#include <utility>
+#include <vector>
 
-#include "util/AbstractLogger.h"
 #include "util/Mutex.h"
 #include "util/Thread.h"
 
-namespace System {
-class OutputFile;
-}
-
 enum LogLevel { LOG_INFO = 1, LOG_DEBUG = 2 };
+
+using AbstractMask = int;
+
+class LogStream;
+
+class AbstractLogger {
+ public:
+  // The mask of levels this logger accepts.
+  virtual int accepts() = 0;
+  // Begins a record in stream (e.g. writes its header).
+  virtual void start(int mask, LogStream& stream) = 0;
+  // Ends the record and emits it.
+  virtual void finish(int mask, LogStream& stream) = 0;
+  virtual ~AbstractLogger() = default;
+};
+
+// Growable in-memory buffer; records may nest, each remembering its start.
+class LogStreambuf : public std::streambuf {
+ public:
+  LogStreambuf();
+  // Marks the start of a (nested) record at the current end of text.
+  void nest();
+  // Pops the innermost record; returns (start, length) of its text.
+  std::pair<const char*, std::size_t> unnest();
+  // Forgets all records; shrinks a buffer beyond 1024 characters.
+  void clear();
+
+ protected:
+  int_type overflow(int_type c) override;
+
+ private:
+  void resetPutArea(std::size_t used);
+
+  std::string mBuffer;
+  std::vector<uint64_t> mNest;
+};
+
+// Output stream over a LogStreambuf. start() opens a record for a logger,
+// insertions compose it, finish() hands it over.
+class LogStream : private LogStreambuf, public std::ostream {
+ public:
+  LogStream();
+  // Restores the initial format flags, clears the buffer, opens a record.
+  void start(AbstractLogger& logger, int mask);
+  // Emits the record through the logger; exceptions from it are swallowed.
+  void finish();
+  LogStreambuf& buffer() { return *this; }
+  using LogStreambuf::nest;
+  using LogStreambuf::unnest;
+
+ private:
+  std::ios::fmtflags mFmtFlags;  // captured at construction
+  AbstractLogger* mLogger = nullptr;
+  AbstractMask mMask = 0;
+};
+
 
 class Logger : public AbstractLogger {
  public:
@@ -39,8 +91,7 @@ class Logger : public AbstractLogger {
   Logger(const Logger&) = delete;
   Logger& operator=(const Logger&) = delete;
 
-  // Scoped ownership of the log: locks, marks this thread as the writer and
-  // rolls the file over when it is full.
+  // Scoped ownership: locks, marks this thread as the writer, rolls over.
   class Sentry {
    public:
     explicit Sentry(Logger& logger);
@@ -58,8 +109,7 @@ class Logger : public AbstractLogger {
   void setLogFile(const std::string& path);
   // Reopens the log file truncated.
   void clear();
-  // Reopens the log file by its path, appending: after log rotation moved
-  // the old file away, records go to a new file of that name.
+  // Reopens the log file by its path, appending (after an outside rotation).
   void reopen();
 
   void setGlobalMask(int mask) { mGlobalMask = mask; }
@@ -81,15 +131,13 @@ class Logger : public AbstractLogger {
   void start(int mask, LogStream& stream) override;
   void finish(int mask, LogStream& stream) override;
 
-  // False when the calling thread already holds a Sentry (logging again
-  // would deadlock).
+  // False when the calling thread holds a Sentry (logging would deadlock).
   bool okToLog() const;
   void setThread(ThreadId id) { mThreadId = id; }
   // Writes the record header to the output.
   void showContext();
 
-  // The whole record pattern: when mask is enabled and okToLog(), writes
-  // header, message, newline and flushes under a Sentry.
+  // When mask is enabled and okToLog(): header, message and newline.
   void log(int mask, const std::string& message);
 
   // "[" local time "] " thread id in hex with "0x" ": ".
@@ -108,7 +156,7 @@ class Logger : public AbstractLogger {
   std::atomic<ThreadId> mThreadId{0};  // read without the lock by okToLog
   std::atomic<int> mGlobalMask{0};
   std::ostream* mOutputStream;
-  std::unique_ptr<System::OutputFile> mFileStream;  // owns mOutputStream when a file
+  std::unique_ptr<std::ostream> mFileStream;  // owns mOutputStream when a file
   std::string mPath;
   int64_t mMaxFileSize = 1073741824;
   int mFilesToRetain = 20;

@@ -26,7 +26,6 @@ class Mutex {
     Lock& operator=(const Lock&) = delete;
     void lock() { mLock.lock(); }
     void unlock() { mLock.unlock(); }
-    bool ownsLock() const { return mLock.owns_lock(); }
 
    private:
     friend class Condition;

@@ -84,8 +84,8 @@ long convertTimeToNetFormat(long t) { return t; }
 
 namespace {
 
-// Reads a trusted list: count default elements, each read in place; the
-// target is replaced even when the stream raises part-way.
+// A trusted list: count default elements, read in place; the target is
+// replaced even when the stream raises part-way.
 template <typename List, typename ReadElement>
 void readTrustedList(TCPStream& s, List& value, ReadElement readElement) {
   const int count = System::readInt32(s);
@@ -191,16 +191,24 @@ void getString(std::istream& in, std::string& s, int maxLength) {
   System::readBytes(in, s, length);
 }
 
-void getStringList(std::istream& in, StringList& out, int maxCount, int maxLength) {
+namespace {
+
+// A bounded list: the count is checked first, then each element is read by
+// readElement as its bytes arrive.
+template <typename List, typename ReadElement>
+void getList(std::istream& in, List& out, int maxCount, ReadElement readElement) {
   const int count = System::readInt32(in);
   if (in.fail()) return;
   System::checkRange(count, maxCount, "list count");
-  StringList result;
-  for (int i = 0; i < count && in.good(); ++i) {
-    result.emplace_back();
-    getString(in, result.back(), maxLength);
-  }
+  List result;
+  for (int i = 0; i < count && in.good(); ++i) readElement(result.emplace_back());
   out.swap(result);
+}
+
+}  // namespace
+
+void getStringList(std::istream& in, StringList& out, int maxCount, int maxLength) {
+  getList(in, out, maxCount, [&](std::string& s) { getString(in, s, maxLength); });
 }
 
 void getStringSet(std::istream& in, std::set<std::string>& out, int maxCount, int maxLength) {
@@ -211,16 +219,10 @@ void getStringSet(std::istream& in, std::set<std::string>& out, int maxCount, in
 }
 
 void getPairList(std::istream& in, StringIntPairList& out, int maxCount, int maxLength) {
-  const int count = System::readInt32(in);
-  if (in.fail()) return;
-  System::checkRange(count, maxCount, "list count");
-  StringIntPairList result;
-  for (int i = 0; i < count && in.good(); ++i) {
-    result.emplace_back();
-    getString(in, result.back().first, maxLength);
-    result.back().second = System::readInt32(in);
-  }
-  out.swap(result);
+  getList(in, out, maxCount, [&](std::pair<std::string, int>& p) {
+    getString(in, p.first, maxLength);
+    p.second = System::readInt32(in);
+  });
 }
 
 bool getBool(TCPStream& in) {

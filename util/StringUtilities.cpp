@@ -46,20 +46,16 @@ std::string getErrorMessageStr(bool showCode, const unsigned long* code, ErrorTy
     if (!text.empty() && text.back() == '.') text.pop_back();
   }
   if (showCode) {
-    char hex[32];
-    std::snprintf(hex, sizeof hex, "%#lx", number);
-    // %#x prints 0 without the prefix; keep the form uniform.
-    text += " (error code ";
-    text += number == 0 ? "0x0" : hex;
-    text += ")";
+    char suffix[48];
+    std::snprintf(suffix, sizeof suffix, " (error code 0x%lx)", number);
+    text += suffix;
   }
   return text;
 }
 
 const char* getErrorMessage(bool showCode, const unsigned long* code, ErrorType type) {
   thread_local std::string result;
-  // Copy into the existing storage so the previous pointer reads the new
-  // text instead of freed memory whenever the text fits.
+  // Assigned into the existing storage: an earlier pointer reads the new text.
   const std::string text = getErrorMessageStr(showCode, code, type);
   result.assign(text.data(), text.size());
   return result.c_str();
@@ -74,9 +70,6 @@ std::string errorText(int code, bool showCode) {
 
 ErrnoException::ErrnoException(const char* what, int code)
     : std::runtime_error(format(what, code)), mCode(code) {}
-
-ErrnoException::ErrnoException(const std::string& what, int code)
-    : ErrnoException(what.c_str(), code) {}
 
 std::string ErrnoException::format(const char* what, int code) {
   std::string text = System::platformText(code);

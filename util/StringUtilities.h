@@ -17,9 +17,8 @@ enum ErrorType { SYSTEM_ERROR = 0, NETWORK_ERROR = 1 };
 // Returns the current errno.
 int getLastError(ErrorType type = SYSTEM_ERROR);
 
-// Text for *code, or for the current errno when code is null. Never ends in a
-// full stop or a line end; with showCode, " (error code 0x<hex>)" follows.
-// errno is unchanged by the call.
+// Text for *code (or errno), without a final full stop or line end; with
+// showCode " (error code 0x<hex>)" follows. errno is unchanged.
 std::string getErrorMessageStr(bool showCode = false,
                                const unsigned long* code = nullptr,
                                ErrorType type = SYSTEM_ERROR);
@@ -32,8 +31,8 @@ const char* getErrorMessage(bool showCode = false,
 // Convenience: getErrorMessageStr for an explicit error number.
 std::string errorText(int code, bool showCode = false);
 
-// Keeps errno intact across clean-up code: the constructor captures it, the
-// destructor writes it back. capture()/restore() may also be called directly.
+// Keeps errno intact across clean-up code: captured on construction, written
+// back on destruction.
 class SaveError {
  public:
   SaveError() { capture(); }
@@ -42,7 +41,6 @@ class SaveError {
   SaveError& operator=(const SaveError&) = delete;
   void capture();
   void restore() const;
-  int code() const { return mCode; }
 
  private:
   int mCode = 0;
@@ -57,7 +55,6 @@ class SaveNetworkError : public SaveError {};
 class ErrnoException : public std::runtime_error {
  public:
   ErrnoException(const char* what, int code);
-  ErrnoException(const std::string& what, int code);
   // what + ": " + the platform text for code (or "unexpected errno N (hex)").
   static std::string format(const char* what, int code);
   int err() const { return mCode; }
@@ -77,13 +74,11 @@ std::ostream& operator<<(std::ostream& os, const MessagePrefix& mp);
 // Trims blanks, tabs, vertical tabs, form feeds, CR and LF at both ends.
 void removeTrailingLeadingSpace(std::string& s);
 
-// Splits "host:port" at the first ':'. The port text is read with strtol
-// (no validation: "" gives 0). Without ':' host = in and port is unchanged,
-// so callers preset the default.
+// Splits "host:port" at the first ':', the port read with strtol ("" gives
+// 0). Without ':' the port is unchanged, so callers preset the default.
 void parseHostPort(const std::string& in, std::string& host, int& port);
 
-// Non-owning view of characters (pointer and length); the referenced text
-// must outlive the key.
+// Non-owning view of characters; the text must outlive the key.
 class GenericStringKey {
  public:
   GenericStringKey() : mData(""), mLength(0) {}

@@ -9,9 +9,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <thread>
 #include <utility>
 
 #include "util/Assert.h"
@@ -59,6 +61,9 @@ bool move(const std::string& from, const std::string& to, bool) {
   return ::rename(from.c_str(), to.c_str()) == 0;
 }
 
+namespace {
+
+// Runs attempt() up to maxAttempts times; on failure errno is the first one's.
 bool retryOperation(const std::function<bool()>& attempt, int maxAttempts, long intervalMs) {
   if (attempt()) return true;
   const int firstError = errno;
@@ -69,6 +74,8 @@ bool retryOperation(const std::function<bool()>& attempt, int maxAttempts, long 
   errno = firstError;
   return false;
 }
+
+}  // namespace
 
 bool retryRemove(const std::string& path, bool force, int maxAttempts, long intervalMs) {
   return retryOperation([&] { return remove(path, force) == 0; }, maxAttempts, intervalMs);
@@ -91,19 +98,20 @@ bool changeMode(const std::string& path, int mode) {
   return ::chmod(path.c_str(), static_cast<mode_t>(mode)) == 0;
 }
 
-// The stream buffer of OutputFile: a fixed buffer in front of write(2).
-class OutputFile::Buffer : public std::streambuf {
+namespace {
+
+// The stream buffer of make_ofstream: a fixed buffer in front of write(2), on
+// a descriptor opened as the caller chose (close-on-exec in particular).
+class OutputBuffer : public std::streambuf {
  public:
-  explicit Buffer(FileDescriptor fd) : mFd(std::move(fd)) { setp(mData, mData + sizeof mData); }
-  ~Buffer() override { writeOut(); }
-  Buffer(const Buffer&) = delete;
-  Buffer& operator=(const Buffer&) = delete;
+  explicit OutputBuffer(FileDescriptor fd) : mFd(std::move(fd)) {
+    setp(mData, mData + sizeof mData);
+  }
+  ~OutputBuffer() override { writeOut(); }
+  OutputBuffer(const OutputBuffer&) = delete;
+  OutputBuffer& operator=(const OutputBuffer&) = delete;
 
   bool isOpen() const { return mFd.valid(); }
-  bool close() {
-    const bool written = writeOut();
-    return mFd.close() && written;
-  }
 
  protected:
   int_type overflow(int_type c) override {
@@ -137,21 +145,20 @@ class OutputFile::Buffer : public std::streambuf {
   char mData[8192];
 };
 
-OutputFile::OutputFile(FileDescriptor fd)
-    : std::ostream(nullptr), mBuffer(std::make_unique<Buffer>(std::move(fd))) {
-  rdbuf(mBuffer.get());  // also clears the bad state set by a null buffer
-  if (!mBuffer->isOpen()) setstate(std::ios::failbit);
-}
+class OutputFile : public std::ostream {
+ public:
+  explicit OutputFile(FileDescriptor fd) : std::ostream(nullptr), mBuffer(std::move(fd)) {
+    rdbuf(&mBuffer);  // also clears the bad state set by a null buffer
+    if (!mBuffer.isOpen()) setstate(std::ios::failbit);
+  }
 
-OutputFile::~OutputFile() = default;
+ private:
+  OutputBuffer mBuffer;
+};
 
-bool OutputFile::is_open() const { return mBuffer->isOpen(); }
+}  // namespace
 
-void OutputFile::close() {
-  if (!mBuffer->isOpen() || !mBuffer->close()) setstate(std::ios::failbit);
-}
-
-std::unique_ptr<OutputFile> make_ofstream(const std::string& path, std::ios::openmode mode,
+std::unique_ptr<std::ostream> make_ofstream(const std::string& path, std::ios::openmode mode,
                                           bool closeOnExec) {
   int flags = O_WRONLY | O_CREAT | ((mode & std::ios::app) ? O_APPEND : O_TRUNC);
   if (closeOnExec) flags |= O_CLOEXEC;
@@ -168,34 +175,11 @@ std::unique_ptr<std::ifstream> make_ifstream(const std::string& path, std::ios::
   return std::make_unique<std::ifstream>(path, mode | std::ios::in);
 }
 
-ssize_t preadFull(int fd, void* buf, size_t n, int64_t offset) {
-  char* out = static_cast<char*>(buf);
-  size_t done = 0;
-  while (done < n) {
-    const ssize_t got = preadSome(fd, out + done, n - done, offset + static_cast<int64_t>(done));
-    if (got < 0) return -1;
-    if (got == 0) break;
-    done += static_cast<size_t>(got);
-  }
-  return static_cast<ssize_t>(done);
-}
-
 const char* getenv(const char* name) { return std::getenv(name); }
 
 void sleep(long ms) {
-  if (ms <= 0) return;
-  timespec end;
-  ::clock_gettime(CLOCK_MONOTONIC, &end);
-  end.tv_sec += static_cast<time_t>(ms / 1000);
-  end.tv_nsec += (ms % 1000) * 1000000L;
-  if (end.tv_nsec >= 1000000000L) {
-    ++end.tv_sec;
-    end.tv_nsec -= 1000000000L;
-  }
-  // The end is absolute, so an interrupted wait resumes towards the same
-  // instant: each pass finishes by then, however many signals arrive.
-  while (::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) {
-  }
+  // Towards a fixed instant, so interruptions neither end nor stretch it.
+  std::this_thread::sleep_until(std::chrono::steady_clock::now() + std::chrono::milliseconds(ms));
 }
 
 void currentTimeAsString(std::string& out) {
@@ -251,8 +235,7 @@ bool changeThreadMask(int how, int sig) {
 
 // The process-wide disposition of sig, with no flags and an empty mask.
 bool setDisposition(int sig, void (*handler)(int)) {
-  struct sigaction action;
-  std::memset(&action, 0, sizeof action);
+  struct sigaction action {};
   action.sa_handler = handler;
   sigemptyset(&action.sa_mask);
   return ::sigaction(sig, &action, nullptr) == 0;

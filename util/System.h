@@ -1,10 +1,5 @@
-// Operating-system services: file existence and metadata, directory listing,
-// removal and renaming with patient retries, file streams and descriptors,
-// names inside an open directory (for walks that never follow a link),
-// environment, platform names, sleeping, signal settings and a shell runner.
-// Unless stated otherwise every service reports failure by its return value
-// with errno set (turn it into words with System::getErrorMessageStr) and
-// never throws.
+// Operating-system services. Unless stated otherwise each reports failure by
+// its return value with errno set and never throws.
 #ifndef HIVE_UTIL_SYSTEM_H_
 #define HIVE_UTIL_SYSTEM_H_
 
@@ -43,18 +38,16 @@ class FileAttributes {
     OWNER = 16, GROUP = 32, WINFLAGS = 64
   };
 
-  // lstat (DONT_FOLLOW_SYMLINK) or stat (FOLLOW_SYMLINK), retried on EINTR.
-  // On failure returns false with errno set and leaves the record unchanged.
+  // lstat (DONT_FOLLOW_SYMLINK) or stat; on failure the record is unchanged.
   bool stat(const std::string& path, SymLinkMode mode);
-  // The same from an open descriptor (fstat).
+  // The same by descriptor (fstat) and by name inside dirFd (fstatat).
   bool statFd(int fd);
-  // The same for name inside the open directory dirFd (fstatat).
   bool statAt(int dirFd, const std::string& name, SymLinkMode mode);
 
   // Directory, symlink, named pipe; everything else is TYPE_FILE.
   FileType getType() const;
-  // False for directories, devices, sockets and FIFOs; true otherwise, so a
-  // symlink read without following counts as regular: use getType() for links.
+  // False for directories, devices, sockets and FIFOs; true otherwise (a link
+  // too: use getType() for links).
   bool isRegularFile() const;
   bool isDirectory() const;
   bool isSymlink() const;
@@ -85,29 +78,21 @@ enum OSID {
 // "solarisx86" -> their ids; anything else -> OS_INVALID.
 OSID makeOSID(const char* name);
 
-// The shutdown signal sets: SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGXCPU,
-// SIGXFSZ, SIGPWR; the daemon set omits SIGHUP. Use them after main starts.
+// SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGXCPU, SIGXFSZ, SIGPWR; the daemon set
+// omits SIGHUP.
 extern const std::vector<int> sInteractiveShutdownSignals;
 extern const std::vector<int> sDaemonShutdownSignals;
 
-// ---- existence, removal, renaming, listing --------------------------------
-
-// FOLLOW_SYMLINK: access() based, a dangling link does not exist.
-// DONT_FOLLOW_SYMLINK: lstat() based, a dangling link exists.
+// A dangling link exists only with DONT_FOLLOW_SYMLINK (lstat, else access).
 bool fileExists(const std::string& path, SymLinkMode mode = FOLLOW_SYMLINK);
 
-// Removes a file or an empty directory. A missing path (ENOENT, ENOTDIR)
-// counts as success. Returns 0 or -1. The flag is unused on this platform.
+// Removes a file or an empty directory; a missing path (ENOENT, ENOTDIR)
+// counts as success. Returns 0 or -1. The flag is unused here.
 int remove(const std::string& path, bool force = false);
-
-// rename(from, to). The flag is unused on this platform.
+// rename(from, to). The flag is unused here.
 bool move(const std::string& from, const std::string& to, bool force = false);
 
-// Runs attempt() up to maxAttempts times, sleeping intervalMs between
-// failures. On overall failure errno is the one left by the FIRST failure.
-bool retryOperation(const std::function<bool()>& attempt, int maxAttempts, long intervalMs);
-
-// remove/move retried 600 times, 100 ms apart (about a minute); on failure
+// remove/move tried up to maxAttempts times, intervalMs apart; on failure
 // errno is that of the first attempt.
 bool retryRemove(const std::string& path, bool force = false, int maxAttempts = 600,
                  long intervalMs = 100);
@@ -116,21 +101,17 @@ bool retryMove(const std::string& from, const std::string& to, bool force = fals
 
 // Appends the names of all entries in kernel order, "." and ".." included.
 bool readDirectory(const std::string& path, std::vector<std::string>& names);
-// The same for the open directory dirFd, read from its current position
-// (pass one freshly opened).
+// The same for a freshly opened directory dirFd.
 bool readDirectoryAt(int dirFd, std::vector<std::string>& names);
 
-// Creates one directory with the given mode (before umask). Never follows a
-// symbolic link at the last component: an existing link gives EEXIST.
+// mkdir (mode before umask); an existing link gives EEXIST.
 bool makeDirectory(const std::string& path, int mode);
-// unlink(path): removes a file or a symlink (never a directory).
+// unlink: a file or a link, never a directory.
 bool removeFile(const std::string& path);
-// rmdir(path): removes an empty directory.
+// rmdir: an empty directory.
 bool removeDirectory(const std::string& path);
-// chmod on a path (follows links).
+// chmod (follows links).
 bool changeMode(const std::string& path, int mode);
-
-// ---- file descriptors ----------------------------------------------------
 
 // Owning file descriptor; closes on destruction. -1 means none.
 class FileDescriptor {
@@ -148,79 +129,41 @@ class FileDescriptor {
   explicit operator bool() const { return valid(); }
   // Gives up ownership and returns the descriptor.
   int release();
-  // Closes now; returns false with errno set when close fails.
+  // Closes now; false with errno set when close fails.
   bool close();
 
  private:
   int mFd = -1;
 };
 
-// open(O_CREAT|O_WRONLY|O_NOFOLLOW|O_CLOEXEC | extraFlags, mode); extraFlags
-// may add O_TRUNC, O_EXCL, O_APPEND. Invalid result on failure (errno set);
-// a symlink at the last component fails with ELOOP.
+// open(O_CREAT|O_WRONLY|O_NOFOLLOW|O_CLOEXEC | extraFlags, mode); a link at
+// the last component gives ELOOP. Invalid on failure.
 FileDescriptor openForWrite(const std::string& path, int mode, int extraFlags = 0);
 // open(O_RDONLY|O_CLOEXEC), plus O_NOFOLLOW unless followSymlink.
 FileDescriptor openForRead(const std::string& path, bool followSymlink = true);
-// open(O_RDONLY|O_DIRECTORY|O_CLOEXEC), plus O_NOFOLLOW unless
-// followSymlink; e.g. to fsync a directory.
+// open(O_RDONLY|O_DIRECTORY|O_CLOEXEC), plus O_NOFOLLOW unless followSymlink.
 FileDescriptor openDirectory(const std::string& path, bool followSymlink = false);
 
-// ---- streams ---------------------------------------------------------------
-
-// A buffered output stream on a file descriptor that it owns, so that the
-// caller decides how the descriptor is opened (close-on-exec in particular).
-// tellp() and seekp() write the buffer out first and then ask the
-// descriptor, so the position counts every byte written. The destructor
-// flushes and closes.
-class OutputFile : public std::ostream {
- public:
-  // Takes fd; an invalid one gives a stream in the failed state.
-  explicit OutputFile(FileDescriptor fd);
-  ~OutputFile() override;
-  OutputFile(const OutputFile&) = delete;
-  OutputFile& operator=(const OutputFile&) = delete;
-
-  bool is_open() const;
-  // Writes out the buffer and closes the descriptor; sets failbit when
-  // either fails or the stream was not open.
-  void close();
-
- private:
-  class Buffer;
-  std::unique_ptr<Buffer> mBuffer;
-};
-
-// New output file stream for path (created with mode 0666 before umask):
-// with std::ios::app every write goes to the end, otherwise the file is
-// truncated; std::ios::ate starts the position at the end. On failure the
-// stream's failbit is set (check its state). With closeOnExec the descriptor
-// is not inherited by child processes.
-std::unique_ptr<OutputFile> make_ofstream(const std::string& path,
+// New output file stream for path (mode 0666): appending with std::ios::app,
+// else truncated; std::ios::ate starts at the end; failbit on failure.
+std::unique_ptr<std::ostream> make_ofstream(const std::string& path,
                                           std::ios::openmode mode = std::ios::out,
                                           bool closeOnExec = true);
 // New input file stream for path opened with mode | in.
 std::unique_ptr<std::ifstream> make_ifstream(const std::string& path,
                                              std::ios::openmode mode = std::ios::in);
 
-// ---- names inside an open directory ------------------------------------------
-// Each takes one name (no '/') inside the directory dirFd and never follows
-// a symbolic link at that name, so a walk from a held directory can never be
-// led elsewhere by a link swapped in meanwhile.
-
-// openat(O_RDONLY|O_DIRECTORY|O_NOFOLLOW|O_CLOEXEC): a link gives ELOOP, a
-// non-directory ENOTDIR.
+// Names inside the directory dirFd; none follows a link at the name.
+// A directory: a link gives ELOOP, a non-directory ENOTDIR.
 FileDescriptor openDirectoryAt(int dirFd, const std::string& name);
-// mkdirat(mode before umask); an existing name, link or not, gives EEXIST.
+// mkdirat (mode before umask); any existing name gives EEXIST.
 bool makeDirectoryAt(int dirFd, const std::string& name, int mode);
-// openat(O_RDWR|O_CREAT|O_EXCL|O_NOFOLLOW|O_CLOEXEC, mode): a new file
-// only; any existing name gives EEXIST. Readable, so that what was written
-// can be checked through the same descriptor.
+// A new file, readable and writable; any existing name gives EEXIST.
 FileDescriptor createExclusiveAt(int dirFd, const std::string& name, int mode);
-// openat of an existing regular file: O_RDONLY when !forWrite, else
-// O_RDWR|O_APPEND; never creates. A link gives ELOOP; anything but a
-// regular file fails at once (EINVAL, or ENXIO for a FIFO without reader).
+// An existing regular file, read-only or (forWrite) read-append. A link gives
+// ELOOP; anything else fails at once (EINVAL, or ENXIO for a FIFO).
 FileDescriptor openFileAt(int dirFd, const std::string& name, bool forWrite);
-// renameat; replaces a file or link at the new name, never follows one.
+// renameat; replaces a file or link at the new name.
 bool renameAt(int fromDirFd, const std::string& from, int toDirFd, const std::string& to);
 // unlinkat: a file or a link (never what it points to).
 bool removeFileAt(int dirFd, const std::string& name);
@@ -229,59 +172,45 @@ bool removeDirectoryAt(int dirFd, const std::string& name);
 
 // Writes all n bytes, retrying short writes and EINTR.
 bool writeAll(int fd, const void* data, size_t n);
-// read(); retried on EINTR. Returns bytes read, 0 at end, -1 on error.
+// read() and pread(), retried on EINTR: bytes read, 0 at end, -1 on error.
 ssize_t readSome(int fd, void* buf, size_t n);
-// Reads until n bytes or end of file; returns the count or -1 on error.
-ssize_t readFull(int fd, void* buf, size_t n);
-// pread(); retried on EINTR. Returns bytes read, 0 at end, -1 on error.
 ssize_t preadSome(int fd, void* buf, size_t n, int64_t offset);
-// pread() until n bytes or end of file; returns the count or -1 on error.
-// The descriptor's own offset does not move.
+// The same until n bytes or end of file: the count, or -1 on error.
+ssize_t readFull(int fd, void* buf, size_t n);
 ssize_t preadFull(int fd, void* buf, size_t n, int64_t offset);
-// lseek(); returns the new offset or -1.
+// lseek(); the new offset or -1.
 int64_t seek(int fd, int64_t offset, int whence);
 bool syncFile(int fd);
-// syncfs(): flushes the whole file system holding fd.
+// syncfs(): the whole file system holding fd.
 bool syncFileSystem(int fd);
 // fdatasync: the data and the size, not every time stamp.
 bool syncData(int fd);
 bool changeMode(int fd, int mode);
-bool truncateFile(int fd, int64_t length);
-
-// ---- environment, time, processes -----------------------------------------
 
 // The variable's value or null.
 const char* getenv(const char* name);
 
-// Waits at least ms milliseconds of the monotonic clock (none for ms <= 0).
-// Signals and wake-ups do not end the wait early, nor does a change of the
-// wall clock.
+// Waits at least ms milliseconds of the monotonic clock; signals do not end
+// the wait early.
 void sleep(long ms);
 
 // Local time as "%Y/%m/%d %H:%M:%S".
 void currentTimeAsString(std::string& out);
 
-// Runs command through /bin/sh -c. Returns its exit status (0-255), 128+n
-// when killed by signal n, or -1 with errno set when it could not be run.
+// Runs command through /bin/sh -c: its exit status, 128+n when killed by
+// signal n, or -1 with errno set when it could not be run.
 int runShellCommand(const std::string& command);
 
-// ---- signals -----------------------------------------------------------------
-
-// Blocks SIGPIPE in the calling thread (threads created later inherit it),
-// so a write on a closed socket fails with EPIPE instead of killing us.
+// Blocks SIGPIPE in the calling thread (and the threads it creates later).
 bool disableSIGPIPE();
-// Sets SIGPIPE's disposition to ignore for the whole process.
+// Ignores SIGPIPE in the whole process.
 bool ignoreSIGPIPE();
-// Installs an empty SIGUSR1 handler and unblocks SIGUSR1 in the calling
-// thread, so that the signal interrupts blocking calls.
+// An empty SIGUSR1 handler, unblocked here, so it interrupts blocking calls.
 bool trapUSR1ButDoNothing();
 // "No signal" for 0x80000000, else the platform text, else "Unknown signal N".
 std::string signalName(int sig);
 
-// ---- sockets (generic descriptor settings) ---------------------------------
-
-// on == 1 sets O_NONBLOCK, any other value clears it; other flags are kept.
-// Returns 0 or -1.
+// on == 1 sets O_NONBLOCK, any other value clears it. Returns 0 or -1.
 int setNonBlocking(int fd, int on);
 // Direct pass-through to fcntl.
 int fcntl(int fd, int cmd, long arg);

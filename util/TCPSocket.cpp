@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/sendfile.h>
@@ -17,46 +16,37 @@
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
-#include <ctime>
 #include <optional>
 
 #include "util/Mutex.h"
-#include "util/StringUtilities.h"
 #include "util/System.h"
 
 namespace {
 
-// The resolver is not trusted to be reentrant everywhere; one lookup at a
-// time process-wide.
+// The resolver is not trusted to be reentrant: one lookup at a time.
 Mutex& resolverMutex() {
   static Mutex m;
   return m;
 }
 
-// The secure layer's readiness test touches library state shared by all
-// connections.
+// The secure layer's readiness test touches state shared by all connections.
 Mutex& secureLayerMutex() {
   static Mutex m;
   return m;
 }
 
 // printf-style message in a fixed buffer, as every socket error is built.
-std::string formatList(const char* fmt, va_list args) {
+std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+std::string format(const char* fmt, ...) {
   char buffer[512];
+  va_list args;
+  va_start(args, fmt);
   std::vsnprintf(buffer, sizeof buffer, fmt, args);
+  va_end(args);
   return buffer;
 }
 
-std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char* fmt, ...) {
-  va_list args;
-  va_start(args, fmt);
-  std::string text = formatList(fmt, args);
-  va_end(args);
-  return text;
-}
-
-std::string errnoText(int code) { return System::errorText(code); }
+using System::errorText;
 
 bool parseDotted(const std::string& host, in_addr& out) {
   return inet_pton(AF_INET, host.c_str(), &out) == 1;
@@ -73,9 +63,7 @@ std::string dotted(const in_addr& addr) {
       format("couldn't find host \"%.60s\": %.150s", host.c_str(), why.c_str()));
 }
 
-// The IPv4 addresses of host, a dotted address (returned as it is) or a name
-// to resolve. Throws TCPSocket::exception with the resolver's text when there
-// are none.
+// The IPv4 addresses of a dotted address or name. Throws when there are none.
 std::vector<in_addr> addressesOf(const std::string& host) {
   in_addr address{};
   if (parseDotted(host, address)) return {address};
@@ -85,7 +73,7 @@ std::vector<in_addr> addressesOf(const std::string& host) {
   addrinfo* result = nullptr;
   Mutex::Lock lock(resolverMutex());
   const int rc = getaddrinfo(host.c_str(), nullptr, &hints, &result);
-  if (rc != 0) hostNotFound(host, rc == EAI_SYSTEM ? errnoText(errno) : gai_strerror(rc));
+  if (rc != 0) hostNotFound(host, rc == EAI_SYSTEM ? errorText(errno) : gai_strerror(rc));
   std::vector<in_addr> found;
   for (addrinfo* p = result; p; p = p->ai_next) {
     found.push_back(reinterpret_cast<sockaddr_in*>(p->ai_addr)->sin_addr);
@@ -99,8 +87,7 @@ const int64_t kNanosPerMs = 1000000;
 // Longest stretch a wait goes without looking at the cancel flag.
 const int kCancelCheckMs = 100;
 
-// The poll() wait for a non-negative span: whole milliseconds rounded up, so
-// that a wait never wakes just before its limit, capped to what poll takes.
+// A span as a poll() wait, rounded up so a wait never wakes before its limit.
 int pollMs(const Ticks& span) {
   const int64_t ms = (std::max<int64_t>(span.nanos(), 0) + kNanosPerMs - 1) / kNanosPerMs;
   return static_cast<int>(std::min<int64_t>(ms, INT_MAX));
@@ -109,9 +96,7 @@ int pollMs(const Ticks& span) {
 // The shorter of two poll() waits, where -1 means no limit.
 int shorterWait(int a, int b) { return a < 0 ? b : (b < 0 ? a : std::min(a, b)); }
 
-// Errors with which sendfile refuses, before sending anything, a descriptor
-// it cannot read at an offset (a pipe, a socket, a file system without
-// support).
+// Errors with which sendfile refuses a descriptor it cannot read at an offset.
 bool refusesFile(int error) {
   return error == EINVAL || error == ENOSYS || error == ESPIPE || error == EOPNOTSUPP ||
          error == EBADF;
@@ -137,10 +122,8 @@ class NonBlockingScope {
   bool mChanged;
 };
 
-// sendfile has no MSG_NOSIGNAL: on a connection closed for sending it raises
-// SIGPIPE in the calling thread. The guard keeps the signal blocked for its
-// life and takes back the one a failed send raised, unless one was pending
-// already; the thread's mask is as before afterwards.
+// sendfile has no MSG_NOSIGNAL: the guard blocks SIGPIPE for its life and
+// takes back the one a failed send raised, unless one was pending already.
 class SigPipeGuard {
  public:
   SigPipeGuard() {
@@ -171,8 +154,7 @@ class SigPipeGuard {
   bool mWasPending;
 };
 
-// The IPv4 address of the peer, or with local of this end, of fd; false when
-// there is none (closed, or a local pair).
+// The IPv4 address of fd's peer (or with local, its own); false when none.
 bool addressOf(const System::FileDescriptor& fd, bool local, sockaddr_in& addr) {
   socklen_t len = sizeof addr;
   sockaddr* any = reinterpret_cast<sockaddr*>(&addr);
@@ -188,7 +170,7 @@ TCPSocket::~TCPSocket() { close(); }
 std::pair<System::FileDescriptor, System::FileDescriptor> TCPSocket::pair() {
   int fds[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) < 0) {
-    throw exception(format("couldn't create a socket pair: %.150s", errnoText(errno).c_str()));
+    throw exception(format("couldn't create a socket pair: %.150s", errorText(errno).c_str()));
   }
   return {System::FileDescriptor(fds[0]), System::FileDescriptor(fds[1])};
 }
@@ -198,13 +180,9 @@ void TCPSocket::failAndClose(const std::string& message) {
   throw exception(message);
 }
 
-void TCPSocket::failAndClose(int error, const char* fmt, ...) {
-  mLastError = error;  // before anything here can change errno
-  va_list args;
-  va_start(args, fmt);
-  const std::string prefix = formatList(fmt, args);
-  va_end(args);
-  failAndClose(prefix + errnoText(error));
+void TCPSocket::failAndClose(int error, const std::string& prefix) {
+  mLastError = error;
+  failAndClose(prefix + errorText(error));
 }
 
 bool TCPSocket::fail(int error) {
@@ -227,8 +205,8 @@ bool TCPSocket::await(short events, int timeoutMs, bool stallable) {
   const bool limited = timeoutMs >= 0;
   const Ticks timeout(int64_t(std::max(timeoutMs, 0)) * kNanosPerMs);
   Ticks timeoutEnd = Ticks::currentTime() + timeout;
-  // The flag and the deadline are looked at before the time-out, so that
-  // neither of them reaches the stall handler. A time-out of 0 polls once.
+  // The flag and the deadline come first, so neither reaches the stall
+  // handler. A time-out of 0 polls once.
   for (bool polled = false;; polled = true) {
     if (mCancelFlag && mCancelFlag->load()) return fail(ECANCELED);
     const Ticks now = Ticks::currentTime();
@@ -244,8 +222,7 @@ bool TCPSocket::await(short events, int timeoutMs, bool stallable) {
     const int rc = ::poll(&p, 1, wait);
     if (rc > 0) return true;
     if (rc < 0 && errno != EINTR) return fail(errno);
-    // A signal ends a wait that nothing else would end, so that the caller
-    // can act on it; bounded waits resume.
+    // A signal ends a wait that nothing else would end; bounded waits resume.
     if (rc < 0 && !limited && !hasDeadline && !mCancelFlag) return fail(EINTR);
   }
 }
@@ -256,9 +233,8 @@ void TCPSocket::connect(const std::string& host, int port, long timeoutMs) {
     mFd = mConnector->connect(host, port, timeoutMs);
     return;
   }
-  // Close-on-exec from birth: set later, a fork in another thread could
-  // inherit the descriptor. Non-blocking until connected, so that the wait
-  // happens in poll where its limits apply.
+  // Close-on-exec from birth (no fork can inherit it); non-blocking until
+  // connected, so that the wait happens in poll where its limits apply.
   mFd = System::FileDescriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!mFd.valid()) failAndClose(errno, "couldn't create client socket: ");
   sockaddr_in addr{};
@@ -288,7 +264,8 @@ void TCPSocket::connect(const std::string& host, int port, long timeoutMs) {
   }
   if (pending != 0) failAndClose(pending, "couldn't connect to server:  ");
   if (System::setNonBlocking(mFd.get(), 0) < 0) {
-    failAndClose(errno, "couldn't reset socket to Blocking \"%.60s\": ", host.c_str());
+    const int error = errno;
+    failAndClose(error, format("couldn't reset socket to Blocking \"%.60s\": ", host.c_str()));
   }
 }
 
@@ -306,10 +283,12 @@ void TCPSocket::listen(const std::string& address, int port, int backlog) {
   const int on = 1;
   if (::setsockopt(mFd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0 ||
       ::bind(mFd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0) {
-    failAndClose(errno, "couldn't bind to %.60s:%d: ", address.c_str(), port);
+    const int error = errno;
+    failAndClose(error, format("couldn't bind to %.60s:%d: ", address.c_str(), port));
   }
   if (::listen(mFd.get(), backlog) < 0) {
-    failAndClose(errno, "couldn't listen on %.60s:%d: ", address.c_str(), port);
+    const int error = errno;
+    failAndClose(error, format("couldn't listen on %.60s:%d: ", address.c_str(), port));
   }
 }
 
@@ -317,14 +296,14 @@ std::unique_ptr<TCPSocket> TCPSocket::accept(int timeoutMs) {
   if (!mFd.valid()) throw exception("accept on a closed socket");
   if (!await(POLLIN, timeoutMs, false)) {
     if (mLastError == ETIMEDOUT || mLastError == ECANCELED || mLastError == EINTR) return nullptr;
-    throw exception(format("select failed: %.150s", errnoText(mLastError).c_str()));
+    throw exception(format("select failed: %.150s", errorText(mLastError).c_str()));
   }
   const int fd = ::accept4(mFd.get(), nullptr, nullptr, SOCK_CLOEXEC);
   if (fd < 0) {
     mLastError = errno;
     // The peer may have given up between poll and accept, or a signal came.
     if (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED) return nullptr;
-    throw exception(format("couldn't accept connection: %.150s", errnoText(errno).c_str()));
+    throw exception(format("couldn't accept connection: %.150s", errorText(errno).c_str()));
   }
   return std::make_unique<TCPSocket>(fd);
 }
@@ -354,15 +333,12 @@ std::unique_ptr<TCPSocket> TCPSocket::duplicate() const {
 bool TCPSocket::isGood() {
   if (!mFd.valid()) return false;
   char byte;
-  for (int attempt = 0; attempt < 100; ++attempt) {
-    const ssize_t n = ::recv(mFd.get(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
-    if (n > 0) return true;
-    if (n == 0) return false;  // orderly shutdown by the peer
-    if (errno == EINTR) continue;
-    if (errno == EAGAIN || errno == EWOULDBLOCK) return true;
-    return fail(errno);
-  }
-  return false;
+  ssize_t n;
+  do {
+    n = ::recv(mFd.get(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+  } while (n < 0 && errno == EINTR);
+  if (n >= 0) return n > 0;  // 0: orderly shutdown by the peer
+  return errno == EAGAIN || errno == EWOULDBLOCK || fail(errno);
 }
 
 bool TCPSocket::secureHasBufferedData() {
@@ -390,11 +366,9 @@ int TCPSocket::read(char* buffer, int length) {
     if (!secureHasBufferedData() && !await(POLLIN, mReadTimeout, true)) return -1;
     n = mSecureSocket->read(buffer, length);
   } else {
-    // What has arrived is taken at once; only an empty socket waits, in
-    // poll, where the limits apply. The cancel flag and the deadline hold
-    // either way. After a read that emptied the socket (a reply, or a slow
-    // stream) the next one waits first: trying at once would mostly cost a
-    // call for nothing.
+    // Only an empty socket waits, in poll where the limits apply. After a
+    // read that emptied the socket the next one waits first: trying at once
+    // would mostly cost a call for nothing.
     if (limitReached()) return -1;
     if (mDrained && !await(POLLIN, mReadTimeout, true)) return -1;
     for (;;) {
@@ -421,8 +395,8 @@ int TCPSocket::write(const char* first, int firstLength, const char* second,
     return 0;
   }
   const Ticks start = Ticks::currentTime();
-  // A bounded write waits in poll, where its limits apply, and sends only
-  // what the socket takes at once; an unbounded one may block in send.
+  // A bounded write waits in poll and sends only what the socket takes at
+  // once; an unbounded one may block in send.
   const bool bounded = writesBounded();
   int done = 0;
   // A plain socket tries the send first and waits only when it is full.
@@ -476,12 +450,10 @@ int TCPSocket::write(const char* first, int firstLength, const char* second,
 bool TCPSocket::sendFile(int fd, int64_t offset, int64_t count, int blockSize,
                          const BlockSent& afterBlock) {
   if (!mFd.valid()) return fail(EBADF);
-  // A secure layer has to encrypt the bytes and a spy to see them; neither
-  // can when the kernel moves them.
+  // A secure layer or a spy must see the bytes, which the kernel moves here.
   if (mSecureSocket || mSpy) return fail(EOPNOTSUPP);
   // sendfile takes no MSG_DONTWAIT, so a bounded send makes the socket
-  // non-blocking to wait in await() as write() does. Both settings are made
-  // once per call, not per block: each costs system calls.
+  // non-blocking once per call (not per block) to wait in await().
   const bool bounded = writesBounded();
   std::optional<NonBlockingScope> nonBlocking;
   if (bounded && !nonBlocking.emplace(mFd.get()).active()) return fail(EOPNOTSUPP);
@@ -491,8 +463,7 @@ bool TCPSocket::sendFile(int fd, int64_t offset, int64_t count, int blockSize,
     const Ticks start = Ticks::currentTime();
     int sent = 0;
     int error = 0;
-    // As in write(): send what the socket takes, and wait only when it is
-    // full (a poll per block would double the calls).
+    // As in write(): wait only when the socket is full.
     if (bounded && limitReached()) error = mLastError;
     while (sent < block && error == 0) {
       off_t at = static_cast<off_t>(offset + done + sent);
@@ -563,7 +534,7 @@ int TCPSocket::getSocketError() const {
   return pending;
 }
 
-std::string TCPSocket::getErrorMessage() const { return errnoText(mLastError); }
+std::string TCPSocket::getErrorMessage() const { return errorText(mLastError); }
 
 std::shared_ptr<TCPSpy> TCPSocket::replaceSpy(std::shared_ptr<TCPSpy> spy) {
   mSpy.swap(spy);

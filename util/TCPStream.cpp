@@ -23,13 +23,9 @@ uint32_t getBE32(const char* in) {
 
 }  // namespace
 
-TCPStreamBuf::TCPStreamBuf(TCPSocket* socket)
-    : mSocket(socket),
-      mPutBackSize(kPutBackSize),
-      mBufSize(kBufSize),
-      mOutBufSize(kOutBufSize),
-      mBufferIn(kPutBackSize + kBufSize),
-      mBufferOut(kCRCHeaderSize + kOutBufSize) {
+TCPStreamBuf::TCPStreamBuf(TCPSocket* socket) : mSocket(socket), mPutBackSize(kPutBackSize) {
+  setInputBufferSize(kBufSize);
+  setOutputBufferSize(kOutBufSize);
   reset();  // also sets the checksum state
 }
 
@@ -81,6 +77,10 @@ bool TCPStreamBuf::flushOutput() {
 }
 
 void TCPStreamBuf::lost(const char* what) { throw LinkLost(what); }
+
+void TCPStreamBuf::lostReading(int n) {
+  lost(n == 0 ? "connection closed by the peer" : "connection lost or timed out");
+}
 
 TCPStreamBuf::int_type TCPStreamBuf::overflow(int_type c) {
   if (!flushOutput()) lost("send failed");
@@ -165,7 +165,7 @@ TCPStreamBuf::int_type TCPStreamBuf::underflow() {
   keepPutBack(gptr(), gptr() - eback());
   char* data = mBufferIn.data() + mPutBackSize;
   const int n = fillInput(data, mBufSize);
-  if (n <= 0) lost(n == 0 ? "connection closed by the peer" : "connection lost or timed out");
+  if (n <= 0) lostReading(n);
   setg(eback(), data, data + n);
   return traits_type::to_int_type(*gptr());
 }
@@ -181,12 +181,42 @@ std::streamsize TCPStreamBuf::xsgetn(char* s, std::streamsize n) {
   while (n - done >= mBufSize) {
     const int chunk = static_cast<int>(std::min<std::streamsize>(n - done, 1 << 30));
     const int got = mSocket->read(s + done, chunk);
-    if (got <= 0) lost(got == 0 ? "connection closed by the peer" : "connection lost or timed out");
+    if (got <= 0) lostReading(got);
     done += got;
   }
   keepPutBack(s + done, done);
   if (done < n) done += std::streambuf::xsgetn(s + done, n - done);
   return done;
+}
+
+TCPRawStream::TCPRawStream() : TCPRawStream(std::make_unique<TCPSocket>()) {}
+
+TCPRawStream::TCPRawStream(std::unique_ptr<TCPSocket> socket)
+    : std::iostream(nullptr), mSocket(std::move(socket)) {
+  mTCPStreamBuf = std::make_unique<TCPStreamBuf>(mSocket.get());
+  rdbuf(mTCPStreamBuf.get());  // also clears the bad state set by a null buffer
+}
+
+TCPRawStream::TCPRawStream(const std::string& host, int port, long timeoutMs, int readTimeoutMs)
+    : TCPRawStream() {
+  mSocket->setReadTimeout(readTimeoutMs);
+  mSocket->connect(host, port, timeoutMs);
+}
+
+void TCPRawStream::connect(const std::string& host, int port, long timeoutMs) {
+  close();
+  mSocket->connect(host, port, timeoutMs);
+}
+
+void TCPRawStream::listen(const std::string& address, int port, int backlog) {
+  close();
+  mSocket->listen(address, port, backlog);
+}
+
+void TCPRawStream::close() {
+  mSocket->close();
+  mTCPStreamBuf->reset();
+  clear();
 }
 
 TCPStream::TCPStream() { setExceptionMask(); }

@@ -1,33 +1,27 @@
 // TCPStreamBuf: the stream buffer between a standard stream and a TCPSocket.
-// TCPStream: the socket stream whose every failure (lost connection, short
-// write, end of file, time-out) raises LinkLost at once, so protocol code
-// reads and writes items without testing states, and callers tell a lost
-// link from every other error by its type.
-//
-// Input keeps up to 2920 bytes already read as put-back area and reads at
-// most 2920 new bytes per refill. Output is collected in a buffer and sent
-// when it is full or on flush. Large writes and reads bypass the buffers (a
-// large write goes in one send with the output queued before it) so bulk
-// data is not copied twice, and file data can go straight from the file
-// (TCPStream::sendFile). In checksummed mode every flushed block is preceded
-// by an 8-byte header: the block length and its CRC-32C, both big-endian
-// 32-bit.
+// Input keeps up to 2920 bytes as put-back area and reads at most 2920 per
+// refill; output is sent when the buffer is full or on flush. Large reads and
+// writes bypass the buffers. In checksummed mode each flushed block is preceded
+// by its length and CRC-32C, both big-endian 32-bit.
+// TCPRawStream: a bidirectional stream that owns a socket and its buffer;
+// failures show as stream states. Closing and connecting again reuses it.
+// TCPStream: the same stream whose every failure (lost connection, short
+// write, end of file, time-out) raises LinkLost at once.
 #ifndef HIVE_UTIL_TCPSTREAM_H_
 #define HIVE_UTIL_TCPSTREAM_H_
 
 #include <cstdint>
 #include <functional>
+#include <iostream>
 #include <memory>
 #include <stdexcept>
 #include <streambuf>
 #include <string>
 #include <vector>
 
-#include "util/TCPRawStream.h"
 #include "util/TCPSocket.h"
 
-// The connection is gone: closed or reset by the peer, timed out, or a send
-// failed. The only exception a TCPStream raises for its link.
+// The connection is gone: closed, reset, timed out, or a send failed.
 class LinkLost : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -47,14 +41,9 @@ class TCPStreamBuf : public std::streambuf {
 
   // Forgets buffered input and unsent output and the checksum progress.
   void reset();
-  // Refills read up to size bytes at once instead of kBufSize (a receiver
-  // of framed bulk data then takes a frame's header and its data in one
-  // call). Only while nothing is buffered.
+  // Refills read up to size bytes; only while nothing is buffered.
   void setInputBufferSize(int size);
-  // Collects up to size bytes of output before sending instead of
-  // kOutBufSize, so that many small messages leave in fewer sends. Writes
-  // of kOutBufSize bytes or more still go out at once. Only while nothing
-  // is queued.
+  // Sends output in blocks of up to size bytes; only while nothing is queued.
   void setOutputBufferSize(int size);
   // Installs the checksum mismatch callback; empty switches the mode off.
   void setCRCMode(std::function<void()> onMismatch);
@@ -74,14 +63,15 @@ class TCPStreamBuf : public std::streambuf {
 
  private:
   bool flushOutput();
-  // Reads up to maxLength payload bytes into dest, unwrapping checksummed
-  // blocks. Returns the count, or <= 0 on end of file or failure.
+  // Reads up to maxLength payload bytes; <= 0 on end of file or failure.
   int fillInput(char* dest, int maxLength);
   bool readBlockHeader();
   void keepPutBack(const char* end, std::streamsize count);
-  // The link failed. A stream whose exception mask holds badbit passes the
-  // LinkLost on; one without it takes it for badbit (TCPRawStream).
+  // The link failed: LinkLost, which a stream without badbit in its
+  // exception mask takes for badbit.
   [[noreturn]] static void lost(const char* what);
+  // The same for a read that returned n <= 0.
+  [[noreturn]] static void lostReading(int n);
 
   TCPSocket* mSocket;
   int mPutBackSize;
@@ -94,6 +84,47 @@ class TCPStreamBuf : public std::streambuf {
   uint32_t mExpectedCRC;
   uint32_t mActualCRC;
   uint32_t mBytesToSum;
+};
+
+class TCPRawStream : public std::iostream {
+ public:
+  // Unconnected; connect() or listen() later.
+  TCPRawStream();
+  // Over an already connected socket.
+  explicit TCPRawStream(std::unique_ptr<TCPSocket> socket);
+  // Connects at once, reads waiting up to readTimeoutMs. Throws.
+  TCPRawStream(const std::string& host, int port, long timeoutMs, int readTimeoutMs = -1);
+  // Unsent output is dropped: the peer may be gone and this must not block.
+  ~TCPRawStream() override = default;
+  TCPRawStream(const TCPRawStream&) = delete;
+  TCPRawStream& operator=(const TCPRawStream&) = delete;
+
+  // Drops buffered data and the stream state and connects afresh. Throws.
+  void connect(const std::string& host, int port, long timeoutMs);
+  // As TCPSocket::listen and accept.
+  void listen(const std::string& address, int port, int backlog = 64);
+  std::unique_ptr<TCPSocket> accept(int timeoutMs = -1) { return mSocket->accept(timeoutMs); }
+  // Closes the connection, dropping unsent output and unread input.
+  void close();
+
+  bool isConnected() const { return mSocket->isConnected(); }
+  // True when input is buffered or arrives within ms (-1: no limit).
+  bool isReadable(int ms) { return mTCPStreamBuf->buffered() > 0 || mSocket->isReadable(ms); }
+
+  // Checksummed block mode: a received block whose checksum differs sets
+  // crcMismatch() and calls onMismatch; empty switches the mode off. Both
+  // ends must agree before any data moves.
+  void setCRCMode(std::function<void()> onMismatch) {
+    mTCPStreamBuf->setCRCMode(std::move(onMismatch));
+  }
+  bool crcMismatch() const { return mTCPStreamBuf->crcMismatch(); }
+
+  TCPSocket& socket() { return *mSocket; }
+  TCPStreamBuf& streamBuf() { return *mTCPStreamBuf; }
+
+ private:
+  std::unique_ptr<TCPStreamBuf> mTCPStreamBuf;
+  std::unique_ptr<TCPSocket> mSocket;
 };
 
 class TCPStream : public TCPRawStream {
@@ -109,10 +140,9 @@ class TCPStream : public TCPRawStream {
     kUnavailable,  // nothing sent: the bytes cannot go this way, write() them
     kFileEnded,    // the file ended first; the bytes it had were sent
   };
-  // Sends count bytes of the file fd from offset after the output queued so
-  // far, straight from the file (see TCPSocket::sendFile for the blocks,
-  // afterBlock and the limits). Checksummed mode needs the bytes here to sum
-  // them, so there it is kUnavailable. A failed send throws LinkLost.
+  // Sends count bytes of file fd from offset after the output queued so far,
+  // as TCPSocket::sendFile (kUnavailable in checksummed mode). A failed send
+  // throws LinkLost.
   FileSend sendFile(int fd, int64_t offset, int64_t count, int blockSize,
                     const TCPSocket::BlockSent& afterBlock);
 

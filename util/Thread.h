@@ -15,9 +15,8 @@ namespace Thread {
 // Identifier of the calling thread.
 ThreadId currentId();
 
-// Runs fn on a new detached thread, which inherits the caller's signal mask.
-// Returns false with errno set when the thread cannot be created. An
-// exception escaping fn is reported on standard error and swallowed.
+// Runs fn on a new detached thread (with the caller's signal mask); false with
+// errno set when there is none. An escaping exception is reported and dropped.
 bool startDetached(std::function<void()> fn);
 
 // Sends sig to the thread id (pthread_kill). Returns 0 or the error number.

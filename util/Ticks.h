@@ -1,5 +1,4 @@
-// A reading of the monotonic clock in nanoseconds, counted from a
-// process-wide origin set on first use; used to measure elapsed time.
+// A monotonic clock reading in nanoseconds from a process-wide origin.
 #ifndef HIVE_UTIL_TICKS_H_
 #define HIVE_UTIL_TICKS_H_
 
@@ -14,15 +13,13 @@ class Ticks {
   // failure. Make the first call on the main thread before threads start.
   static Ticks currentTime();
 
-  // Seconds of the low 50 bits, so a negative difference reads as a large
-  // positive value rather than negative seconds.
+  // Seconds of the low 50 bits (a negative difference reads large).
   double seconds() const;
   int64_t nanos() const { return mTicks; }
 
   Ticks operator-(const Ticks& o) const { return Ticks(mTicks - o.mTicks); }
   Ticks operator+(const Ticks& o) const { return Ticks(mTicks + o.mTicks); }
   Ticks& operator+=(const Ticks& o) { mTicks += o.mTicks; return *this; }
-  Ticks& operator-=(const Ticks& o) { mTicks -= o.mTicks; return *this; }
   bool operator<(const Ticks& o) const { return mTicks < o.mTicks; }
   bool operator>(const Ticks& o) const { return mTicks > o.mTicks; }
   bool operator==(const Ticks& o) const { return mTicks == o.mTicks; }

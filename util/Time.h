@@ -1,5 +1,4 @@
-// Absolute wall-clock time (seconds since the epoch plus nanoseconds), used
-// for file times and wait deadlines.
+// Wall-clock time (seconds since the epoch and nanoseconds).
 #ifndef HIVE_UTIL_TIME_H_
 #define HIVE_UTIL_TIME_H_
 
@@ -33,13 +32,9 @@ class Time {
   timespec toTimespec() const;
 
   bool operator==(const Time& o) const { return mNative == o.mNative && mNanos == o.mNanos; }
-  bool operator!=(const Time& o) const { return !(*this == o); }
   bool operator<(const Time& o) const {
     return mNative < o.mNative || (mNative == o.mNative && mNanos < o.mNanos);
   }
-  bool operator>(const Time& o) const { return o < *this; }
-  bool operator<=(const Time& o) const { return !(o < *this); }
-  bool operator>=(const Time& o) const { return !(*this < o); }
 
  private:
   void normalize();

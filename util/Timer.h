@@ -1,5 +1,4 @@
-// Stopwatch that accumulates intervals with their count, shortest and
-// longest. A new timer is all zero and not running.
+// Stopwatch of intervals with their count, shortest and longest.
 #ifndef HIVE_UTIL_TIMER_H_
 #define HIVE_UTIL_TIMER_H_
 

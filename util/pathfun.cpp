@@ -63,15 +63,6 @@ bool splitPath(const std::string& path, std::vector<Range>& parts, std::string* 
   return rootLen > 0;
 }
 
-namespace {
-
-bool sameComponent(const std::string& a, const Range& ra, const std::string& b, const Range& rb) {
-  return ra.second - ra.first == rb.second - rb.first &&
-         a.compare(ra.first, ra.second - ra.first, b, rb.first, rb.second - rb.first) == 0;
-}
-
-}  // namespace
-
 bool makeRelative(const std::string& base, std::string& path) {
   std::vector<Range> pathParts;
   if (!splitPath(path, pathParts)) return false;
@@ -80,7 +71,10 @@ bool makeRelative(const std::string& base, std::string& path) {
   HC_ASSERT(absolute);
   if (baseParts.size() > pathParts.size()) return false;
   for (std::size_t i = 0; i < baseParts.size(); ++i) {
-    if (!sameComponent(base, baseParts[i], path, pathParts[i])) return false;
+    const Range &b = baseParts[i], &p = pathParts[i];
+    if (base.compare(b.first, b.second - b.first, path, p.first, p.second - p.first) != 0) {
+      return false;
+    }
   }
   if (pathParts.size() > baseParts.size()) {
     path.erase(0, pathParts[baseParts.size()].first);

@@ -21,28 +21,24 @@ extern const char* const sPathSeparators;
 // and "a/b/" gives "a/b".
 std::string getDirectoryName(const std::string& path);
 
-// Everything after the last '/'; "" without any '/' (deliberately) and for
-// a path ending in '/'.
+// Everything after the last '/'; "" without any '/' (deliberately).
 std::string getFileName(const std::string& path);
 
 // True when the path has a root: a leading '/' on this platform.
 bool isAbsolute(GenericStringKey path, System::OSID os = System::OS_LINUX);
 
-// out = a + sep + b. An empty side yields the other; an absolute b wins;
-// no separator is added when a already ends in '/'.
+// a + sep + b; an empty side yields the other, an absolute b wins, and a
+// trailing '/' of a stands for sep.
 void pathConcatEx(GenericStringKey a, GenericStringKey b, std::string& out, char sep = '/');
 // Returning form of pathConcatEx with '/'.
 std::string pathConcat(GenericStringKey a, GenericStringKey b);
 
-// Pushes the root's range (if any) then one range per non-empty component;
-// one empty range (0, 0) when nothing else was pushed. root, if given,
-// receives the root text. Returns whether the path is absolute.
+// Pushes the root's range (if any), then one per non-empty component, or
+// else (0, 0); root receives the root text. Returns whether it is absolute.
 bool splitPath(const std::string& path, std::vector<Range>& parts, std::string* root = nullptr);
 
-// When path lies below the absolute base (component-wise, case-sensitive),
-// cuts the base off path (equal paths give "") and returns true; otherwise
-// returns false and leaves path unchanged. A relative base is a programming
-// error.
+// When path lies below the absolute base (component-wise), cuts the base off
+// (equal paths give "") and returns true; otherwise leaves path unchanged.
 bool makeRelative(const std::string& base, std::string& path);
 
 #endif  // HIVE_UTIL_PATHFUN_H_

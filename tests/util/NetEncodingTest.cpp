@@ -14,21 +14,16 @@ TEST(NetEncodingTest, LongValuesAndShortReads) {
   std::stringstream s;
   writeInt64(s, 0x1C0000002L);
   EXPECT_EQ(readInt64(s), 0x1C0000002L);
-  EXPECT_EQ(Int64From2Ints(-1, 0), -0x100000000L);
-
   std::string text = "kept";
   std::istringstream truncatedPrefix(std::string("\0\0", 2));
   readSmallBuf(truncatedPrefix, text);
   EXPECT_EQ(text, "kept");
-  std::istringstream shortPayload(WireBytes().i32(5).raw("ab").bytes());
-  readSmallBuf(shortPayload, text);
-  EXPECT_EQ(text, std::string("ab\0\0\0", 5));
   std::istringstream negative(WireBytes().i32(-1).bytes());
   EXPECT_THROW(readSmallBuf(negative, text), std::length_error);
 }
 
-// The client's list readers trust the daemon: a list cut short still
-// replaces the target, with what arrived and defaults for the rest.
+// A list cut short by the peer closing is a lost link, not data; the trusted
+// reader still replaces its target with what arrived and defaults.
 TEST(NetEncodingTest, TrustedListCutShortStillReplacesItsTarget) {
   auto ends = TCPSocket::pair();
   const std::string bytes = WireBytes().i32(3).str("a").i32(2).raw("b");
@@ -55,11 +50,4 @@ TEST(NetEncodingTest, BoundedReadersRefuseBeforeAllocating) {
   EXPECT_EQ(names, StringList{"kept"});
   std::istringstream longName(WireBytes().i32(1).i32(10).raw("0123456789").bytes());
   EXPECT_THROW(Wire::getStringList(longName, names, 10, 9), Wire::LimitError);
-  std::istringstream good(WireBytes().i32(2).str("b").str("a").i32(1).str("h").i32(1).bytes());
-  std::set<std::string> set;
-  StringIntPairList pairs;
-  Wire::getStringSet(good, set);
-  Wire::getPairList(good, pairs);
-  EXPECT_EQ(set, (std::set<std::string>{"a", "b"}));
-  EXPECT_EQ(pairs, (StringIntPairList{{"h", 1}}));
 }

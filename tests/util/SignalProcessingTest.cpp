@@ -1,5 +1,3 @@
-// The signal dispatcher: delivery on its own thread, failing callbacks and
-// stopping.
 #include "util/SignalProcessing.h"
 
 #include <signal.h>
@@ -10,87 +8,40 @@
 #include <stdexcept>
 #include <vector>
 
-#include "util/Condition.h"
-#include "util/Mutex.h"
-
-namespace {
-
-// Keeps SIGTERM and SIGUSR2 blocked in the test thread (and so in the
-// dispatcher it starts) and leaves the singleton stopped and nothing pending.
-class SignalProcessingTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    sigemptyset(&mSignals);
-    sigaddset(&mSignals, SIGTERM);
-    sigaddset(&mSignals, SIGUSR2);
-    pthread_sigmask(SIG_BLOCK, &mSignals, &mSaved);
-  }
-  void TearDown() override {
-    mSp.stop();
-    const timespec zero = {0, 0};
-    for (int i = 0; i < 4 && sigtimedwait(&mSignals, nullptr, &zero) > 0; ++i) continue;
-    pthread_sigmask(SIG_SETMASK, &mSaved, nullptr);
-  }
-
-  // Records each delivery and the thread it ran on, then runs then(sig).
-  SignalProcessing::Callback recorder(std::function<void(int)> then = [](int) {}) {
-    return [this, then](int sig) {
-      {
-        Mutex::Lock lock(mMutex);
-        mSeen.push_back(sig);
-        mThreads.push_back(Thread::currentId());
-        mCond.broadcast();
-      }
-      then(sig);
-      return SignalProcessing::Action();
-    };
-  }
-  // Sends sig to the process and waits (at most 10 s) for delivery number n.
-  bool sendAndAwait(int sig, size_t n) {
+// A callback that throws is reported and the next signal is still dispatched.
+TEST(SignalProcessingTest, ThrowingCallbackIsReportedAndDispatchGoesOn) {
+  sigset_t signals, saved;  // blocked here and so in the dispatcher
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGUSR2);
+  pthread_sigmask(SIG_BLOCK, &signals, &saved);
+  Mutex mutex;
+  Condition cond;
+  std::vector<int> seen;
+  const auto record = [&](int sig) {
+    Mutex::Lock lock(mutex);
+    seen.push_back(sig);
+    cond.broadcast();
+    if (sig == SIGTERM) throw std::runtime_error("boom");
+    return SignalProcessing::Action();
+  };
+  const auto sendAndAwait = [&](int sig, size_t n) {
     kill(getpid(), sig);
-    Mutex::Lock lock(mMutex);
-    return mCond.waitFor(lock, 10000, [&] { return mSeen.size() >= n; });
-  }
-
-  SignalProcessing& mSp = SignalProcessing::getInstance();
-  sigset_t mSignals, mSaved;
-  Mutex mMutex;
-  Condition mCond;
-  std::vector<int> mSeen;
-  std::vector<ThreadId> mThreads;
-};
-
-}  // namespace
-
-TEST_F(SignalProcessingTest, ThrowingCallbackIsReportedAndDispatchGoesOn) {
-  SignalProcessing::Configuration config;
-  config.set(SIGTERM, recorder([](int) { throw std::runtime_error("boom"); }));
-  config.set(SIGUSR2, recorder([](int) { throw 7; }));
-  mSp.configure(config);
+    Mutex::Lock lock(mutex);
+    return cond.waitFor(lock, 10000, [&] { return seen.size() >= n; });
+  };
+  SignalProcessing& sp = SignalProcessing::getInstance();
+  sp.configureRange({SIGTERM, SIGUSR2}, record);
   testing::internal::CaptureStderr();
-  mSp.processSignals();
-  const bool delivered = sendAndAwait(SIGTERM, 1) && sendAndAwait(SIGUSR2, 2) && sendAndAwait(SIGTERM, 3);
-  mSp.stop();
+  sp.processSignals();
+  const bool delivered = sendAndAwait(SIGTERM, 1) && sendAndAwait(SIGUSR2, 2);
+  sp.stop();
   const std::string err = testing::internal::GetCapturedStderr();
+  const timespec zero = {0, 0};
+  for (int i = 0; i < 4 && sigtimedwait(&signals, nullptr, &zero) > 0; ++i) continue;
+  pthread_sigmask(SIG_SETMASK, &saved, nullptr);
   EXPECT_TRUE(delivered);
-  EXPECT_NE(std::string::npos, err.find("boom")) << err;
-}
-
-TEST_F(SignalProcessingTest, DispatchOnItsOwnThreadUntilStopped) {
-  // Stopping before the dispatcher starts finishes at once; starting after
-  // that does nothing.
-  mSp.configureRange({SIGTERM}, recorder());
-  mSp.stop();
-  mSp.processSignals();
-  EXPECT_EQ(SignalProcessing::finished, mSp.state());
-  EXPECT_EQ(ThreadId(0), mSp.dispatcherThread());
-
-  mSp.configureRange({SIGTERM, SIGUSR2}, recorder());
-  mSp.processSignals();
-  const ThreadId dispatcher = mSp.dispatcherThread();
-  ASSERT_TRUE(sendAndAwait(SIGTERM, 1) && sendAndAwait(SIGUSR2, 2));
-  mSp.stop();
-  EXPECT_EQ(SignalProcessing::finished, mSp.state());
-  EXPECT_EQ(std::vector<int>({SIGTERM, SIGUSR2}), mSeen);
-  for (ThreadId t : mThreads) EXPECT_TRUE(pthread_equal(t, dispatcher) && !pthread_equal(t, Thread::currentId()));
+  EXPECT_EQ(std::vector<int>({SIGTERM, SIGUSR2}), seen);
+  EXPECT_NE(std::string::npos, err.find("Exception in signal processor: boom")) << err;
+  EXPECT_EQ(SignalProcessing::finished, sp.state());
 }

@@ -10,7 +10,6 @@
 #include "support/FakeDaemon.h"
 #include "support/TempDir.h"
 #include "util/CRC.h"
-#include "util/System.h"
 
 namespace {
 
@@ -48,8 +47,7 @@ TEST(TCPStreamTest, BulkAndSmallWritesKeepOrderAndLossRaises) {
   EXPECT_EQ(readN(*p.server, 2), "cd");
 
   // Queued bytes and a bulk write far larger than the socket buffers go out
-  // together through partial sends, in order; a receiver with a large input
-  // buffer reads them back whole.
+  // in order through partial sends.
   StreamPair q;
   q.server->streamBuf().setInputBufferSize(65544);
   q.client->socket().setWriteTimeout(5000);  // sends what fits, then waits
@@ -74,12 +72,7 @@ TEST(TCPStreamTest, ChecksummedBlocks) {
   p.client->write("abc", 3).flush();
   const unsigned crc = CRC::crc32c(reinterpret_cast<const unsigned char*>("abc"), 3, 0);
   EXPECT_EQ(readN(*p.server, 11), WireBytes().i32(3).i32(static_cast<int>(crc)).raw("abc").bytes());
-
   p.server->setCRCMode([&] { ++mismatches; });
-  const std::string bulk = TempDir::pattern(50000);
-  p.client->write(bulk.data(), static_cast<std::streamsize>(bulk.size())).flush();
-  EXPECT_EQ(readN(*p.server, bulk.size()), bulk);
-  EXPECT_EQ(mismatches, 0);
   const std::string corrupt = WireBytes().i32(2).i32(0).raw("xy");
   p.client->socket().write(corrupt.data(), static_cast<int>(corrupt.size()));
   EXPECT_EQ(readN(*p.server, 2), "xy");
@@ -87,24 +80,8 @@ TEST(TCPStreamTest, ChecksummedBlocks) {
   EXPECT_TRUE(p.server->crcMismatch());
 }
 
-TEST(TCPStreamTest, TimedOutReadRaisesAndSettingsSurviveReconnect) {
-  TCPSocket listener;
-  listener.listen("127.0.0.1", 0);
-  TCPStream stream;
-  int stalls = 0;
-  stream.socket().setReadTimeout(50);
-  stream.socket().setStallHandler([&] { return ++stalls < 0; });
-  for (int round = 1; round <= 2; ++round) {  // connect() reuses the socket object
-    stream.connect("127.0.0.1", listener.getListenerPort(), 2000);
-    EXPECT_THROW(stream.get(), LinkLost);
-    EXPECT_EQ(stream.socket().getLastError(), ETIMEDOUT);
-    EXPECT_EQ(stalls, round);
-  }
-}
-
-// File bytes follow the items queued before them. A checksummed stream or
-// a pipe cannot send from a file; a lost connection raises like a write,
-// without a SIGPIPE reaching the process.
+// File bytes follow the items queued before them; a lost connection raises
+// like a write, without a SIGPIPE reaching the process.
 TEST(TCPStreamTest, SendFileAfterQueuedItems) {
   StreamPair p;
   TempDir dir;
@@ -122,9 +99,6 @@ TEST(TCPStreamTest, SendFileAfterQueuedItems) {
   EXPECT_EQ(send(pipeIn.get(), 0, 3), TCPStream::FileSend::kUnavailable);
   EXPECT_EQ(send(file.get(), 0, 10), TCPStream::FileSend::kFileEnded);
   EXPECT_EQ(readN(*p.server, 16), "abbytesfilebytes");
-  p.client->setCRCMode([] {});
-  EXPECT_EQ(send(file.get(), 0, 9), TCPStream::FileSend::kUnavailable);
-  p.client->setCRCMode(nullptr);
   p.client->socket().shutdown();
   EXPECT_THROW(send(file.get(), 0, 9), LinkLost);
   sigset_t pending, mask;

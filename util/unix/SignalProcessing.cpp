@@ -7,7 +7,6 @@
 #include <exception>
 #include <iostream>
 
-#include "util/StringUtilities.h"
 #include "util/System.h"
 
 namespace {
@@ -15,8 +14,7 @@ namespace {
 // Reserved as the dispatcher's wake-up signal.
 const int kWakeUpSignal = SIGILL;
 
-// Blocks every signal in the calling thread for its lifetime, then restores
-// the previous mask.
+// Blocks every signal in the calling thread for its lifetime.
 class BlockAllSignals {
  public:
   BlockAllSignals() {
@@ -31,14 +29,6 @@ class BlockAllSignals {
  private:
   sigset_t mSaved;
 };
-
-void changeMask(int how, const std::vector<int>& signals) {
-  sigset_t set;
-  sigemptyset(&set);
-  for (int sig : signals) sigaddset(&set, sig);
-  const int ern = pthread_sigmask(how, &set, nullptr);
-  HC_ASSERT(ern == 0);
-}
 
 }  // namespace
 
@@ -61,17 +51,19 @@ SignalProcessing& SignalProcessing::getInstance() {
   return instance;
 }
 
-void SignalProcessing::block(const std::vector<int>& signals) { changeMask(SIG_BLOCK, signals); }
-
-void SignalProcessing::unblock(const std::vector<int>& signals) {
-  changeMask(SIG_UNBLOCK, signals);
+void SignalProcessing::block(const std::vector<int>& signals) {
+  sigset_t set;
+  sigemptyset(&set);
+  for (int sig : signals) sigaddset(&set, sig);
+  const int ern = pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  HC_ASSERT(ern == 0);
 }
 
 void SignalProcessing::configure(const Configuration& configuration) {
   Mutex::Lock lock(mMutex);
   HC_ASSERT(mState == unconfigured || mState == finished);
-  for (auto it = configuration.callbacks().begin(); it != configuration.callbacks().end(); ++it) {
-    HC_ASSERT_MSG(it->second, "! it->second.empty()");
+  for (const auto& entry : configuration.callbacks()) {
+    HC_ASSERT_MSG(entry.second, "! it->second.empty()");
   }
   mCallbacks = configuration.callbacks();
   mState = configured;
@@ -82,11 +74,6 @@ void SignalProcessing::configureRange(const std::vector<int>& signals, Callback 
   Configuration configuration;
   for (int sig : signals) configuration.set(sig, callback);
   configure(configuration);
-}
-
-void SignalProcessing::setObserver(Observer observer) {
-  Mutex::Lock lock(mMutex);
-  mObserver = std::move(observer);
 }
 
 SignalProcessing::State SignalProcessing::state() {
@@ -147,7 +134,6 @@ void SignalProcessing::requestStop() {
       mCond.broadcast();
       break;
     case running:
-      ++mPendingWakeUps;
       Thread::signal(mDispatcher, kWakeUpSignal);
       mState = stopping;
       mCond.broadcast();
@@ -160,15 +146,6 @@ void SignalProcessing::requestStop() {
   }
 }
 
-void SignalProcessing::report(Progress progress, int sig) {
-  Observer observer;
-  {
-    Mutex::Lock lock(mMutex);
-    observer = mObserver;
-  }
-  if (observer) observer(progress, sig);
-}
-
 void SignalProcessing::dispatchOne(int sig) {
   Callback callback;
   {
@@ -177,7 +154,6 @@ void SignalProcessing::dispatchOne(int sig) {
     if (it != mCallbacks.end()) callback = it->second;
   }
   HC_ASSERT_MSG(callback, "! callback.empty()");
-  report(dispatching, sig);
   try {
     Action followUp = callback(sig);
     if (followUp) followUp();
@@ -205,9 +181,7 @@ void SignalProcessing::unixDispatch() {
   // same wait, so a stop request sent while a callback runs is not lost.
   sigaddset(&waitSet, kWakeUpSignal);
   for (;;) {
-    report(waiting, 0);
-    siginfo_t info;
-    const int sig = sigwaitinfo(&waitSet, &info);
+    const int sig = sigwaitinfo(&waitSet, nullptr);
     if (sig > 0 && sig != kWakeUpSignal) {
       dispatchOne(sig);
       continue;
@@ -217,10 +191,8 @@ void SignalProcessing::unixDispatch() {
       continue;
     }
     Mutex::Lock lock(mMutex);
-    if (sig == kWakeUpSignal && mPendingWakeUps > 0) --mPendingWakeUps;
     if (mState == stopping) break;
   }
-  report(leaving, 0);
   Mutex::Lock lock(mMutex);
   HC_ASSERT(mState == stopping);
   mState = finished;
@@ -238,9 +210,8 @@ void SignalProcessing::defaultAction(int sig) {
   sigemptyset(&one);
   sigaddset(&one, sig);
   pthread_sigmask(SIG_BLOCK, &one, &savedMask);
-  struct sigaction defaultDisposition, savedAction;
+  struct sigaction defaultDisposition {}, savedAction;
   defaultDisposition.sa_handler = SIG_DFL;
-  defaultDisposition.sa_flags = 0;
   sigemptyset(&defaultDisposition.sa_mask);
   sigaction(sig, &defaultDisposition, &savedAction);
   pthread_sigmask(SIG_UNBLOCK, &one, nullptr);

@@ -1,5 +1,4 @@
 // File metadata, raw directory listing and descriptor services.
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -24,7 +23,9 @@ auto retryOnInterrupt(Call call) {
   return rc;
 }
 
-void fillFrom(FileAttributes& a, const struct stat& st) {
+// Copies st into a when the stat call that filled it returned rc == 0.
+bool fillFrom(FileAttributes& a, int rc, const struct stat& st) {
+  if (rc != 0) return false;
   a.mFSID.mDevice = static_cast<int64_t>(st.st_dev);
   a.mFSID.mIndex = static_cast<int64_t>(st.st_ino);
   a.mSize = static_cast<int64_t>(st.st_size);
@@ -36,35 +37,44 @@ void fillFrom(FileAttributes& a, const struct stat& st) {
   a.mOwnerId = static_cast<int>(st.st_uid);
   a.mGroupId = static_cast<int>(st.st_gid);
   a.mWindowsFlags = 0;
+  return true;
 }
+
+int openAtRetrying(int dirFd, const std::string& name, int flags, int mode) {
+  return retryOnInterrupt([&] { return ::openat(dirFd, name.c_str(), flags, mode_t(mode)); });
+}
+
+// Layout of the records returned by getdents64.
+struct RawDirEntry {
+  uint64_t d_ino;
+  int64_t d_off;
+  unsigned short d_reclen;
+  unsigned char d_type;
+  char d_name[1];
+};
+
+const std::size_t kDirBufferSize = 5370;
 
 }  // namespace
 
 bool FileAttributes::stat(const std::string& path, SymLinkMode mode) {
   struct stat st;
-  const int rc = retryOnInterrupt([&] {
+  return fillFrom(*this, retryOnInterrupt([&] {
     return mode == DONT_FOLLOW_SYMLINK ? ::lstat(path.c_str(), &st) : ::stat(path.c_str(), &st);
-  });
-  if (rc != 0) return false;
-  fillFrom(*this, st);
-  return true;
+  }), st);
 }
 
 bool FileAttributes::statFd(int fd) {
   struct stat st;
-  if (::fstat(fd, &st) != 0) return false;
-  fillFrom(*this, st);
-  return true;
+  return fillFrom(*this, ::fstat(fd, &st), st);
 }
 
 bool FileAttributes::statAt(int dirFd, const std::string& name, SymLinkMode mode) {
   struct stat st;
   const int flags = mode == DONT_FOLLOW_SYMLINK ? AT_SYMLINK_NOFOLLOW : 0;
-  if (retryOnInterrupt([&] { return ::fstatat(dirFd, name.c_str(), &st, flags); }) != 0) {
-    return false;
-  }
-  fillFrom(*this, st);
-  return true;
+  return fillFrom(*this, retryOnInterrupt([&] {
+    return ::fstatat(dirFd, name.c_str(), &st, flags);
+  }), st);
 }
 
 FileType FileAttributes::getType() const {
@@ -84,21 +94,6 @@ bool FileAttributes::isDirectory() const { return S_ISDIR(mMode); }
 bool FileAttributes::isSymlink() const { return S_ISLNK(mMode); }
 
 namespace System {
-
-namespace {
-
-// Layout of the records returned by getdents64.
-struct RawDirEntry {
-  uint64_t d_ino;
-  int64_t d_off;
-  unsigned short d_reclen;
-  unsigned char d_type;
-  char d_name[1];
-};
-
-const std::size_t kDirBufferSize = 5370;
-
-}  // namespace
 
 bool readDirectory(const std::string& path, std::vector<std::string>& names) {
   FileDescriptor dir = openDirectory(path, true);
@@ -148,31 +143,19 @@ bool FileDescriptor::close() {
   return ::close(fd) == 0 || errno == EINTR;
 }
 
-namespace {
-
-int openAtRetrying(int dirFd, const std::string& name, int flags, int mode) {
-  return retryOnInterrupt([&] { return ::openat(dirFd, name.c_str(), flags, mode_t(mode)); });
-}
-
-int openRetrying(const std::string& path, int flags, int mode) {
-  return openAtRetrying(AT_FDCWD, path, flags, mode);
-}
-
-}  // namespace
-
 FileDescriptor openForWrite(const std::string& path, int mode, int extraFlags) {
-  return FileDescriptor(
-      openRetrying(path, O_CREAT | O_WRONLY | O_NOFOLLOW | O_CLOEXEC | extraFlags, mode));
+  const int flags = O_CREAT | O_WRONLY | O_NOFOLLOW | O_CLOEXEC | extraFlags;
+  return FileDescriptor(openAtRetrying(AT_FDCWD, path, flags, mode));
 }
 
 FileDescriptor openForRead(const std::string& path, bool followSymlink) {
   return FileDescriptor(
-      openRetrying(path, O_RDONLY | O_CLOEXEC | (followSymlink ? 0 : O_NOFOLLOW), 0));
+      openAtRetrying(AT_FDCWD, path, O_RDONLY | O_CLOEXEC | (followSymlink ? 0 : O_NOFOLLOW), 0));
 }
 
 FileDescriptor openDirectory(const std::string& path, bool followSymlink) {
-  return FileDescriptor(
-      openRetrying(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC | (followSymlink ? 0 : O_NOFOLLOW), 0));
+  const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (followSymlink ? 0 : O_NOFOLLOW);
+  return FileDescriptor(openAtRetrying(AT_FDCWD, path, flags, 0));
 }
 
 FileDescriptor openDirectoryAt(int dirFd, const std::string& name) {
@@ -206,9 +189,8 @@ FileDescriptor openFileAt(int dirFd, const std::string& name, bool forWrite) {
     errno = EINVAL;  // kept while fd closes
     return FileDescriptor();
   }
-  // O_NONBLOCK (there so that opening a FIFO cannot wait) stays: reads and
-  // writes of a regular file ignore it, and clearing it costs two calls per
-  // file at commit.
+  // O_NONBLOCK (so that opening a FIFO cannot wait) stays: regular files
+  // ignore it, and clearing it would cost two calls per file.
   return fd;
 }
 
@@ -242,6 +224,10 @@ ssize_t readSome(int fd, void* buf, size_t n) {
   return retryOnInterrupt([&] { return ::read(fd, buf, n); });
 }
 
+ssize_t preadSome(int fd, void* buf, size_t n, int64_t offset) {
+  return retryOnInterrupt([&] { return ::pread(fd, buf, n, static_cast<off_t>(offset)); });
+}
+
 ssize_t readFull(int fd, void* buf, size_t n) {
   char* p = static_cast<char*>(buf);
   size_t done = 0;
@@ -254,8 +240,16 @@ ssize_t readFull(int fd, void* buf, size_t n) {
   return static_cast<ssize_t>(done);
 }
 
-ssize_t preadSome(int fd, void* buf, size_t n, int64_t offset) {
-  return retryOnInterrupt([&] { return ::pread(fd, buf, n, static_cast<off_t>(offset)); });
+ssize_t preadFull(int fd, void* buf, size_t n, int64_t offset) {
+  char* p = static_cast<char*>(buf);
+  size_t done = 0;
+  while (done < n) {
+    const ssize_t r = preadSome(fd, p + done, n - done, offset + static_cast<int64_t>(done));
+    if (r < 0) return -1;
+    if (r == 0) break;
+    done += static_cast<size_t>(r);
+  }
+  return static_cast<ssize_t>(done);
 }
 
 int64_t seek(int fd, int64_t offset, int whence) {
@@ -269,9 +263,5 @@ bool syncFileSystem(int fd) { return ::syncfs(fd) == 0; }
 bool syncData(int fd) { return ::fdatasync(fd) == 0; }
 
 bool changeMode(int fd, int mode) { return ::fchmod(fd, static_cast<mode_t>(mode)) == 0; }
-
-bool truncateFile(int fd, int64_t length) {
-  return ::ftruncate(fd, static_cast<off_t>(length)) == 0;
-}
 
 }  // namespace System
