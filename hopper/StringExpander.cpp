@@ -7,6 +7,8 @@
 #include <stdexcept>
 #include <unordered_set>
 
+#include "hopper/MultiBaseCounter.h"
+
 namespace {
 
 const char kSeparators[] = ", \v\f\t\r\n";
@@ -55,31 +57,6 @@ void addItem(const std::string& item, std::vector<std::string>& out) {
 }
 
 }  // namespace
-
-MultiBaseCounter::MultiBaseCounter(const std::vector<uint64_t>& bases)
-    : mDigitBases(bases), mDigits(bases.size(), 0) {
-  if (std::find(bases.begin(), bases.end(), 0) != bases.end()) {
-    throw std::runtime_error("MultiBaseCounter: bases must be at least 1.");
-  }
-}
-
-MultiBaseCounter& MultiBaseCounter::operator++() {
-  if (reachedMax()) {
-    mIsValid = false;
-    return *this;
-  }
-  // Not at the maximum, so some digit below its top absorbs the carry.
-  for (size_t i = mDigits.size(); i-- > 0;) {
-    if (++mDigits[i] < mDigitBases[i]) break;
-    mDigits[i] = 0;
-  }
-  return *this;
-}
-
-bool MultiBaseCounter::reachedMax() const {
-  return std::equal(mDigits.begin(), mDigits.end(), mDigitBases.begin(),
-                    [](uint64_t digit, uint64_t base) { return digit == base - 1; });
-}
 
 void StringExpander::parsePattern(const std::string& content,
                                   std::vector<std::string>& alternatives) {

@@ -18,12 +18,16 @@ class SignalProcessing {
  public:
   enum State { unconfigured = 0, configured = 1, starting = 2, running = 3, stopping = 4, finished = 5 };
   enum ProcessingMode { background = 0, foreground = 1 };
+  // Progress reports of the dispatcher to the optional observer.
+  enum Progress { waiting = 0, dispatching = 1, leaving = 2 };
 
   // Run after the dispatcher has finished the callback (may be empty).
   using Action = std::function<void()>;
   // Called on the dispatcher thread with the signal number.
   using Callback = std::function<Action(int)>;
   using CallbackMap = std::map<int, Callback>;
+  // Called on the dispatcher thread; sig is 0 except for dispatching.
+  using Observer = std::function<void(Progress, int sig)>;
 
   // Signal-to-callback map built before configure().
   class Configuration {
@@ -57,8 +61,12 @@ class SignalProcessing {
   // Ends the dispatcher and waits until finished; never from a callback.
   void stop();
 
-  // After stop(): lets sig take its default effect (normally ending us).
+  // After stop(): lets sig take its default effect (normally ending the
+  // process); returns only when that effect is to ignore it.
   void defaultAction(int sig);
+
+  // Observer for the dispatcher's progress (tests and diagnostics).
+  void setObserver(Observer observer);
 
   State state();
   // The dispatcher's thread while running; 0 otherwise.
@@ -73,12 +81,15 @@ class SignalProcessing {
   void requestStop();  // with mMutex held
   void unixDispatch();
   void dispatchOne(int sig);
+  void report(Progress progress, int sig);
 
   Mutex mMutex;
   Condition mCond;
   CallbackMap mCallbacks;
   State mState = unconfigured;
+  int mPendingWakeUps = 0;  // wake-ups sent and not yet taken
   ThreadId mDispatcher = 0;
+  Observer mObserver;
 };
 
 #endif  // HIVE_UTIL_SIGNALPROCESSING_H_

@@ -189,36 +189,6 @@ std::streamsize TCPStreamBuf::xsgetn(char* s, std::streamsize n) {
   return done;
 }
 
-TCPRawStream::TCPRawStream() : TCPRawStream(std::make_unique<TCPSocket>()) {}
-
-TCPRawStream::TCPRawStream(std::unique_ptr<TCPSocket> socket)
-    : std::iostream(nullptr), mSocket(std::move(socket)) {
-  mTCPStreamBuf = std::make_unique<TCPStreamBuf>(mSocket.get());
-  rdbuf(mTCPStreamBuf.get());  // also clears the bad state set by a null buffer
-}
-
-TCPRawStream::TCPRawStream(const std::string& host, int port, long timeoutMs, int readTimeoutMs)
-    : TCPRawStream() {
-  mSocket->setReadTimeout(readTimeoutMs);
-  mSocket->connect(host, port, timeoutMs);
-}
-
-void TCPRawStream::connect(const std::string& host, int port, long timeoutMs) {
-  close();
-  mSocket->connect(host, port, timeoutMs);
-}
-
-void TCPRawStream::listen(const std::string& address, int port, int backlog) {
-  close();
-  mSocket->listen(address, port, backlog);
-}
-
-void TCPRawStream::close() {
-  mSocket->close();
-  mTCPStreamBuf->reset();
-  clear();
-}
-
 TCPStream::TCPStream() { setExceptionMask(); }
 
 TCPStream::TCPStream(std::unique_ptr<TCPSocket> socket) : TCPRawStream(std::move(socket)) {

@@ -3,10 +3,8 @@
 // refill; output is sent when the buffer is full or on flush. Large reads and
 // writes bypass the buffers. In checksummed mode each flushed block is preceded
 // by its length and CRC-32C, both big-endian 32-bit.
-// TCPRawStream: a bidirectional stream that owns a socket and its buffer;
-// failures show as stream states. Closing and connecting again reuses it.
-// TCPStream: the same stream whose every failure (lost connection, short
-// write, end of file, time-out) raises LinkLost at once.
+// TCPStream: the raw stream (TCPRawStream) whose every failure (lost
+// connection, short write, end of file, time-out) raises LinkLost at once.
 #ifndef HIVE_UTIL_TCPSTREAM_H_
 #define HIVE_UTIL_TCPSTREAM_H_
 
@@ -19,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "util/TCPRawStream.h"
 #include "util/TCPSocket.h"
 
 // The connection is gone: closed, reset, timed out, or a send failed.
@@ -84,47 +83,6 @@ class TCPStreamBuf : public std::streambuf {
   uint32_t mExpectedCRC;
   uint32_t mActualCRC;
   uint32_t mBytesToSum;
-};
-
-class TCPRawStream : public std::iostream {
- public:
-  // Unconnected; connect() or listen() later.
-  TCPRawStream();
-  // Over an already connected socket.
-  explicit TCPRawStream(std::unique_ptr<TCPSocket> socket);
-  // Connects at once, reads waiting up to readTimeoutMs. Throws.
-  TCPRawStream(const std::string& host, int port, long timeoutMs, int readTimeoutMs = -1);
-  // Unsent output is dropped: the peer may be gone and this must not block.
-  ~TCPRawStream() override = default;
-  TCPRawStream(const TCPRawStream&) = delete;
-  TCPRawStream& operator=(const TCPRawStream&) = delete;
-
-  // Drops buffered data and the stream state and connects afresh. Throws.
-  void connect(const std::string& host, int port, long timeoutMs);
-  // As TCPSocket::listen and accept.
-  void listen(const std::string& address, int port, int backlog = 64);
-  std::unique_ptr<TCPSocket> accept(int timeoutMs = -1) { return mSocket->accept(timeoutMs); }
-  // Closes the connection, dropping unsent output and unread input.
-  void close();
-
-  bool isConnected() const { return mSocket->isConnected(); }
-  // True when input is buffered or arrives within ms (-1: no limit).
-  bool isReadable(int ms) { return mTCPStreamBuf->buffered() > 0 || mSocket->isReadable(ms); }
-
-  // Checksummed block mode: a received block whose checksum differs sets
-  // crcMismatch() and calls onMismatch; empty switches the mode off. Both
-  // ends must agree before any data moves.
-  void setCRCMode(std::function<void()> onMismatch) {
-    mTCPStreamBuf->setCRCMode(std::move(onMismatch));
-  }
-  bool crcMismatch() const { return mTCPStreamBuf->crcMismatch(); }
-
-  TCPSocket& socket() { return *mSocket; }
-  TCPStreamBuf& streamBuf() { return *mTCPStreamBuf; }
-
- private:
-  std::unique_ptr<TCPStreamBuf> mTCPStreamBuf;
-  std::unique_ptr<TCPSocket> mSocket;
 };
 
 class TCPStream : public TCPRawStream {

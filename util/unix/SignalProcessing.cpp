@@ -7,6 +7,7 @@
 #include <exception>
 #include <iostream>
 
+#include "util/StringUtilities.h"
 #include "util/System.h"
 
 namespace {
@@ -76,6 +77,11 @@ void SignalProcessing::configureRange(const std::vector<int>& signals, Callback 
   configure(configuration);
 }
 
+void SignalProcessing::setObserver(Observer observer) {
+  Mutex::Lock lock(mMutex);
+  mObserver = std::move(observer);
+}
+
 SignalProcessing::State SignalProcessing::state() {
   Mutex::Lock lock(mMutex);
   return mState;
@@ -134,6 +140,7 @@ void SignalProcessing::requestStop() {
       mCond.broadcast();
       break;
     case running:
+      ++mPendingWakeUps;
       Thread::signal(mDispatcher, kWakeUpSignal);
       mState = stopping;
       mCond.broadcast();
@@ -146,6 +153,15 @@ void SignalProcessing::requestStop() {
   }
 }
 
+void SignalProcessing::report(Progress progress, int sig) {
+  Observer observer;
+  {
+    Mutex::Lock lock(mMutex);
+    observer = mObserver;
+  }
+  if (observer) observer(progress, sig);
+}
+
 void SignalProcessing::dispatchOne(int sig) {
   Callback callback;
   {
@@ -154,6 +170,7 @@ void SignalProcessing::dispatchOne(int sig) {
     if (it != mCallbacks.end()) callback = it->second;
   }
   HC_ASSERT_MSG(callback, "! callback.empty()");
+  report(dispatching, sig);
   try {
     Action followUp = callback(sig);
     if (followUp) followUp();
@@ -181,7 +198,9 @@ void SignalProcessing::unixDispatch() {
   // same wait, so a stop request sent while a callback runs is not lost.
   sigaddset(&waitSet, kWakeUpSignal);
   for (;;) {
-    const int sig = sigwaitinfo(&waitSet, nullptr);
+    report(waiting, 0);
+    siginfo_t info;
+    const int sig = sigwaitinfo(&waitSet, &info);
     if (sig > 0 && sig != kWakeUpSignal) {
       dispatchOne(sig);
       continue;
@@ -191,8 +210,10 @@ void SignalProcessing::unixDispatch() {
       continue;
     }
     Mutex::Lock lock(mMutex);
+    if (sig == kWakeUpSignal && mPendingWakeUps > 0) --mPendingWakeUps;
     if (mState == stopping) break;
   }
+  report(leaving, 0);
   Mutex::Lock lock(mMutex);
   HC_ASSERT(mState == stopping);
   mState = finished;
