@@ -83,13 +83,18 @@ TEST_F(UploadManagerTest, BeginStatusesAndReports) {
   script.beginBusy = {"127.0.0.6:1"};
   script.beginText = "trouble near " + busy.hostId();
   partial.setScript(script);
-  auto m = manager({&busy, &odd, &partial}, false, -1,
-                   {{"127.0.0.5:1", "host5"}, {"127.0.0.6:1", "host6"}});
+  const IPtoNameMap others = {{"127.0.0.5:1", "host5"}, {"127.0.0.6:1", "host6"}};
+  auto m = manager({&busy, &odd, &partial}, false, -1, others);
   m->beginUpload();
   EXPECT_EQ(m->nodeSet(), NodeSet{partial.hostId()});
   EXPECT_EQ(err.str(), "host2: Server busy\nhost6: Server busy\n" + TCPSocket::getHostName() +
                            ": Unable to connect or lost connection to host5.\n"
                            "Protocol error while communicating with host4: trouble near host2\n");
+  err.str("");
+  script.beginText = "";
+  partial.setScript(script);
+  manager({&partial}, false, -1, others)->beginUpload();
+  EXPECT_EQ(err.str().find("Protocol error"), std::string::npos) << err.str();  // none without a text
 }
 
 // Wherever the daemon's position falls, the data continues from it: below
@@ -193,6 +198,10 @@ TEST_F(UploadManagerTest, VerboseDotsPerMillionBytes) {
   FakeDaemon daemon(connector, "127.0.0.2");
   EXPECT_TRUE(manager({&daemon}, true)->upload(file("f", TempDir::pattern(2500000)), "/d/f"));
   EXPECT_EQ(out.str(), "..success\nCommitting upload\n");
+  out.str("");  // the commit is announced even when nothing went out
+  std::filesystem::create_symlink("f", dir.file("link"));
+  EXPECT_FALSE(manager({&daemon}, true)->upload(dir.file("link"), "/d/l"));
+  EXPECT_EQ(out.str(), "Committing upload\n");
 }
 
 TEST_F(UploadManagerTest, NoReachableHostEndsTheRun) {

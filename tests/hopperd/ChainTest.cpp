@@ -107,6 +107,18 @@ TEST_F(ChainTest, FilesInFlightPastAKilledMiddleHostAreSentAgain) {
   expectCopied(1);
 }
 
+// The head dies holding small files it has confirmed to the client but not
+// yet passed on: the next host gets them all again.
+TEST_F(ChainTest, HeadKilledInATreeLeavesNoFileMissingOnTheOthers) {
+  start(3);
+  startManySmallFiles();
+  ASSERT_TRUE(waitFor([&] { return filesUnder(root(2), true).size() >= 1000; })) << err.str();
+  daemon(0).signal(SIGKILL);
+  EXPECT_EQ(daemon(0).waitExit(10000), 128 + SIGKILL);
+  EXPECT_TRUE(finish()) << err.str();
+  expectCopied(0);
+}
+
 // A host that refuses a file still passes it on; its refusal fails the run.
 // The head and the tail receive each byte once (their logs say).
 TEST_F(ChainTest, AFileAMiddleHostRefusesReachesTheOthersAndFailsTheRun) {
