@@ -79,20 +79,11 @@ bool ClusterManagerConnection::connect(const std::string& host, int port,
 
   mCurl.reset(curl_easy_init());
   if (!mCurl) return fail("Failed to initialize the curl handle", kTransferFailed, false);
-  setHandleOptions(timeout);
-
-  XMLTree reply;
-  return sendHTTPMessage(kHandshakeRequest, reply, nullptr);
-}
-
-void ClusterManagerConnection::setHandleOptions(int timeout) {
   CURL* h = mCurl.get();
-  curl_easy_setopt(h, CURLOPT_VERBOSE, 0L);
   // No signals: time-outs must be safe in a multi-threaded process.
   curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(h, CURLOPT_NOPROGRESS, 1L);
   curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, static_cast<curl_write_callback>(&ReceiveData));
-  curl_easy_setopt(h, CURLOPT_WRITEDATA, static_cast<void*>(nullptr));
   curl_easy_setopt(h, CURLOPT_USERPWD, kAccount);
   curl_easy_setopt(h, CURLOPT_TIMEOUT, static_cast<long>(timeout));
   curl_easy_setopt(h, CURLOPT_FORBID_REUSE, mKeepAlive ? 0L : 1L);
@@ -100,6 +91,9 @@ void ClusterManagerConnection::setHandleOptions(int timeout) {
   curl_easy_setopt(h, CURLOPT_IPRESOLVE, static_cast<long>(CURL_IPRESOLVE_V4));
   // Never a proxy; the empty one also overrides https_proxy and all_proxy.
   if (System::getenv("http_proxy") != nullptr) curl_easy_setopt(h, CURLOPT_PROXY, "");
+
+  XMLTree reply;
+  return sendHTTPMessage(kHandshakeRequest, reply, nullptr);
 }
 
 bool ClusterManagerConnection::sendHTTPMessage(const std::string& request, XMLTree& reply,
@@ -140,8 +134,10 @@ bool ClusterManagerConnection::send(const std::string& request, XMLTree& reply,
                           reply);
 }
 
-void ClusterManagerConnection::setURLOptions(const std::string& request) {
+bool ClusterManagerConnection::doSendHTTPStreaming(const std::string& request, std::ostream* out) {
   CURL* h = mCurl.get();
+  curl_easy_setopt(h, CURLOPT_WRITEDATA, static_cast<void*>(out));
+  ++mSendMsgCount;
   const bool plain = mCMSecurityProvider == nullptr ||
                      std::strcmp(mCMSecurityProvider->name(), "http") == 0;
   const std::string url =
@@ -158,13 +154,6 @@ void ClusterManagerConnection::setURLOptions(const std::string& request) {
   curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 2L);
   curl_easy_setopt(h, CURLOPT_URL, url.c_str());
   curl_easy_setopt(h, CURLOPT_TCP_NODELAY, 1L);
-}
-
-bool ClusterManagerConnection::doSendHTTPStreaming(const std::string& request, std::ostream* out) {
-  CURL* h = mCurl.get();
-  curl_easy_setopt(h, CURLOPT_WRITEDATA, static_cast<void*>(out));
-  ++mSendMsgCount;
-  setURLOptions(request);
   if (mMaxRetries <= 0) return reportTransferFailure(CURLE_OK, 0);
 
   const std::streampos start = out->tellp();

@@ -96,10 +96,8 @@ class ClusterManagerConnection {
     void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
   };
 
-  void setHandleOptions(int timeout);
   bool send(const std::string& request, XMLTree& reply, const std::string* body);
   bool doSendHTTPStreaming(const std::string& request, std::ostream* out);
-  void setURLOptions(const std::string& request);
   bool reportTransferFailure(CURLcode result, long httpCode);
   bool parseXMLResponse(const std::string& text, XMLTree& tree);
   bool fail(const std::string& message, int code, bool fromCM);

@@ -77,17 +77,12 @@ int GetOpt::endOfOptions() {
   return -1;
 }
 
-const char* GetOpt::findShortEntry(char c) const {
-  const auto it = std::find_if(mShortOpts.begin(), mShortOpts.end(), [&](char s) {
-    return mCaseSensitive ? s == c : foldCase(s) == foldCase(c);
-  });
-  return it == mShortOpts.end() ? nullptr : &*it;
-}
-
 int GetOpt::parseShortOption() {
   char c = *mNextChar++;
   if (!mCaseSensitive) c = foldCase(c);
-  const char* entry = findShortEntry(c);
+  const auto it = std::find_if(mShortOpts.begin(), mShortOpts.end(),
+                               [&](char s) { return (mCaseSensitive ? s : foldCase(s)) == c; });
+  const char* entry = it == mShortOpts.end() ? nullptr : &*it;
   const int result = static_cast<unsigned char>(c);
 
   if (*mNextChar == '\0') ++optind;

@@ -56,7 +56,6 @@ class GetOpt {
   int parseShortOption();
   int parseLongOption();
   const Option* findLongOption(const char* name, size_t length) const;
-  const char* findShortEntry(char c) const;
   void shiftNonOpts();
 
   std::vector<const char*>& mArgs;

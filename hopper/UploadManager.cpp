@@ -222,19 +222,13 @@ bool UploadManager::uploadEntry(const std::string& localPath, const std::string&
             << std::endl;
     return false;
   }
-  switch (attributes.getType()) {
-    case TYPE_FILE:
-      return uploadFile(localPath, fileTarget, attributes.mSize, attributes.mMode & 0777);
-    case TYPE_DIRECTORY:
-      return uploadDirectory(localPath, directoryTarget);
-    case TYPE_SYMLINK:
-      mStderr << "Skipping " << localPath << " because it is a symlink" << std::endl;
-      return false;
-    case TYPE_NAMED_PIPE:
-      mStderr << "Skipping " << localPath << " because it is a named pipe" << std::endl;
-      return false;
+  const FileType type = attributes.getType();
+  if (type == TYPE_FILE) {
+    return uploadFile(localPath, fileTarget, attributes.mSize, attributes.mMode & 0777);
   }
-  HC_ASSERT_MSG(false, "unexpected file type");
+  if (type == TYPE_DIRECTORY) return uploadDirectory(localPath, directoryTarget);
+  mStderr << "Skipping " << localPath << " because it is a "
+          << (type == TYPE_SYMLINK ? "symlink" : "named pipe") << std::endl;
   return false;
 }
 

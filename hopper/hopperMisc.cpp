@@ -33,15 +33,11 @@ std::string buildStamp() {
 // Connects, sends a version request and waits for the reply to start
 // within what is left of timeoutMs; throws timedOut when it does not.
 void requestVersion(TCPStream& stream, const std::string& host, int port, int timeoutMs,
-                    bool newRequest, const char* timedOut) {
+                    void (*writeRequest)(TCPStream&), const char* timedOut) {
   Timer timer;
   timer.start();
   stream.connect(host, port, timeoutMs);
-  if (newRequest) {
-    Protocol::writeVersionRequest(stream);
-  } else {
-    Protocol::writeOldVersionRequest(stream);
-  }
+  writeRequest(stream);
   stream.flush();
   timer.stop();
   const int remaining = timeoutMs - static_cast<int>(timer.totalSeconds() * 1000);
@@ -57,7 +53,8 @@ std::string getVersionString() {
 }
 
 int connectToHopperNew(TCPStream& stream, const std::string& host, int port, int timeoutMs) {
-  requestVersion(stream, host, port, timeoutMs, true, "Handshake timed out.");
+  requestVersion(stream, host, port, timeoutMs, Protocol::writeVersionRequest,
+                 "Handshake timed out.");
   if (!stream.socket().isGood()) {
     stream.close();
     return -1;
@@ -75,7 +72,7 @@ int connectToHopperNew(TCPStream& stream, const std::string& host, int port, int
 }
 
 int connectToHopperOld(TCPStream& stream, const std::string& host, int port, int timeoutMs) {
-  requestVersion(stream, host, port, timeoutMs, false,
+  requestVersion(stream, host, port, timeoutMs, Protocol::writeOldVersionRequest,
                  "Handshake timed out for getting server version.");
   return Wire::getInt32(stream);
 }

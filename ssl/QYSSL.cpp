@@ -91,9 +91,7 @@ bool SSLSocket::isReadable() { return SSL_pending(mImpl.get()) > 0; }
 SSLProvider::SSLProvider(bool requireTrustedCerts) : mRequireTrustedCerts(requireTrustedCerts) {
   [[maybe_unused]] static const bool libraryReady =
       OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
-  const SSL_METHOD* method = TLS_method();
-  if (method == nullptr) throw std::runtime_error("TLSv1_2_method");
-  mImpl.reset(SSL_CTX_new(method));
+  mImpl.reset(SSL_CTX_new(TLS_method()));
   if (!mImpl) throw std::runtime_error("SSL_CTX_new");
   SSL_CTX* ctx = mImpl.get();
   // Pin the protocol to TLS 1.2 in both directions.
