@@ -13,17 +13,14 @@ namespace {
 
 using Words = std::vector<std::string>;
 
-// Exact names that prefix others, prefixes of rows with different values,
-// optional and required values, a row with a flag.
+// Names that prefix others, optional and required values, a row with a flag.
 int gFlag = 0;
 const option kLong[] = {{"alpha", 0, nullptr, 'a'}, {"beta", 1, nullptr, 501}, {"bet", 0, nullptr, 502},
                         {"gamma", 2, nullptr, 503}, {"gammaray", 0, nullptr, 504},
                         {"delta", 1, nullptr, 'd'}, {"flag", 0, &gFlag, 7}, {}};
 const char kShort[] = "ab:c::d:";
 
-// Scans words with the C library scanner or with GetOpt.  The trace holds
-// each result with its value, then the flag, where the positional arguments
-// start, and the final argument order.
+// Each result with its value, the flag, optind and the final argument order.
 Words scan(Words words, bool stop, bool libc) {
   std::vector<GetOpt::Option> table;
   for (const option& o : kLong) table.push_back({o.name, o.has_arg, o.flag, o.val, nullptr});
@@ -52,8 +49,6 @@ Words scan(Words words, bool stop, bool libc) {
 
 }  // namespace
 
-// Random argument vectors must be scanned exactly as the C library scanner
-// scans them, in permuting and in stop-at-first-non-option mode.
 TEST(GetOptTest, AgreesWithLibcScannerOnRandomArgumentVectors) {
   if (System::getenv("POSIXLY_CORRECT") != nullptr) GTEST_SKIP() << "library scanner would not permute";
   const Words pool = {"-a", "-b", "-bX", "-c", "-cY", "-ab", "-abZ", "-ac", "-ca", "-q", "-d", "-:",

@@ -2,21 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <sstream>
-#include <thread>
 
 #include "support/Thrown.h"
 #include "util/TCPSocket.h"
-
-TEST(MoveManagerTest, AbortKeepsTheFirstReason) {
-  std::ostringstream out, err;
-  MoveManager manager({}, false, false, -1, System::OS_LINUX, out, err);
-  manager.abort("Time limited exceeded");
-  // The signal callback runs on another thread in the real program.
-  std::thread([&] { manager.terminalSignalProcessor()(SIGTERM); }).join();
-  EXPECT_EQ(thrownMessage<std::runtime_error>([&] { manager.abortCheck(); }), "Time limited exceeded");
-}
 
 TEST(MoveManagerTest, MessagesNameHostsAndPaths) {
   std::ostringstream out, err;

@@ -1,5 +1,3 @@
-// The wire protocol unit: bounds checked before any length or size is used,
-// and reply texts kept within their limits.
 #include "hopper/Protocol.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,3 @@
-// The client's upload engine against scripted fake daemons over socket pairs.
 #include "hopper/UploadManager.h"
 
 #include <gtest/gtest.h>
@@ -97,10 +96,7 @@ TEST_F(UploadManagerTest, BeginStatusesAndReports) {
   EXPECT_EQ(err.str().find("Protocol error"), std::string::npos) << err.str();  // none without a text
 }
 
-// Wherever the daemon's position falls, the data continues from it: below
-// what went out before the head was lost (the gap goes again), or beyond what
-// this client sent. 24 MiB outgrows the socket buffers, so the head is lost
-// while most of the file is unsent.
+// Below what went out to a lost head (the gap goes again) or beyond it; 24 MiB is lost mostly unsent.
 TEST_F(UploadManagerTest, DataContinuesFromTheDaemonsPosition) {
   const std::string small = TempDir::pattern(1000000), large = TempDir::pattern(24 << 20);
   const struct { const std::string& content; long position; bool headLost; } cases[] = {
@@ -137,9 +133,7 @@ TEST_F(UploadManagerTest, RefusedFileKeepsTheConnection) {
   EXPECT_EQ(err.str(), "host2: no room on host2\nhost2: no room on host2\n");
 }
 
-// A head that stops answering, in a file's data or at the commit, ends the
-// run at the time limit with an abort on a new connection; it is not taken
-// for lost, so the next host is never tried.
+// A stalled head is aborted on a new connection at the time limit, not taken for lost.
 TEST_F(UploadManagerTest, TimeLimitEndsWaitsOnAStalledHead) {
   for (const bool inData : {true, false}) {
     FakeDaemon head(connector, "127.0.0.2"), next(connector, "127.0.0.3");
@@ -159,7 +153,6 @@ TEST_F(UploadManagerTest, TimeLimitEndsWaitsOnAStalledHead) {
   }
 }
 
-// A file that shrinks while it is sent ends the run with a read error.
 TEST_F(UploadManagerTest, FileShrinkingWhileSentEndsTheRun) {
   FakeDaemon daemon(connector, "127.0.0.2");
   const std::string path = file("f", TempDir::pattern(1000000));
@@ -172,8 +165,7 @@ TEST_F(UploadManagerTest, FileShrinkingWhileSentEndsTheRun) {
   EXPECT_EQ(daemon.allCodes(), (Codes{kNew, kBegin, kFile}));  // nothing committed
 }
 
-// An entry whose attributes cannot be read is reported and skipped; the rest
-// of the tree still goes and the run fails.
+// The rest of the tree still goes, and the run fails.
 TEST_F(UploadManagerTest, UnreadableEntriesAreReportedAndSkipped) {
   struct : FileSystem {
     std::string badEntry;

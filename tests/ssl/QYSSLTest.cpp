@@ -1,6 +1,4 @@
-// Only the access list is tested here: this tool hands the provider to the
-// cluster manager client, whose TLS session libcurl runs, and never calls the
-// provider's own handshake.
+// Only the access list: the cluster manager's TLS session is libcurl's, not the provider's.
 #include "ssl/QYSSL.h"
 
 #include <gtest/gtest.h>
