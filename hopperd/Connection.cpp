@@ -255,7 +255,11 @@ void Connection::receiveBlocks(int64_t count) {
   while (count > 0) {
     uint32_t expected = 0;
     const int length = Protocol::readBlockHeader(mStream, count, expected);
-    readBlock(mBuffer.data(), static_cast<size_t>(length));
+    const Ticks waitedBefore = mSocket->getReadTicks();
+    for (int have = 0; have < length;) {
+      have += int(readSome(mBuffer.data() + have, size_t(length - have)));
+      if (have < length) checkPace(waitedBefore);
+    }
     const uint32_t actual = CRC::crc32c(reinterpret_cast<const unsigned char*>(mBuffer.data()),
                                         static_cast<unsigned long>(length), 0);
     if (actual != expected) {
@@ -271,14 +275,6 @@ void Connection::receiveBlocks(int64_t count) {
 void Connection::checkPace(const Ticks& waitedBefore) const {
   if ((mSocket->getReadTicks() - waitedBefore).nanos() / 1000000 > mIoTimeoutMs) {
     throw LinkLost("file data slower than one block per time-out");
-  }
-}
-
-void Connection::readBlock(char* buffer, size_t n) {
-  const Ticks waitedBefore = mSocket->getReadTicks();
-  for (size_t have = 0; have < n;) {
-    have += readSome(buffer + have, n - have);
-    if (have < n) checkPace(waitedBefore);
   }
 }
 

@@ -47,7 +47,6 @@ class Connection : public SessionOwner, public std::enable_shared_from_this<Conn
   // The same for a relayed part's checked blocks; a block that fails its
   // check drops the part's staged copy and ends the connection.
   void receiveBlocks(int64_t count);
-  void readBlock(char* buffer, size_t n);
   // Throws when the waits for one block of file data passed the time-out.
   void checkPace(const Ticks& waitedBefore) const;
   // Runs step under the session's work lock while this connection owns the

@@ -26,6 +26,13 @@ Downstream::Downstream(RelayIdentity identity, std::string self, int ioTimeoutMs
 
 Downstream::~Downstream() { close(); }
 
+int Downstream::handshake(TCPStream& stream, const std::string& host, int timeoutMs) {
+  std::string address;
+  int port = kHopperDefaultPort;
+  parseHostPort(host, address, port);
+  return connectToHopper(stream, address, port, timeoutMs);
+}
+
 std::unique_ptr<TCPStream> Downstream::newStream() {
   auto stream = std::make_unique<TCPStream>();
   stream->streamBuf().setOutputBufferSize(kLinkBuffer);
@@ -40,15 +47,11 @@ std::unique_ptr<TCPStream> Downstream::newStream() {
 bool Downstream::hostStillAnswers() {
   const int limit = mCommitting ? kCommitStalls : int(mCandidates.size() - mIndex) + 1;
   if (mCancelled || ++mStalls > limit) return false;
-  std::string address;
-  int port = kHopperDefaultPort;
-  parseHostPort(mHost, address, port);
-  std::unique_ptr<TCPStream> probe = newStream();
   bool alive = false;
   std::string why;
   try {
     alive = acceptedVersion(
-        connectToHopper(*probe, address, port, std::min(kConnectTimeoutMs, mIoTimeoutMs)));
+        handshake(*newStream(), mHost, std::min(kConnectTimeoutMs, mIoTimeoutMs)));
   } catch (const std::runtime_error& e) {  // lost, refused or timed out
     why = std::string(": ") + e.what();
   }
@@ -110,16 +113,12 @@ bool Downstream::search(size_t from, BeginResult& result, const std::function<bo
 
 Downstream::Outcome Downstream::tryLink(size_t index, BeginResult& result) {
   const std::string& host = mCandidates[index];
-  std::string address;
-  int port = kHopperDefaultPort;
-  parseHostPort(host, address, port);
   mStream = newStream();
   mHost = host;
   mIndex = index;
   mStalls = 0;
   try {
-    const int version = connectToHopper(*mStream, address, port, kConnectTimeoutMs);
-    if (!acceptedVersion(version)) {
+    if (!acceptedVersion(handshake(*mStream, host, kConnectTimeoutMs))) {
       close();
       return MISMATCH;
     }

@@ -89,6 +89,8 @@ class Downstream {
   Outcome tryLink(size_t index, BeginResult& result);
   bool search(size_t from, BeginResult& result,
               const std::function<bool()>& abandoned = nullptr);
+  // Connects and shakes hands with host; its protocol version.
+  int handshake(TCPStream& stream, const std::string& host, int timeoutMs);
   std::unique_ptr<TCPStream> newStream();
   // Stall handler: wait once more while the host answers a handshake.
   bool hostStillAnswers();
@@ -103,23 +105,19 @@ class Downstream {
   // Stall handler of the reader: silence is fine unless a reply is owed.
   bool replyOverdue();
   bool sendFinal(void (*write)(TCPStream&));
-  // Waits for the replies owed, rerouting and sending write's message again
-  // when the link breaks; the last reply's text, "" when no host is left.
+  // Waits for the replies owed, resending write's message on a new link;
+  // the last reply's text, "" when no host is left.
   std::string finalReply(void (*write)(TCPStream&));
 
-  // Sends a new host every file from the one it took last.
   void resync(int64_t lastSeq, int64_t lastBytes);
   void sendHeader(const FileInfo& info, int64_t end);
-  // Sends the pending part's header and what the link misses before it.
   void openLivePart();
   // Sends the bytes [mPosition, upTo) from the staged copy, or drops the file.
   void catchUp(int64_t upTo);
-  // crc (may be null) covers all of data.
   void sendFileBytes(const char* data, size_t n, const uint32_t* crc = nullptr);
   bool sendFromCopy(const StagedFile* copy, const std::string& path, int64_t to,
                     std::string& error);
   void dropFile(const std::string& why);
-  // A part whose bytes are still owed leaves the link unusable: it is closed.
   void dropUnfinishedPart();
 
   RelayIdentity mIdentity;

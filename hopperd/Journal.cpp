@@ -104,17 +104,14 @@ int removeLeftovers(const Contents& contents) {
 }  // namespace
 
 Journal::Journal(const std::string& stateDir, std::string sessionId, std::string root)
-    : mStateDir(stateDir),
-      mPath(stateDir + "/" + sessionId + kExtension),
-      mSessionId(std::move(sessionId)),
-      mRoot(std::move(root)) {}
+    : mPath(stateDir + "/" + sessionId + kExtension), mRoot(std::move(root)) {}
 
 bool Journal::open(std::string& error) {
   mFd = System::openForWrite(mPath, 0600, O_APPEND);
   const std::string head = "R " + escape(mRoot) + "\n";
   bool ok = mFd && System::writeAll(mFd.get(), head.data(), head.size());
   if (ok) {  // the journal's own directory entry must survive a crash like its records
-    const System::FileDescriptor dir = System::openDirectory(mStateDir, true);
+    const System::FileDescriptor dir = System::openDirectory(TargetPath::directoryOf(mPath), true);
     ok = dir && System::syncFile(dir.get());
   }
   if (ok) return true;

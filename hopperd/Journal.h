@@ -35,9 +35,7 @@ class Journal {
   bool open(std::string& error);
   bool append(char kind, const std::string& path, std::string& error);
 
-  std::string mStateDir;
   std::string mPath;
-  std::string mSessionId;
   std::string mRoot;
   System::FileDescriptor mFd;
   std::set<std::string> mStagingDirs;  // recorded already

@@ -113,9 +113,8 @@ void Session::startFile(const FilePart& part, Entry* entry) {
   mDownstream.startPart(part.mInfo, part.mSeq, entry ? entry->mFile.get() : nullptr, part.mStart,
                         part.mCount);
   mCurrent = entry;
+  mPart = part;
   mOffset = part.mStart;
-  mCurrentSeq = part.mSeq;
-  mCurrentSize = part.mInfo.mSize;
 }
 
 bool Session::openFile(const FileInfo& info, int64_t& start, std::string& refusal) {
@@ -191,7 +190,6 @@ void Session::openPart(const FilePart& part) {
   }
   if (!entry && !refusal.empty()) Protocol::appendLines(mFileErrors, line(refusal));
   startFile(part, entry);
-  mPartEndsFile = part.end() == info.mSize;
 }
 
 void Session::lastFile(int64_t& seq, int64_t& bytes) const {
@@ -230,21 +228,22 @@ void Session::fileData(const char* data, size_t n, const uint32_t* blockCRC) {
 std::string Session::closeFile() {
   std::string errors;
   errors.swap(mFileErrors);
-  const bool whole = mFromClient && mSumming && mOffset == mCurrentSize;
+  const bool whole = mFromClient && mSumming && mOffset == mPart.mInfo.mSize;
   Protocol::appendLines(errors, mDownstream.finishPart());
-  const FileCheck check{mCurrentSeq, mCurrentSize, mSum};
+  const FileCheck check{mPart.mSeq, mPart.mInfo.mSize, mSum};
   // Sent before the read-back, so that every host reads its copy at once.
   if (whole) mDownstream.passCheck(check);
   // Once the head answers, the next host gets the file even if the head dies.
   if (mFromClient) mDownstream.flush();
   if (whole) Protocol::appendLines(errors, verify(mCurrent, check));
-  if (mCurrent && !mFromClient && mPartEndsFile && !mCurrent->mFailed) {
-    mAwaitingCheck = mCurrent;  // its descriptor serves the check that follows
+  // A relayed part that ends its file is followed by the file's check.
+  if (mCurrent && !mFromClient && mPart.end() == mPart.mInfo.mSize && !mCurrent->mFailed) {
+    mAwaitingCheck = mCurrent;  // its descriptor serves that check
   } else if (mCurrent) {
     mCurrent->mFile->close();
   }
   mCurrent = nullptr;
-  mFromClient = mSumming = mPartEndsFile = false;
+  mFromClient = mSumming = false;
   return errors;
 }
 

@@ -75,13 +75,12 @@ class Session {
     std::unique_ptr<StagedFile> mFile;
     FileInfo mInfo;  // the announcement the staged bytes belong to
     uint64_t mGeneration = 0;
-    int64_t mSeq = 0;  // the file's number in the upload
+    int64_t mSeq = 0;
     bool mFailed = false;
   };
 
-  // Where info goes; false with the refusal (nothing left behind).
+  // False with the refusal (nothing left behind).
   bool resolve(const FileInfo& info, TargetPath::Resolution& where, std::string& refusal);
-  // The entry of where's target, staged afresh as file seq.
   Entry* stageFresh(const FileInfo& info, int64_t seq, TargetPath::Resolution& where,
                     std::string& refusal);
   bool continueStaged(Entry* entry, std::string& refusal);
@@ -90,12 +89,12 @@ class Session {
   // The error lines when entry's copy differs from check (it is removed).
   std::string verify(Entry* entry, const FileCheck& check);
   void closeAwaitingCheck();
-  // Receives part into entry (null: not staged here) and passes it on.
+  // entry is null when the file is not staged here.
   void startFile(const FilePart& part, Entry* entry);
   bool resumable(const Entry* entry, const FileInfo& info) const;
   void keepCreatedDirs(const std::vector<std::string>& dirs);
   void runCommand(const std::string& command, std::string& errors);
-  // The parent of file's target: parent if in directory, else a fresh walk.
+  // Reuses parent while file's target is in directory, else walks afresh.
   bool walkTo(const StagedFile& file, std::string& directory, System::FileDescriptor& parent,
               std::string& error) const;
   // Commit flushes once per file system, then renames and flushes once per directory.
@@ -119,15 +118,13 @@ class Session {
   std::set<std::string> mKnownDirs;              // remote directories made
   std::vector<std::string> mCreatedDirs;         // the same, in creation order
   uint64_t mGeneration = 0;                      // counts (re)begins
-  Entry* mLast = nullptr;                        // the last announced file
+  Entry* mLast = nullptr;
   int64_t mLastSeq = 0;                          // the highest file number seen
 
   Entry* mCurrent = nullptr;  // the file being received
+  FilePart mPart;
   int64_t mOffset = 0;
-  int64_t mCurrentSeq = 0;
-  int64_t mCurrentSize = 0;
   bool mFromClient = false;  // this host is the head for it: it makes the check
-  bool mPartEndsFile = false;  // a check follows
   bool mSumming = false;     // mSum covers every byte of the file so far
   uint32_t mSum = 0;
   Entry* mAwaitingCheck = nullptr;  // relayed whole, its check still to come

@@ -1,5 +1,4 @@
-// Real hopperd processes on 127.0.0.2, 127.0.0.3, ... driven by the client's
-// upload engine in this process.
+// Real hopperd processes driven by the client's upload engine in this process.
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -16,7 +15,6 @@ namespace fs = std::filesystem;
 class ChainTest : public DaemonChainTest {
  protected:
   ~ChainTest() override { daemons.clear(); }  // the upload in flight ends before its client
-  // The name the client knows daemon i by.
   static std::string name(size_t i) { return "node" + std::to_string(i); }
   // Runs the upload of pairs on another thread until finish().
   void startUpload(const FilePairs& pairs) {
@@ -32,7 +30,6 @@ class ChainTest : public DaemonChainTest {
     }
     return result.get();
   }
-  // Starts the upload of 3,000 files of 4 KiB in 30 folders to /data/many.
   void startManySmallFiles() {
     for (unsigned i = 0; i < 3000; ++i) {
       TempDir::write(dir.file("src/many/d" + std::to_string(i % 30) + "/f" + std::to_string(i)),
@@ -40,7 +37,6 @@ class ChainTest : public DaemonChainTest {
     }
     startUpload({{dir.file("src/many"), "/data"}});
   }
-  // Each host but the one skipped holds what src holds under /data, and nothing staged.
   void expectCopied(size_t skipped) {
     for (size_t i = 0; i < daemons.size(); ++i) {
       if (i == skipped) continue;
@@ -48,9 +44,7 @@ class ChainTest : public DaemonChainTest {
       EXPECT_TRUE(filesUnder(root(i), true).empty()) << i;
     }
   }
-  // Four daemons take a small file, then 64 MB. The middle daemon is stopped
-  // in the big one (nothing is visible anywhere yet), then killed or left
-  // stopped past the link's time-out. The others get both files.
+  // The second of four daemons is stopped in a big file, then killed or left stopped.
   bool pauseTheMiddleHost(bool kill) {
     start(4, {"--io-timeout=" + std::string(kill ? "30" : "2")});
     TempDir::write(dir.file("src/first"), 1000, 1, fs::perms(0644));
@@ -90,8 +84,7 @@ TEST_F(ChainTest, MiddleHostStoppedInAFileIsDroppedAfterTheTimeOut) {
   EXPECT_FALSE(fs::exists(root(1) + "/data/big"));
 }
 
-// A middle host stopped while small files flow, then killed, loses files it
-// took but never passed on: the head sends them again from its staged copies.
+// The head sends again from its staged copies what a killed middle host never passed on.
 TEST_F(ChainTest, FilesInFlightPastAKilledMiddleHostAreSentAgain) {
   start(4);
   startManySmallFiles();
@@ -107,8 +100,7 @@ TEST_F(ChainTest, FilesInFlightPastAKilledMiddleHostAreSentAgain) {
   expectCopied(1);
 }
 
-// The head dies holding small files it has confirmed to the client but not
-// yet passed on: the next host gets them all again.
+// Files the dead head confirmed to the client but never passed on reach the others.
 TEST_F(ChainTest, HeadKilledInATreeLeavesNoFileMissingOnTheOthers) {
   start(3);
   startManySmallFiles();
@@ -119,8 +111,7 @@ TEST_F(ChainTest, HeadKilledInATreeLeavesNoFileMissingOnTheOthers) {
   expectCopied(0);
 }
 
-// A host that refuses a file still passes it on; its refusal fails the run.
-// The head and the tail receive each byte once (their logs say).
+// A host that refuses a file still passes it on; each byte reaches the others once.
 TEST_F(ChainTest, AFileAMiddleHostRefusesReachesTheOthersAndFailsTheRun) {
   start(3);
   TempDir::write(root(1) + "/data/sub", 3, 3, fs::perms(0644));  // a file where a folder goes

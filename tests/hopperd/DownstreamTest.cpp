@@ -14,9 +14,7 @@
 
 namespace {
 
-// Serves the link's first connection on a thread: accepts the upload (the
-// host holds no file yet), then serve(fd, link). Later connections (probes
-// of a silent host) are refused.
+// Accepts the link's first connection (holding no file yet), then serve(fd, link); refuses probes.
 class ScriptedHost : public Connector {
  public:
   explicit ScriptedHost(std::function<void(int, TCPStream&)> serve) : mServe(std::move(serve)) {}
@@ -70,9 +68,7 @@ void waitUntilRead(int fd) {
 
 }  // namespace
 
-// The host's commit reply is taken by the link's reader before the link's
-// writer records sending the commit (a fast host, a descheduled writer): it
-// still answers that commit, and the host is not reported lost.
+// A fast host's commit reply read before the writer records the commit still answers it.
 TEST(DownstreamReplyTest, ACommitReplyReadBeforeTheCommitIsRecordedStillCounts) {
   std::promise<void> taken;
   ScriptedHost host([&taken](int fd, TCPStream& link) {
@@ -93,9 +89,7 @@ TEST(DownstreamReplyTest, ACommitReplyReadBeforeTheCommitIsRecordedStillCounts) 
   EXPECT_TRUE(link.lostHosts().empty());
 }
 
-// A part that went on only in part, then the file resumed further on (as
-// after a head change): the link gets the missing bytes from the staged copy
-// first, and what the live data did not bring when the part ends.
+// A file resumed further on (a head change): the link gets the gap from the staged copy.
 TEST(DownstreamReplyTest, TheLinkGetsWhatItMissesFromTheStagedCopy) {
   TempDir dir;
   const std::string content = TempDir::pattern(300000);
@@ -106,7 +100,6 @@ TEST(DownstreamReplyTest, TheLinkGetsWhatItMissesFromTheStagedCopy) {
   ASSERT_TRUE(copy.create(root.get(), nullptr, error)) << error;
   ASSERT_TRUE(copy.append(content.data(), 200000, error)) << error;
   {
-    // Each part must continue the bytes before it.
     ScriptedHost host([&received](int, TCPStream& link) {
       while (Protocol::readCode(link) == H2H_FILE_PART) {
         const FilePart part = Protocol::readFilePart(link);
