@@ -64,7 +64,6 @@ class Logger : public AbstractLogger {
   // The current output; only to be written while holding a Sentry.
   std::ostream* getStream() { return mOutputStream; }
   bool debug() const { return (mGlobalMask & LOG_DEBUG) != 0; }
-  const std::string& getPath() const { return mPath; }
 
   int accepts() override { return mGlobalMask; }
   void start(int mask, LogStream& stream) override;

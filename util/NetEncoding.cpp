@@ -84,20 +84,14 @@ long convertTimeToNetFormat(long t) { return t; }
 
 namespace {
 
-// A trusted list: count default elements, read in place; the target is
+// A trusted list: count default elements, read in place, so the target is
 // replaced even when the stream raises part-way.
 template <typename List, typename ReadElement>
 void readTrustedList(TCPStream& s, List& value, ReadElement readElement) {
   const int count = System::readInt32(s);
   if (count < 0) throw std::length_error("negative list count");
-  List result(static_cast<size_t>(count));
-  try {
-    for (auto& element : result) readElement(element);
-  } catch (...) {
-    value.swap(result);
-    throw;
-  }
-  value.swap(result);
+  value = List(static_cast<size_t>(count));
+  for (auto& element : value) readElement(element);
 }
 
 }  // namespace

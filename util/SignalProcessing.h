@@ -69,8 +69,6 @@ class SignalProcessing {
   void setObserver(Observer observer);
 
   State state();
-  // The dispatcher's thread while running; 0 otherwise.
-  ThreadId dispatcherThread();
 
   // Separate instances exist only for tests; the programs use getInstance().
   SignalProcessing() = default;

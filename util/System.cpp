@@ -16,8 +16,6 @@
 #include <thread>
 #include <utility>
 
-#include "util/Assert.h"
-
 extern char** environ;
 
 namespace System {
@@ -37,16 +35,8 @@ OSID makeOSID(const char* name) {
 }
 
 bool fileExists(const std::string& path, SymLinkMode mode) {
-  switch (mode) {
-    case FOLLOW_SYMLINK:
-      return ::access(path.c_str(), F_OK) == 0;
-    case DONT_FOLLOW_SYMLINK: {
-      FileAttributes attrs;
-      return attrs.stat(path, DONT_FOLLOW_SYMLINK);
-    }
-  }
-  HC_ASSERT(false);
-  return false;
+  if (mode == FOLLOW_SYMLINK) return ::access(path.c_str(), F_OK) == 0;
+  return FileAttributes().stat(path, DONT_FOLLOW_SYMLINK);
 }
 
 int remove(const std::string& path, bool) {

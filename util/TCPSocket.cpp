@@ -366,8 +366,7 @@ int TCPSocket::read(char* buffer, int length) {
     if (!secureHasBufferedData() && !await(POLLIN, mReadTimeout, true)) return -1;
     n = mSecureSocket->read(buffer, length);
   } else {
-    // Only an empty socket waits, in poll where the limits apply. After a
-    // read that emptied the socket the next one waits first: trying at once
+    // After a read that emptied the socket, wait first: trying at once
     // would mostly cost a call for nothing.
     if (limitReached()) return -1;
     if (mDrained && !await(POLLIN, mReadTimeout, true)) return -1;
@@ -395,18 +394,16 @@ int TCPSocket::write(const char* first, int firstLength, const char* second,
     return 0;
   }
   const Ticks start = Ticks::currentTime();
-  // A bounded write waits in poll and sends only what the socket takes at
-  // once; an unbounded one may block in send.
+  // A bounded write waits in poll, not in send; a plain socket waits only
+  // when it is full.
   const bool bounded = writesBounded();
   int done = 0;
-  // A plain socket tries the send first and waits only when it is full.
   bool wait = mSecureSocket != nullptr;
   if (bounded && !wait && limitReached()) return 0;
   while (done < length) {
     if (bounded && wait && !await(POLLOUT, mWriteTimeout, true)) break;
     wait = mSecureSocket != nullptr;
     ssize_t n;
-    // What is left: the rest of first, then the rest of second.
     iovec parts[2];
     int count = 0;
     if (done < firstLength) {
@@ -452,8 +449,7 @@ bool TCPSocket::sendFile(int fd, int64_t offset, int64_t count, int blockSize,
   if (!mFd.valid()) return fail(EBADF);
   // A secure layer or a spy must see the bytes, which the kernel moves here.
   if (mSecureSocket || mSpy) return fail(EOPNOTSUPP);
-  // sendfile takes no MSG_DONTWAIT, so a bounded send makes the socket
-  // non-blocking once per call (not per block) to wait in await().
+  // sendfile takes no MSG_DONTWAIT: a bounded send is non-blocking per call.
   const bool bounded = writesBounded();
   std::optional<NonBlockingScope> nonBlocking;
   if (bounded && !nonBlocking.emplace(mFd.get()).active()) return fail(EOPNOTSUPP);
@@ -463,7 +459,6 @@ bool TCPSocket::sendFile(int fd, int64_t offset, int64_t count, int blockSize,
     const Ticks start = Ticks::currentTime();
     int sent = 0;
     int error = 0;
-    // As in write(): wait only when the socket is full.
     if (bounded && limitReached()) error = mLastError;
     while (sent < block && error == 0) {
       off_t at = static_cast<off_t>(offset + done + sent);

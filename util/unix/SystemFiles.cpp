@@ -55,6 +55,19 @@ struct RawDirEntry {
 
 const std::size_t kDirBufferSize = 5370;
 
+// Calls readAt(done) until n bytes or end of file: the count, or -1 on error.
+template <typename ReadAt>
+ssize_t readUntilFull(size_t n, ReadAt readAt) {
+  size_t done = 0;
+  while (done < n) {
+    const ssize_t r = readAt(done);
+    if (r < 0) return -1;
+    if (r == 0) break;
+    done += static_cast<size_t>(r);
+  }
+  return static_cast<ssize_t>(done);
+}
+
 }  // namespace
 
 bool FileAttributes::stat(const std::string& path, SymLinkMode mode) {
@@ -230,26 +243,14 @@ ssize_t preadSome(int fd, void* buf, size_t n, int64_t offset) {
 
 ssize_t readFull(int fd, void* buf, size_t n) {
   char* p = static_cast<char*>(buf);
-  size_t done = 0;
-  while (done < n) {
-    const ssize_t r = readSome(fd, p + done, n - done);
-    if (r < 0) return -1;
-    if (r == 0) break;
-    done += static_cast<size_t>(r);
-  }
-  return static_cast<ssize_t>(done);
+  return readUntilFull(n, [&](size_t done) { return readSome(fd, p + done, n - done); });
 }
 
 ssize_t preadFull(int fd, void* buf, size_t n, int64_t offset) {
   char* p = static_cast<char*>(buf);
-  size_t done = 0;
-  while (done < n) {
-    const ssize_t r = preadSome(fd, p + done, n - done, offset + static_cast<int64_t>(done));
-    if (r < 0) return -1;
-    if (r == 0) break;
-    done += static_cast<size_t>(r);
-  }
-  return static_cast<ssize_t>(done);
+  return readUntilFull(n, [&](size_t done) {
+    return preadSome(fd, p + done, n - done, offset + static_cast<int64_t>(done));
+  });
 }
 
 int64_t seek(int fd, int64_t offset, int whence) {
