@@ -12,7 +12,8 @@ SessionTable::SessionTable(const DaemonConfig& config) : mConfig(config) {}
 std::string SessionTable::newSessionId() {
   std::random_device random;
   char id[33];
-  std::snprintf(id, sizeof id, "%08x%08x%08x%08x", random(), random(), random(), random());
+  std::snprintf(id, sizeof id, "%08x%08x%08x%08x", unsigned(random()), unsigned(random()),
+                unsigned(random()), unsigned(random()));
   return id;
 }
 

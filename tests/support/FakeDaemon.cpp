@@ -32,7 +32,6 @@ struct FakeDaemon::Session {
   Script script;
   bool open = false;  // a begin was accepted on this connection
   long dataBytes = 0;
-  int answering = -1;  // the message the next reply answers
 
   std::string readExact(size_t n, bool isData = false) {
     std::string out(n, '\0');
@@ -62,10 +61,6 @@ struct FakeDaemon::Session {
 
   void reply(const std::string& bytes) {
     std::this_thread::sleep_for(std::chrono::milliseconds(script.replyDelayMs));
-    if (script.cutReplyTo >= 0 && answering == script.cutReplyTo) {
-      socket.write(bytes.data(), std::min(script.cutReplyBytes, int(bytes.size())));
-      throw ConnectionEnded();
-    }
     if (socket.write(bytes.data(), int(bytes.size())) != int(bytes.size())) throw ConnectionEnded();
   }
 
@@ -78,7 +73,6 @@ struct FakeDaemon::Session {
   }
 
   void seen(int code) {
-    answering = code;
     std::function<void(int)> hook;
     {
       std::lock_guard<std::mutex> lock(daemon.mMutex);

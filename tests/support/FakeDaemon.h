@@ -69,11 +69,6 @@ class FakeDaemon {
     long stallAfterDataBytes = -1;
     bool answerCommit = true;
     int replyDelayMs = 0;           // wait before every reply
-    // Like a daemon dying part way through an item: of the reply to the
-    // message cutReplyTo (kDataReceived: the reply after a file's data),
-    // send only the first cutReplyBytes bytes, then close.
-    int cutReplyTo = -1;
-    int cutReplyBytes = 0;
   };
 
   struct Connection {
