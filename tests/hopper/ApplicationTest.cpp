@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <deque>
 #include <functional>
 #include <iostream>
 #include <stdexcept>
@@ -33,7 +34,7 @@ class TestApp : public Application {
   // Runs start over words (argv[0] first); err gets its standard error.
   int startWith(Words words) {
     std::vector<char*> argv;
-    for (std::string& w : words) argv.push_back(&w[0]);
+    for (std::string& w : kept.emplace_back(std::move(words))) argv.push_back(&w[0]);
     testing::internal::CaptureStderr();
     const int status = start(static_cast<int>(argv.size()), argv.data());
     err = testing::internal::GetCapturedStderr();
@@ -43,6 +44,7 @@ class TestApp : public Application {
   std::function<int()> body = [] { return 0; };
   std::function<void()> onTerminate = [] {};
   std::string defaultLog, calls, err;  // calls: U usage, R run, T terminate
+  std::deque<Words> kept;  // the options point into the words they came from
 };
 
 }  // namespace
